@@ -21,15 +21,15 @@ constexpr long double TWO_M64 = 5.42101086242752217003726400434970855712890625e-
 constexpr double TWO_62 = 4611686018427387904.0;
 
 // The limbs read most significant first, as a long double whose top limb is
-// an integer: later limbs are added at falling scales until they no longer
-// change the sum. The sign is applied, no exponent.
+// an integer: later limbs are added at falling scales until the unit of the
+// next one no longer changes the sum. The sign is applied, no exponent.
 long double limbsum(mp_srcptr up, mp_size_t size, mp_size_t sign) {
   long double sum = static_cast<long double>(static_cast<mp_limb_t>(up[size - 1]));
   long double scale = TWO_M64;
   for (mp_size_t i = size - 2; i >= 0; i--) {
-    if (sum + scale == sum) break;
     sum += static_cast<long double>(static_cast<mp_limb_t>(up[i])) * scale;
     scale *= TWO_M64;
+    if (sum + scale == sum) break;
   }
   return sign < 0 ? -sum : sum;
 }

@@ -43,6 +43,18 @@ inline void atomicaddint(int arg, volatile int* obj) {
 
 inline void memorybarrier() { __atomic_thread_fence(__ATOMIC_SEQ_CST); }
 
+// Plain reads and writes of a shared word, made atomic so that they are never
+// torn or cached and the thread sanitizer sees them for what they are.
+template <typename T>
+inline T atomicload(const volatile T* obj) {
+  return __atomic_load_n(obj, __ATOMIC_SEQ_CST);
+}
+
+template <typename T>
+inline void atomicstore(volatile T* obj, T value) {
+  __atomic_store_n(obj, value, __ATOMIC_SEQ_CST);
+}
+
 inline void atomicaddintbarrier(int arg, volatile int* obj) {
   memorybarrier();
   __atomic_add_fetch(obj, arg, __ATOMIC_SEQ_CST);

@@ -1,4 +1,4 @@
-// HFLOAT and HFLOATCOMPLEX arithmetic: the documented corner cases bit for
+// HFLOAT and HFLOATCOMPLEX arithmetic: its corner cases bit for
 // bit, and every operation against exact GMP arithmetic over many random
 // operands (fixed seeds, so a failure reproduces).
 //
@@ -292,7 +292,7 @@ bool iszero(HFLOATCOMPLEX p) { return p.mantissax == 0 && p.mantissay == 0; }
 
 // ================================================================ constants
 
-TEST(HFloatConstants, BitsAsDocumented) {
+TEST(HFloatConstants, BitsOfEachConstant) {
   EXPECT_TRUE(Same(ZEROH, HFLOAT{0, 0}));
   EXPECT_TRUE(Same(ONEH, HFLOAT{0x2000000000000000, 1}));
   EXPECT_TRUE(Same(TWOH, HFLOAT{0x2000000000000000, 2}));
@@ -724,7 +724,7 @@ TEST(HFloatEdge, UsableValuesAreNotFlaggedAsNaN) {
 // normal mantissas with the range ends over-represented, zeros, complex
 // values with a zero, tiny, equal or shifted smaller part, exponent
 // differences across and beyond the 64-bit window, and exponent sums near
-// the saturation bounds. Where the rules give exact bits (zero operands,
+// the saturation bounds. Where the result is fixed bit for bit (zero operands,
 // operands too far apart, saturation) the bits are asserted; elsewhere the
 // error bound stated above each test, and the normal form of the result.
 
@@ -1503,7 +1503,8 @@ TEST(HFloatRandom, CHF) {
     exact(G, gotsmall, c.exponent);
     exact(U, 1, c.exponent);
     mpf_add(U, U, G);
-    if (mpf_cmp(G, A) > 0 || mpf_cmp(A, U) >= 0) f.fail(i, ctx() + "smaller part must be truncated toward minus infinity");
+    if (mpf_cmp(G, A) > 0 || mpf_cmp(A, U) >= 0)
+      f.fail(i, ctx() + "smaller part must be truncated toward minus infinity");
   }
 }
 
