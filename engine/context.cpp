@@ -1,0 +1,388 @@
+// The engine object's life: sizing every pool from one memory budget at
+// start, starting and stopping the threads, and the memory report.
+//
+// All memory is budgeted up front from `totalmemory`: the pools have fixed
+// sizes derived from it and from constants, and what remains after them
+// becomes the Julia cache. `initcontext` and `freecontext` run on the
+// application's thread, before and after every other thread.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "Mandelbrot.h"
+#include "pool.h"
+
+namespace {
+
+constexpr int ONSTACK = offsetof(WORKER, nextonstack);
+constexpr int PREPIXELSONSTACK = offsetof(PREPIXELS, nextonstack);
+constexpr int64_t GIB = 0x40000000;
+constexpr size_t MAINSTACK = 0x400000;  // thread_main recurses through the area tree
+constexpr int64_t JULIACACHEALL = 0x6000000000;  // a rest this large keeps the full cache
+// One block of memory slots: 256 tiles.
+constexpr int64_t JULIACACHEBLOCKBYTES = JULIACACHETILEBYTES << NMEMJULIACACHEBLOCKSIZESHIFT;
+
+// Area records by budget; each step includes its upper limit.
+int areapoolsize(int64_t totalmemory) {
+  if (totalmemory <= 2 * GIB) return 200000;
+  if (totalmemory <= 4 * GIB) return 400000;
+  if (totalmemory <= 8 * GIB) return 1000000;
+  return 2000000;
+}
+
+unsigned int prepixelspoolsize(int64_t totalmemory) {
+  int64_t n = totalmemory / (12 * static_cast<int64_t>(sizeof(PREPIXELS)));
+  return static_cast<unsigned int>(n < 4096 ? (n < 0 ? 0 : n) : 4096);
+}
+
+// One pool block, counted against the budget.
+template <typename T>
+bool allocblock(OVCONTEXT* context, T** block, size_t n, bool zero = false) {
+  *block = static_cast<T*>(zero ? calloc(n, sizeof(T)) : malloc(n * sizeof(T)));
+  context->mem_fixedmemtotal += static_cast<int64_t>(n * sizeof(T));
+  return *block != nullptr;
+}
+
+void sizepools(OVCONTEXT* context, int ntexture, const char* tmpdirectory) {
+  context->na = areapoolsize(context->totalmemory);
+  context->ntexture = 2 * ntexture;
+  context->nmemtexture = ntexture;
+  context->njuliacache = NJULIACACHE;
+  context->njuliacachefile = NJULIACACHE;
+  context->nmemjuliacache = 262144;
+  context->nnode = 262144;
+  context->ntask = 1024;
+  context->nworkerall = 65536;
+  context->nprepixels = prepixelspoolsize(context->totalmemory);
+  context->nhpvalue = 131072;
+  snprintf(context->juliacachetmpfilename, sizeof context->juliacachetmpfilename,
+           "%sjuliacache.data", tmpdirectory ? tmpdirectory : "");
+  context->juliacachetmpfile = -1;
+}
+
+bool allocpools(OVCONTEXT* context) {
+  size_t js = static_cast<size_t>(context->juliasize) * context->juliasize;
+  if (!allocblock(context, &context->jsref, js)) return false;
+  if (!allocblock(context, &context->jsnext, js)) return false;
+  if (!allocblock(context, &context->a, context->na)) return false;
+  if (!allocblock(context, &context->task, context->ntask)) return false;
+  // Zeroed, so that the flags of records never handed out read as unused.
+  if (!allocblock(context, &context->hpvalue, context->nhpvalue, true)) return false;
+  if (!allocblock(context, &context->workerall, context->nworkerall)) return false;
+  if (!allocblock(context, &context->texture, context->ntexture, true)) return false;
+  if (!allocblock(context, &context->juliacache, context->njuliacache)) return false;
+  if (!allocblock(context, &context->juliacachefile, context->njuliacachefile)) return false;
+  // Pixel blocks are made on demand; their budget is set aside now.
+  context->mem_fixedmemtotal += static_cast<int64_t>(context->nprepixels) * sizeof(PREPIXELS);
+  return allocblock(context, &context->node, context->nnode);
+}
+
+void numberrecords(OVCONTEXT* context) {
+  for (int i = 0; i < context->ntexture; i++) {
+    TEXTURE* t = &context->texture[i];
+    t->offset = static_cast<int64_t>(i) << 18;
+    t->pixels = nullptr;
+    t->texture = -1;
+  }
+  for (int i = 0; i < context->njuliacache; i++) {
+    context->juliacache[i].ijuliacache = i;
+    context->juliacache[i].flags = JCF_FREE;
+  }
+  for (int i = 0; i < context->njuliacachefile; i++) {
+    context->juliacachefile[i].ijuliacache = i + context->njuliacache;
+    context->juliacachefile[i].flags = JCF_FREE;
+  }
+}
+
+void emptyqueues(OVCONTEXT* context) {
+  for (FIFO* f : {&context->workerchain, &context->wworkergl, &context->wmain,
+                  &context->wmainhelper, &context->computer, &context->prepixelschain,
+                  &context->areawaitingforprepixel})
+    initfifo(f);
+  for (CHAIN* c : {&context->vpactivechain, &context->taskchain, &context->realmchain,
+                   &context->achain, &context->texturechain, &context->texturememchain,
+                   &context->juliacachememchain, &context->datadelchain, &context->hpdatadelchain,
+                   &context->refdelchain, &context->rnode})
+    initchain(c);
+  memset(context->ijuliacacheprogram, 0, sizeof context->ijuliacacheprogram);
+  memset(context->idleworker, 0, sizeof context->idleworker);
+  context->ijuliacachepp = 0;
+  context->idleworkermaxprio = -1;
+}
+
+void initgroups(OVCONTEXT* context) {
+  for (int i = 0; i < context->nthread; i++) {
+    context->threadcontext[i].context = context;
+    context->threadcontext[i].thread = i;
+    context->threadcontext[i].canvas = nullptr;
+  }
+  initgroup(&context->grmain, 1);
+  initgroup(&context->grmainhelper, 1);
+  initgroup(&context->grworker, context->nthread - 3);
+  if (!(context->flags & OVCONTEXT_TEXTURE_MEM)) initgroup(&context->grworkergl, 1);
+}
+
+// Every priority starts with one dummy node, both head and tail.
+void resetpriotable(OVCONTEXT* context) {
+  for (int i = 0; i < context->nnode; i++) chaininsend(&context->rnode, &context->node[i].delchain);
+  context->inode = 0;
+  for (int p = 0; p < NWORKERPRIO; p++) {
+    CHAIN* c = context->rnode.prev;
+    chainrem(c);
+    context->inode++;
+    NODE* dummy = CHAINRECORD(c, NODE, delchain);
+    dummy->next = nullptr;
+    dummy->prev = nullptr;
+    dummy->w = nullptr;
+    context->workerprio[p][0] = dummy;
+    context->workerprio[p][1] = dummy;
+  }
+  context->wworkermindepth = 0;
+}
+
+void resetpools(OVCONTEXT* context) {
+  for (int i = 0; i < context->nworkerall; i++)
+    atomicfifoenqueue(&context->workerchain, &context->workerall[i], ONSTACK);
+  context->iworkerall = 0;
+  resetpool(context->a, &context->ra);
+  resetpool(context->task, &context->rtask);
+  resetpool(context->hpvalue, &context->rhpvalue, &HPVALUE::next);
+  resetpool(context->texture, &context->rtexture);
+  resetpool(context->juliacache, &context->rjuliacache);
+  resetpool(context->juliacachefile, &context->rjuliacachefile);
+  context->ia = context->itask = context->ihpvalue = context->itexture = 0;
+  context->ijuliacache = context->ijuliacachefile = 0;
+  resetpriotable(context);
+}
+
+// The application's tile memory: one 256 KiB slice per tile. A free record
+// may own storage, so these stay on the free list while they carry it.
+void givetilememory(OVCONTEXT* context, void* texturedata) {
+  char* base = static_cast<char*>(texturedata);
+  for (int i = 0; i < context->nmemtexture && base; i++) {
+    TEXTURE* t = &context->texture[i];
+    t->pixels = base + (static_cast<size_t>(i) << 18);
+    t->texture = i;
+    chaininsend(&context->texturememchain, &t->memchain);
+    context->itexturememchain++;
+  }
+}
+
+// What remains of the budget after the pools becomes the Julia cache.
+void budgetjuliacache(OVCONTEXT* context) {
+  int64_t rest = context->totalmemory - context->mem_fixedmemtotal - context->mem_hpvalue -
+                 context->mem_envrefdata -
+                 static_cast<int64_t>(context->nprepixels) * sizeof(PREPIXELS);
+  if (rest >= JULIACACHEALL) {
+    context->nmemjuliacache = 262144;
+  } else {
+    int64_t blocks = rest / JULIACACHEBLOCKBYTES;
+    context->nmemjuliacache = static_cast<unsigned int>((blocks < 1 ? 1 : blocks) * 256);
+  }
+  int side = context->juliasize / 256;
+  int n = (static_cast<int>(context->nmemjuliacache) - context->njuliapp) / (side * side + 1);
+  context->ncomputejuliastack = n < 10 ? n : 10;
+}
+
+bool startthread(OVCONTEXT* context, int i, void* (*proc)(void*), size_t minstack) {
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  size_t stack = 0;
+  pthread_attr_getstacksize(&attr, &stack);
+  if (stack < minstack) pthread_attr_setstacksize(&attr, minstack);
+  bool ok = pthread_create(&context->thread[i], &attr, proc, &context->threadcontext[i]) == 0;
+  pthread_attr_destroy(&attr);
+  context->threadcontext[i].active = ok;
+  return ok;
+}
+
+bool startthreads(OVCONTEXT* context) {
+  for (THREADGROUP* g : {&context->grworker, &context->grmain, &context->grmainhelper,
+                         &context->grworkergl})
+    atomicstore(&g->stop, false);
+  if (!startthread(context, 0, thread_main, MAINSTACK)) return false;
+  if (!(context->flags & OVCONTEXT_NO_GLTHREAD) && !startthread(context, 1, thread_glworker, 0))
+    return false;
+  if (!startthread(context, 2, thread_mainhelper, 0)) return false;
+  for (int i = 3; i < context->nthread; i++)
+    if (!startthread(context, i, thread_worker, 0)) return false;
+  return true;
+}
+
+// The swap file is opened if it exists; a missing one is made at first need.
+void worker_relaunch(OVCONTEXT* context, WORKER* worker) {
+  if (context->juliacachetmpfile < 0)
+    context->juliacachetmpfile = open(context->juliacachetmpfilename, O_RDWR, 0600);
+  freeworker(context, worker);
+}
+
+bool dispatchrelaunch(OVCONTEXT* context) {
+  WORKER* worker = addworker(context, THREAD_MAIN, worker_relaunch);
+  if (!worker) return false;
+  dispatch(context, worker);
+  return true;
+}
+
+void wakeall(THREADGROUP* group) {
+  pthread_mutex_lock(&group->mutex);
+  pthread_cond_broadcast(&group->cond);
+  pthread_mutex_unlock(&group->mutex);
+}
+
+void join(OVCONTEXT* context, int i) {
+  if (!context->threadcontext[i].active) return;
+  pthread_join(context->thread[i], nullptr);
+  context->threadcontext[i].active = false;
+}
+
+int64_t hpvaluelimbbytes(const HPVALUE* h) {
+  return 8 * (static_cast<int64_t>(h->v[0]->_mp_prec + 1) + (h->v[1]->_mp_prec + 1));
+}
+
+void clearlimbs(OVCONTEXT* context, HPVALUE* h) {
+  context->mem_hpvalue -= hpvaluelimbbytes(h);
+  mpf_clear(h->v[0]);
+  mpf_clear(h->v[1]);
+  h->flags &= ~HPV_LIMBS;
+}
+
+void freeprepixels(OVCONTEXT* context) {
+  while (void* p = atomicfifodequeue(&context->prepixelschain, PREPIXELSONSTACK)) free(p);
+}
+
+}  // namespace
+
+bool initcontext(OVCONTEXT* context, int64_t totalmemory, int nthread, int juliastacksizeshift,
+                 int ntexture, void* texturedata, TEXTUREINITCALLBACK initcallback,
+                 SIMPLECALLBACK donecallback, TEXTUREUPLOADCALLBACK textureuploadcallback,
+                 SIMPLECALLBACK stringscallback, void* glthreadpdata, const char* tmpdirectory,
+                 unsigned int flags) {
+  mpf_init2(context->dsmall, 64);
+  context->totalmemory = totalmemory;
+  context->nthread = nthread < NTHREADMAX ? nthread : NTHREADMAX;
+  context->initcallback = initcallback;
+  context->donecallback = donecallback;
+  context->textureuploadcallback = textureuploadcallback;
+  context->stringscallback = stringscallback;
+  context->glthreadpdata = glthreadpdata;
+  context->flags = flags;
+  context->mem_fixedmemtotal = 0;
+  context->mem_envrefdata = 0;
+  context->mem_hpvalue = 0;
+
+  context->juliasizeshift = juliastacksizeshift;
+  context->juliasize = 1 << juliastacksizeshift;
+  context->njuliapp = (context->juliasize / 256) * (context->juliasize / 256);
+  context->njuliacacheprogram = context->njuliapp * 65536;
+  if (!textureuploadcallback) context->flags |= OVCONTEXT_NO_GLTHREAD | OVCONTEXT_TEXTURE_MEM;
+
+  sizepools(context, ntexture, tmpdirectory);
+  if (!allocpools(context)) return false;
+  numberrecords(context);
+  emptyqueues(context);
+  initgroups(context);
+  resetpools(context);
+  givetilememory(context, texturedata);
+  if (!startthreads(context)) return false;
+  budgetjuliacache(context);
+  return dispatchrelaunch(context);
+}
+
+bool relaunchcontext(OVCONTEXT* context) {
+  if (!atomicload(&context->grmain.stop)) return false;
+  if (!startthreads(context)) return false;
+  return dispatchrelaunch(context);
+}
+
+void shutdowncontext(OVCONTEXT* context, bool cachejc) {
+  (void)cachejc;
+  if (atomicload(&context->grmain.stop)) return;
+  for (THREADGROUP* g : {&context->grworker, &context->grmain, &context->grmainhelper,
+                         &context->grworkergl})
+    atomicstore(&g->stop, true);
+  wakeall(&context->grworker);
+  wakeall(&context->grmainhelper);
+  wakeall(&context->grmain);
+  if (!(context->flags & OVCONTEXT_NO_GLTHREAD)) wakeall(&context->grworkergl);
+  join(context, 0);
+  join(context, 2);
+  for (int i = 3; i < context->nthread; i++) join(context, i);
+  if (!(context->flags & OVCONTEXT_NO_GLTHREAD)) join(context, 1);
+  run(context);  // what is still queued runs to its end, every stop flag set
+  for (int i = 0; i < context->nhpvalue; i++) {
+    HPVALUE* h = &context->hpvalue[i];
+    if ((h->flags & HPV_FREE) && (h->flags & HPV_LIMBS)) clearlimbs(context, h);
+  }
+  freeprepixels(context);
+}
+
+void freecontext(OVCONTEXT* context) {
+  shutdowncontext(context, false);
+  for (int i = 0; i < context->nhpvalue; i++)
+    if (context->hpvalue[i].flags & HPV_LIMBS) clearlimbs(context, &context->hpvalue[i]);
+  mpf_clear(context->dsmall);
+  freegroup(&context->grmain);
+  freegroup(&context->grmainhelper);
+  freegroup(&context->grworker);
+  if (!(context->flags & OVCONTEXT_TEXTURE_MEM)) freegroup(&context->grworkergl);
+  for (void* block : {static_cast<void*>(context->a), static_cast<void*>(context->texture),
+                      static_cast<void*>(context->juliacache),
+                      static_cast<void*>(context->juliacachefile),
+                      static_cast<void*>(context->workerall), static_cast<void*>(context->node),
+                      static_cast<void*>(context->task), static_cast<void*>(context->jsref),
+                      static_cast<void*>(context->jsnext), static_cast<void*>(context->hpvalue)})
+    free(block);
+  for (void*& block : context->juliacachedata) {
+    free(block);
+    block = nullptr;
+  }
+  if (context->juliacachetmpfile >= 0) close(context->juliacachetmpfile);
+  context->juliacachetmpfile = -1;
+}
+
+void memdump(OVCONTEXT* context) {
+  fprintf(stderr, "sizeof(OVCONTEXT): %zu\nsizeof(WORKER): %zu\nsizeof(NODE): %zu\n",
+          sizeof(OVCONTEXT), sizeof(WORKER), sizeof(NODE));
+  fprintf(stderr, "sizeof(AREA): %zu\nsizeof(REALM): %zu\nsizeof(TEXTURE): %zu\n", sizeof(AREA),
+          sizeof(REALM), sizeof(TEXTURE));
+  fprintf(stderr, "sizeof(HPVALUE): %zu\nsizeof(ENVIRONMENT): %zu\nsizeof(JULIACACHE): %zu\n",
+          sizeof(HPVALUE), sizeof(ENVIRONMENT), sizeof(JULIACACHE));
+  fprintf(stderr, "sizeof(PREPIXELS): %zu\n", sizeof(PREPIXELS));
+  int withmemcount = 0, witharea = 0, shared = 0;
+  for (int i = 0; i < context->ntexture; i++) {
+    const TEXTURE* t = &context->texture[i];
+    if (t->flags == T_FREE) continue;
+    withmemcount += t->memcount != 0;
+    witharea += t->area != nullptr;
+    shared += t->area != nullptr && t->count > 1;
+  }
+  int blocks = 0;
+  for (void* block : context->juliacachedata) blocks += block != nullptr;
+  fprintf(stderr, "iprepixels: %i\n", context->iprepixels);
+  fprintf(stderr, "ntexture: %i\n", context->ntexture);
+  fprintf(stderr, "itexture: %i\n", context->itexture);
+  fprintf(stderr, "itexturememchain: %i\n", context->itexturememchain);
+  fprintf(stderr, "itexturedelchain: %i\n", context->itexturedelchain);
+  fprintf(stderr, "textures with memcount: %i\n", withmemcount);
+  fprintf(stderr, "textures with area: %i\n", witharea);
+  fprintf(stderr, "textures with iareaprio: %i\n", shared);
+  fprintf(stderr, "ijuliacache: %i\n", context->ijuliacache);
+  fprintf(stderr, "ihpvalue: %i\n", context->ihpvalue);
+  fprintf(stderr, "ienvironment: %i\n", context->ienvironment);
+  fprintf(stderr, "ia: %i\n", context->ia);
+  fprintf(stderr, "achainlen: %i\n", context->achainlen);
+  fprintf(stderr, "imemjuliacache: %i\n", context->imemjuliacache);
+  fprintf(stderr, "nmemjuliacache: %i\n", context->nmemjuliacache);
+  fprintf(stderr, "memjuliacache: %lli\n",
+          static_cast<long long>(context->imemjuliacache) * JULIACACHETILEBYTES);
+  fprintf(stderr, "mem_envrefdata: %lld\n", static_cast<long long>(context->mem_envrefdata));
+  fprintf(stderr, "mem_hpvalue: %lld\n", static_cast<long long>(context->mem_hpvalue));
+  fprintf(stderr, "mem_fixedmemtotal: %lld\n", static_cast<long long>(context->mem_fixedmemtotal));
+  fprintf(stderr, "ncomputejuliastack: %i\n", context->ncomputejuliastack);
+  fprintf(stderr, "NMEMJULIACACHEBLOCKSIZE: %lli\n", static_cast<long long>(JULIACACHEBLOCKBYTES));
+  fprintf(stderr, "jcblock: %lli\n", static_cast<long long>(blocks));
+}

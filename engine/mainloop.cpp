@@ -1,0 +1,142 @@
+// The engine's main thread, the idle hand-out, and `run`, the same loop
+// unrolled for shutdown, when no other thread remains.
+//
+// `thread_main` has no timer: it sleeps in waitfortodo, and between messages
+// publishes the status text and draws when 300 ms have passed or when the
+// whole system has fallen quiet, so a burst of messages cannot starve the
+// display and a finished calculation is shown at once.
+#include <sys/time.h>
+
+#include <cstddef>
+#include <cstdio>
+
+#include "Mandelbrot.h"
+
+namespace {
+
+constexpr int ONMAINWORKER = offsetof(WORKER, nextonmainworker);
+constexpr int ONMAINHELPER = offsetof(WORKER, nextonmainhelper);
+constexpr int ONGLWORKER = offsetof(WORKER, nextonglworker);
+constexpr long RENDERPERIOD = 300;  // ms between status texts and draws while busy
+
+long nowms() {
+  timeval tv;
+  gettimeofday(&tv, nullptr);
+  return static_cast<long>(tv.tv_sec) * 1000 + tv.tv_usec / 1000;
+}
+
+void setflag(OVCONTEXT* context, unsigned int flag) {
+  __atomic_fetch_or(&context->flags, flag, __ATOMIC_SEQ_CST);
+}
+
+void clearflag(OVCONTEXT* context, unsigned int flag) {
+  __atomic_fetch_and(&context->flags, ~flag, __ATOMIC_SEQ_CST);
+}
+
+bool hasflag(OVCONTEXT* context, unsigned int flag) {
+  return (atomicload(&context->flags) & flag) != 0;
+}
+
+// Every worker thread asleep, nothing queued for the main or GL side, and no
+// dataflow computer alive.
+bool quiet(OVCONTEXT* context) {
+  return atomicload(&context->grworker.ithreadscorrect) == 0 &&
+         atomicload(&context->grmain.todo) == 0 && atomicload(&context->grworkergl.todo) == 0 &&
+         atomicload(&context->computertotalwidth) == 0;
+}
+
+// The status text of every active viewport, then the application's callback.
+void publishstrings(OVCONTEXT* context) {
+  if (context->stringscallback) context->stringscallback(context, context->glthreadpdata);
+}
+
+WORKER* takefrom(FIFO* queue, int offset) {
+  return static_cast<WORKER*>(atomicfifodequeue(queue, offset));
+}
+
+// Counts one claimed item of a group down; false when there is none.
+bool claim(THREADGROUP* group) {
+  for (;;) {
+    int t = atomicload(&group->todo);
+    if (t == 0) return false;
+    if (atomiccompareandswapint(t, t - 1, &group->todo)) return true;
+  }
+}
+
+bool drainfifo(OVCONTEXT* context, THREADGROUP* group, FIFO* queue, int offset) {
+  bool done = false;
+  while (claim(group)) {
+    WORKER* worker = takefrom(queue, offset);
+    worker->workerproc(context, worker);
+    done = true;
+  }
+  return done;
+}
+
+bool drainpriotable(OVCONTEXT* context) {
+  bool done = false;
+  while (claim(&context->grworker)) {
+    WORKER* worker = getworkermainworker(context);
+    worker->canvas = context->threadcontext[3].canvas;
+    worker->workerproc(context, worker);
+    done = true;
+  }
+  return done;
+}
+
+}  // namespace
+
+void worker_nop(OVCONTEXT* context, WORKER* worker) { freeworker(context, worker); }
+
+void idle(OVCONTEXT* context) {
+  if (context->idleworkermaxprio != -1) {
+    int slot = context->idleworkermaxprio;
+    while (slot < NWORKERPRIO && !context->idleworker[slot]) slot++;
+    if (slot == NWORKERPRIO) {
+      context->idleworkermaxprio = -1;
+    } else {
+      WORKER* worker = context->idleworker[slot];
+      context->idleworker[slot] = worker->nextother;
+      dispatch(context, worker);
+    }
+  }
+}
+
+void* thread_main(void* ctxt) {
+  THREADCONTEXT* tc = static_cast<THREADCONTEXT*>(ctxt);
+  OVCONTEXT* context = tc->context;
+  long t0 = nowms();
+  while (waitfortodo(context, &context->grmain, 0)) {
+    WORKER* worker = takefrom(&context->wmain, ONMAINWORKER);
+    worker->workerproc(context, worker);
+    long t = nowms();
+    if (t - t0 > RENDERPERIOD) setflag(context, OVCONTEXT_DORENDER);
+    bool pending = atomicload(&context->grmain.todo) != 0;
+    if (pending && !hasflag(context, OVCONTEXT_DORENDER)) continue;  // messages first
+    if (!pending) idle(context);
+    t = nowms();
+    if (quiet(context)) setflag(context, OVCONTEXT_DORENDER);
+    if (!(t - t0 > RENDERPERIOD) && !hasflag(context, OVCONTEXT_DORENDER)) continue;
+    clearflag(context, OVCONTEXT_DORENDER);
+    publishstrings(context);
+    t0 = t;
+    if (hasflag(context, OVCONTEXT_DIRTY)) clearflag(context, OVCONTEXT_DIRTY);
+  }
+  pthread_exit(nullptr);
+}
+
+void run(OVCONTEXT* context) {
+  for (;;) {
+    bool done = false;
+    done |= drainfifo(context, &context->grmain, &context->wmain, ONMAINWORKER);
+    done |= drainfifo(context, &context->grmainhelper, &context->wmainhelper, ONMAINHELPER);
+    done |= drainfifo(context, &context->grworkergl, &context->wworkergl, ONGLWORKER);
+    done |= drainpriotable(context);
+    idle(context);
+    if (hasflag(context, OVCONTEXT_DORENDER)) {
+      clearflag(context, OVCONTEXT_DORENDER);
+      publishstrings(context);
+    }
+    if (!done) return;
+  }
+}
