@@ -242,6 +242,17 @@ struct OVCONTEXT {
   CHAIN vpactivechain;
 };
 
+// The context's flags change on the main thread while others read them.
+inline bool hascontextflag(OVCONTEXT* context, unsigned int flag) {
+  return (atomicload(&context->flags) & flag) != 0;
+}
+inline void setcontextflag(OVCONTEXT* context, unsigned int flag) {
+  __atomic_fetch_or(&context->flags, flag, __ATOMIC_SEQ_CST);
+}
+inline void clearcontextflag(OVCONTEXT* context, unsigned int flag) {
+  __atomic_fetch_and(&context->flags, ~flag, __ATOMIC_SEQ_CST);
+}
+
 // ---------------------------------------------------------------- the context's life
 
 bool initcontext(OVCONTEXT* context, int64_t totalmemory, int nthread, int juliastacksizeshift,

@@ -123,7 +123,7 @@ void initgroups(OVCONTEXT* context) {
   initgroup(&context->grmain, 1);
   initgroup(&context->grmainhelper, 1);
   initgroup(&context->grworker, context->nthread - 3);
-  if (!(context->flags & OVCONTEXT_TEXTURE_MEM)) initgroup(&context->grworkergl, 1);
+  if (!hascontextflag(context, OVCONTEXT_TEXTURE_MEM)) initgroup(&context->grworkergl, 1);
 }
 
 // Every priority starts with one dummy node, both head and tail.
@@ -148,12 +148,12 @@ void resetpools(OVCONTEXT* context) {
   for (int i = 0; i < context->nworkerall; i++)
     atomicfifoenqueue(&context->workerchain, &context->workerall[i], ONSTACK);
   context->iworkerall = 0;
-  resetpool(context->a, &context->ra);
-  resetpool(context->task, &context->rtask);
-  resetpool(context->hpvalue, &context->rhpvalue, &HPVALUE::next);
-  resetpool(context->texture, &context->rtexture);
-  resetpool(context->juliacache, &context->rjuliacache);
-  resetpool(context->juliacachefile, &context->rjuliacachefile);
+  resetpool(context->a, context->na, &context->ra);
+  resetpool(context->task, context->ntask, &context->rtask);
+  resetpool(context->hpvalue, context->nhpvalue, &context->rhpvalue, &HPVALUE::next);
+  resetpool(context->texture, context->ntexture, &context->rtexture);
+  resetpool(context->juliacache, context->njuliacache, &context->rjuliacache);
+  resetpool(context->juliacachefile, context->njuliacachefile, &context->rjuliacachefile);
   context->ia = context->itask = context->ihpvalue = context->itexture = 0;
   context->ijuliacache = context->ijuliacachefile = 0;
   resetpriotable(context);
@@ -205,8 +205,8 @@ bool startthreads(OVCONTEXT* context) {
                          &context->grworkergl})
     atomicstore(&g->stop, false);
   if (!startthread(context, 0, thread_main, MAINSTACK)) return false;
-  if (!(context->flags & OVCONTEXT_NO_GLTHREAD) && !startthread(context, 1, thread_glworker, 0))
-    return false;
+  bool glthread = !hascontextflag(context, OVCONTEXT_NO_GLTHREAD);
+  if (glthread && !startthread(context, 1, thread_glworker, 0)) return false;
   if (!startthread(context, 2, thread_mainhelper, 0)) return false;
   for (int i = 3; i < context->nthread; i++)
     if (!startthread(context, i, thread_worker, 0)) return false;
@@ -307,11 +307,11 @@ void shutdowncontext(OVCONTEXT* context, bool cachejc) {
   wakeall(&context->grworker);
   wakeall(&context->grmainhelper);
   wakeall(&context->grmain);
-  if (!(context->flags & OVCONTEXT_NO_GLTHREAD)) wakeall(&context->grworkergl);
+  if (!hascontextflag(context, OVCONTEXT_NO_GLTHREAD)) wakeall(&context->grworkergl);
   join(context, 0);
   join(context, 2);
   for (int i = 3; i < context->nthread; i++) join(context, i);
-  if (!(context->flags & OVCONTEXT_NO_GLTHREAD)) join(context, 1);
+  if (!hascontextflag(context, OVCONTEXT_NO_GLTHREAD)) join(context, 1);
   run(context);  // what is still queued runs to its end, every stop flag set
   for (int i = 0; i < context->nhpvalue; i++) {
     HPVALUE* h = &context->hpvalue[i];
@@ -328,7 +328,7 @@ void freecontext(OVCONTEXT* context) {
   freegroup(&context->grmain);
   freegroup(&context->grmainhelper);
   freegroup(&context->grworker);
-  if (!(context->flags & OVCONTEXT_TEXTURE_MEM)) freegroup(&context->grworkergl);
+  if (!hascontextflag(context, OVCONTEXT_TEXTURE_MEM)) freegroup(&context->grworkergl);
   for (void* block : {static_cast<void*>(context->a), static_cast<void*>(context->texture),
                       static_cast<void*>(context->juliacache),
                       static_cast<void*>(context->juliacachefile),

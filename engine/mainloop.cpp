@@ -25,18 +25,6 @@ long nowms() {
   return static_cast<long>(tv.tv_sec) * 1000 + tv.tv_usec / 1000;
 }
 
-void setflag(OVCONTEXT* context, unsigned int flag) {
-  __atomic_fetch_or(&context->flags, flag, __ATOMIC_SEQ_CST);
-}
-
-void clearflag(OVCONTEXT* context, unsigned int flag) {
-  __atomic_fetch_and(&context->flags, ~flag, __ATOMIC_SEQ_CST);
-}
-
-bool hasflag(OVCONTEXT* context, unsigned int flag) {
-  return (atomicload(&context->flags) & flag) != 0;
-}
-
 // Every worker thread asleep, nothing queued for the main or GL side, and no
 // dataflow computer alive.
 bool quiet(OVCONTEXT* context) {
@@ -110,17 +98,17 @@ void* thread_main(void* ctxt) {
     WORKER* worker = takefrom(&context->wmain, ONMAINWORKER);
     worker->workerproc(context, worker);
     long t = nowms();
-    if (t - t0 > RENDERPERIOD) setflag(context, OVCONTEXT_DORENDER);
+    if (t - t0 > RENDERPERIOD) setcontextflag(context, OVCONTEXT_DORENDER);
     bool pending = atomicload(&context->grmain.todo) != 0;
-    if (pending && !hasflag(context, OVCONTEXT_DORENDER)) continue;  // messages first
+    if (pending && !hascontextflag(context, OVCONTEXT_DORENDER)) continue;  // messages first
     if (!pending) idle(context);
     t = nowms();
-    if (quiet(context)) setflag(context, OVCONTEXT_DORENDER);
-    if (!(t - t0 > RENDERPERIOD) && !hasflag(context, OVCONTEXT_DORENDER)) continue;
-    clearflag(context, OVCONTEXT_DORENDER);
+    if (quiet(context)) setcontextflag(context, OVCONTEXT_DORENDER);
+    if (!(t - t0 > RENDERPERIOD) && !hascontextflag(context, OVCONTEXT_DORENDER)) continue;
+    clearcontextflag(context, OVCONTEXT_DORENDER);
     publishstrings(context);
     t0 = t;
-    if (hasflag(context, OVCONTEXT_DIRTY)) clearflag(context, OVCONTEXT_DIRTY);
+    if (hascontextflag(context, OVCONTEXT_DIRTY)) clearcontextflag(context, OVCONTEXT_DIRTY);
   }
   pthread_exit(nullptr);
 }
@@ -133,8 +121,8 @@ void run(OVCONTEXT* context) {
     done |= drainfifo(context, &context->grworkergl, &context->wworkergl, ONGLWORKER);
     done |= drainpriotable(context);
     idle(context);
-    if (hasflag(context, OVCONTEXT_DORENDER)) {
-      clearflag(context, OVCONTEXT_DORENDER);
+    if (hascontextflag(context, OVCONTEXT_DORENDER)) {
+      clearcontextflag(context, OVCONTEXT_DORENDER);
       publishstrings(context);
     }
     if (!done) return;

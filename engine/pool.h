@@ -12,9 +12,11 @@
 #include "Mandelbrot.h"
 
 // `link` names the free-list member where a record kind calls it otherwise.
+// A pool of no records (no tiles given, say) has no record to point at.
 template <typename T>
-inline void resetpool(T* block, T** next, T* T::*link = &T::nextrem) {
-  *next = block;
+inline void resetpool(T* block, int n, T** next, T* T::*link = &T::nextrem) {
+  *next = n > 0 ? block : nullptr;
+  if (n <= 0) return;
   block->*link = nullptr;
   block->flags = POOL_FREE;
 }

@@ -84,9 +84,15 @@ bool waitfortodo(OVCONTEXT* context, THREADGROUP* group, int thread) {
     int t = atomicload(&group->todo);
     if (atomicload(&context->computertotalwidth) != 0 && thread != 1 && thread != 2) {
       if (!changerole(group, thread)) continue;
-      // A computing thread, and the main thread while any computer lives,
-      // keep turning here and never sleep.
-      if (group->computing[thread] || thread == 0) continue;
+      // The main thread never sleeps while a computer lives, but takes its
+      // messages as they come: the end of a graph is one of them. A
+      // computing thread serves the computers only, and takes queued work
+      // just while a viewport moves, so that the moving picture gets the
+      // processors.
+      if (thread == 0 && t == 0) continue;
+      if (thread != 0 && group->computing[thread] &&
+          (t == 0 || atomicload(&context->imovingviewport) == 0))
+        continue;
     }
     if (t == 0) {
       sleepuntiltodo(group);

@@ -40,7 +40,7 @@ void givenode(OVCONTEXT* context, NODE* node) {
 // the pool only when none of them still names a worker: a consumer may be in
 // the middle of claiming one.
 void reclaimnodes(OVCONTEXT* context, int p) {
-  NODE* h = context->workerprio[p][0];
+  NODE* h = atomicload(&context->workerprio[p][0]);
   if (!h->prev) return;
   for (NODE* x = h->prev; x; x = x->prev)
     if (atomicload(&x->w)) return;
@@ -63,9 +63,10 @@ int tableindex(int prio) {
 
 // Puts a node that lost its worker back where it was, as the list's dummy.
 void relinknode(OVCONTEXT* context, NODE* n, int p) {
-  n->prev->next = n;
-  if (n->next)
-    n->next->prev = n;
+  atomicstore(&n->prev->next, n);
+  NODE* next = atomicload(&n->next);
+  if (next)
+    next->prev = n;
   else
     context->workerprio[p][1] = n;
 }
@@ -133,11 +134,11 @@ void __dispatchprioworker(OVCONTEXT* context, WORKER* worker) {
     return;
   }
   NODE* node = takenode(context);
-  node->w = worker;
+  atomicstore(&node->w, worker);
   node->prev = nullptr;
-  node->next = nullptr;
+  atomicstore<NODE*>(&node->next, nullptr);
   NODE* t = context->workerprio[p][1];
-  if (t->next) fputs("__dispatchprioworker: next!=NULL\n", stderr);
+  if (atomicload(&t->next)) fputs("__dispatchprioworker: next!=NULL\n", stderr);
   node->prev = t;
   context->workerprio[p][1] = node;
   atomicstore(&worker->node, node);
@@ -169,9 +170,10 @@ void changeprio(OVCONTEXT* context, WORKER* worker, int prio) {
     return;  // a thread has claimed it: it keeps its old priority
   int p = tableindex(worker->prio);
   if (n->prev) {
-    n->prev->next = n->next;
-    if (n->next)
-      n->next->prev = n->prev;
+    NODE* next = atomicload(&n->next);
+    atomicstore(&n->prev->next, next);
+    if (next)
+      next->prev = n->prev;
     else
       context->workerprio[p][1] = n->prev;
     memorybarrier();

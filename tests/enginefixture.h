@@ -73,6 +73,26 @@ struct Engine {
   void waitidle() {
     waitfor([&] { return atomicload(&context->iworkerall) == 0; });
   }
+
+  // One worker at every priority, run to the end: afterwards each list holds
+  // its dummy and one consumed node, whatever it held before, so the node
+  // count can be compared across a test.
+  void sweep() {
+    static std::atomic<int> swept;
+    swept.store(0);
+    onmain([](OVCONTEXT* c) {
+      for (int p = 0; p < NWORKERPRIO; p++) {
+        WORKER* w = addworker(c, THREAD_WORKER, [](OVCONTEXT* c2, WORKER* w2) {
+          swept.fetch_add(1);
+          freeworker(c2, w2);
+        });
+        w->prio = p;
+        dispatch(c, w);
+      }
+    });
+    waitfor([] { return swept.load() == NWORKERPRIO; });
+    waitidle();
+  }
 };
 
 }  // namespace enginetest

@@ -145,6 +145,7 @@ TEST(Workers, GlEventLoopReturnsFalseOnEmptyQueue) {
 
 TEST(Workers, UnknownRecipientIsReportedAndLost) {
   Engine e;
+  e.waitidle();  // the start-up message has come home
   WORKER* w = addworker(e.context, static_cast<THREADGROUPID>(7), worker_arrive);
   testing::internal::CaptureStderr();
   dispatch(e.context, w);
