@@ -46,7 +46,7 @@ constexpr int PRIO_LAST = 0x7fffffff;
 // Pool records: `flags` of a free record.
 constexpr uint32_t POOL_FREE = 2;
 
-enum THREADGROUPID {
+enum THREADGROUPID : int {
   THREAD_MAIN = 0,
   THREAD_GLWORKER = 1,
   THREAD_WORKER = 2,
