@@ -145,6 +145,11 @@ void removerangejarray(JOBJECT* a, int i, int count);
 
 // JSON text.
 JSTR* getjsonfromobject(JOBJECT* obj);
+// A number as JSON text and links write it: "%0.16g" for a normal value, "0"
+// for zero, subnormals, infinities and NaN, which could not be read back.
+// `buf` holds at least JNUMTEXTMAX bytes.
+constexpr int JNUMTEXTMAX = 32;
+void formatjnum(char* buf, double num);
 JOBJECT* getobjectfromjson(const char* json);
 
 // The number grammar shared by the JSON parser and the query reader: reads a

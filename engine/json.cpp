@@ -44,14 +44,9 @@ const char* escapeof(unsigned char c, char* buf, size_t size) {
   return buf;
 }
 
-// Zero, subnormals, infinities and NaN all print as "0": the parser could
-// not read most of them back.
 void appendnumber(JOBJECT* str, double num) {
-  char buf[32];
-  if (std::isnormal(num))
-    snprintf(buf, sizeof buf, "%0.16g", num);
-  else
-    strcpy(buf, "0");
+  char buf[JNUMTEXTMAX];
+  formatjnum(buf, num);
   appendjstr(str, buf);
 }
 
@@ -416,4 +411,11 @@ bool __parsenum(const char* s, double* value, const char** end) {
   if (!numbergrammar(s, n) || !convertnumber(s, n, value)) return false;
   *end = s + n;
   return true;
+}
+
+void formatjnum(char* buf, double num) {
+  if (std::isnormal(num))
+    snprintf(buf, JNUMTEXTMAX, "%0.16g", num);
+  else
+    strcpy(buf, "0");
 }

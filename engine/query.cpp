@@ -39,11 +39,8 @@ bool needsunderscore(const char* s) {
 // As in JSON text; escaped, since the "+" of an exponent would read back as
 // a blank.
 void appendquerynumber(JOBJECT* str, double num) {
-  char buf[32];
-  if (std::isnormal(num))
-    snprintf(buf, sizeof buf, "%0.16g", num);
-  else
-    strcpy(buf, "0");
+  char buf[JNUMTEXTMAX];
+  formatjnum(buf, num);
   appendjstr_query(str, buf);
 }
 

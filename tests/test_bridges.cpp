@@ -18,54 +18,12 @@
 #include <string>
 
 #include "Array.h"
+#include "hfloattest.h"
 #include "mathext.h"
 
 namespace {
 
-constexpr HFLOATBASE NMIN = 0x2000000000000000;  // 2^61
-constexpr HFLOATBASE NMAX = 0x3FFFFFFFFFFFFFFF;  // 2^62 - 1
-constexpr int32_t BOUND = 0x2000000;
-
-uint64_t uabs(HFLOATBASE m) { return m < 0 ? 0 - static_cast<uint64_t>(m) : static_cast<uint64_t>(m); }
-
-bool normalmant(HFLOATBASE m) {
-  uint64_t a = uabs(m);
-  return a >= static_cast<uint64_t>(NMIN) && a <= static_cast<uint64_t>(NMAX);
-}
-
-std::string hx(HFLOAT a) {
-  char buf[64];
-  snprintf(buf, sizeof buf, "{%s0x%llx, %d}", a.mantissa < 0 ? "-" : "",
-           static_cast<unsigned long long>(uabs(a.mantissa)), a.exponent);
-  return buf;
-}
-
-::testing::AssertionResult Same(HFLOAT got, HFLOAT want) {
-  if (got.mantissa == want.mantissa && got.exponent == want.exponent) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << "got " << hx(got) << ", want " << hx(want);
-}
-
-struct Mpf {
-  mpf_t v;
-  Mpf() { mpf_init2(v, 256); }
-  ~Mpf() { mpf_clear(v); }
-  Mpf(const Mpf&) = delete;
-  Mpf& operator=(const Mpf&) = delete;
-  operator mpf_ptr() { return v; }
-  operator mpf_srcptr() const { return v; }
-};
-
-void scale2(mpf_ptr r, int64_t k) {
-  if (k > 0) mpf_mul_2exp(r, r, static_cast<mp_bitcnt_t>(k));
-  if (k < 0) mpf_div_2exp(r, r, static_cast<mp_bitcnt_t>(-k));
-}
-
-// m * 2^(e - 62), exactly.
-void exact(mpf_ptr r, HFLOATBASE m, int64_t e) {
-  mpf_set_si(r, m);
-  scale2(r, e - 62);
-}
-void exact(mpf_ptr r, HFLOAT a) { exact(r, a.mantissa, a.exponent); }
+using namespace hfloattest;
 
 // A long double, exactly (64 significant bits).
 void ldexact(mpf_ptr r, long double x) {

@@ -27,26 +27,23 @@
 #include <thread>
 #include <vector>
 
+#include "hfloattest.h"
 #include "mathext.h"
 
 namespace {
 
-constexpr HFLOATBASE NMIN = 0x2000000000000000;  // 2^61, smallest normal magnitude
-constexpr HFLOATBASE NMAX = 0x3FFFFFFFFFFFFFFF;  // 2^62 - 1, largest
-constexpr int32_t BOUND = 0x2000000;
+using namespace hfloattest;
+// Declared here too, so the HFLOATCOMPLEX overloads below add to them rather than hide them.
+using hfloattest::hx;
+using hfloattest::same;
+using hfloattest::Same;
+
 constexpr int CASES = 100000;
 
 static_assert(offsetof(HFLOAT, mantissa) == 0 && offsetof(HFLOAT, exponent) == 8);
 static_assert(offsetof(HFLOATCOMPLEX, mantissax) == 0 && offsetof(HFLOATCOMPLEX, mantissay) == 8 &&
               offsetof(HFLOATCOMPLEX, exponent) == 16);
 static_assert(sizeof(HFLOATBASE) == 8 && sizeof(HFLOAT::exponent) == 4);
-
-uint64_t uabs(HFLOATBASE m) { return m < 0 ? 0 - static_cast<uint64_t>(m) : static_cast<uint64_t>(m); }
-
-bool normalmant(HFLOATBASE m) {
-  uint64_t a = uabs(m);
-  return a >= static_cast<uint64_t>(NMIN) && a <= static_cast<uint64_t>(NMAX);
-}
 
 // The larger part normal and neither part too large (-2^62 counts as too large).
 bool normalcomplex(HFLOATCOMPLEX p) {
@@ -55,17 +52,8 @@ bool normalcomplex(HFLOATCOMPLEX p) {
   return big >= static_cast<uint64_t>(NMIN) && big <= static_cast<uint64_t>(NMAX);
 }
 
-bool same(HFLOAT a, HFLOAT b) { return a.mantissa == b.mantissa && a.exponent == b.exponent; }
-
 bool same(HFLOATCOMPLEX a, HFLOATCOMPLEX b) {
   return a.mantissax == b.mantissax && a.mantissay == b.mantissay && a.exponent == b.exponent;
-}
-
-std::string hx(HFLOAT a) {
-  char buf[64];
-  snprintf(buf, sizeof buf, "{%s0x%llx, %d}", a.mantissa < 0 ? "-" : "",
-           static_cast<unsigned long long>(uabs(a.mantissa)), a.exponent);
-  return buf;
 }
 
 std::string hx(HFLOATCOMPLEX a) {
@@ -76,39 +64,12 @@ std::string hx(HFLOATCOMPLEX a) {
   return buf;
 }
 
-::testing::AssertionResult Same(HFLOAT got, HFLOAT want) {
-  if (same(got, want)) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << "got " << hx(got) << ", want " << hx(want);
-}
-
 ::testing::AssertionResult Same(HFLOATCOMPLEX got, HFLOATCOMPLEX want) {
   if (same(got, want)) return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure() << "got " << hx(got) << ", want " << hx(want);
 }
 
 // ---------------------------------------------------------------- exact side
-
-struct Mpf {
-  mpf_t v;
-  Mpf() { mpf_init2(v, 256); }
-  ~Mpf() { mpf_clear(v); }
-  Mpf(const Mpf&) = delete;
-  Mpf& operator=(const Mpf&) = delete;
-  operator mpf_ptr() { return v; }
-  operator mpf_srcptr() const { return v; }
-};
-
-void scale2(mpf_ptr r, int64_t k) {
-  if (k > 0) mpf_mul_2exp(r, r, static_cast<mp_bitcnt_t>(k));
-  if (k < 0) mpf_div_2exp(r, r, static_cast<mp_bitcnt_t>(-k));
-}
-
-// m * 2^(e - 62), exactly.
-void exact(mpf_ptr r, HFLOATBASE m, int64_t e) {
-  mpf_set_si(r, m);
-  scale2(r, e - 62);
-}
-void exact(mpf_ptr r, HFLOAT a) { exact(r, a.mantissa, a.exponent); }
 
 // r = max(r, |a|), for r >= 0.
 void mpfmaxabs(mpf_ptr r, mpf_srcptr a) {

@@ -9,22 +9,13 @@
 #include <string>
 
 #include "Array.h"
+#include "jsontest.h"
 
 namespace {
 
-struct RELEASE {
-  void operator()(JOBJECT* obj) const { releasejobject(obj); }
-};
-using OBJ = std::unique_ptr<JOBJECT, RELEASE>;
+using namespace jsontest;
 
 OBJ parse(const std::string& text) { return OBJ(getobjectfromjson(text.c_str())); }
-
-std::string json(JOBJECT* obj) {
-  JSTR* s = getjsonfromobject(obj);
-  std::string text = getjstr(s);
-  releasejobject(s);
-  return text;
-}
 
 std::string bytes(JOBJECT* str) { return std::string(getjstr(str)); }
 

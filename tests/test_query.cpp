@@ -6,25 +6,16 @@
 #include <string>
 
 #include "Array.h"
+#include "jsontest.h"
 
 namespace {
 
-struct RELEASE {
-  void operator()(JOBJECT* obj) const { releasejobject(obj); }
-};
-using OBJ = std::unique_ptr<JOBJECT, RELEASE>;
+using namespace jsontest;
 
 OBJ read(const std::string& query) { return OBJ(getobjectfromquery(query.c_str())); }
 
 std::string query(JOBJECT* obj) {
   JSTR* s = getqueryfromobject(obj);
-  std::string text = getjstr(s);
-  releasejobject(s);
-  return text;
-}
-
-std::string json(JOBJECT* obj) {
-  JSTR* s = getjsonfromobject(obj);
   std::string text = getjstr(s);
   releasejobject(s);
   return text;

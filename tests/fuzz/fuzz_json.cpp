@@ -6,35 +6,15 @@
 // above DBL_MIN print below it, which reads as subnormal), the value read back
 // has the same shape, keys and bytes, and writing it once more gives the same
 // text.
-#include <cmath>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "Array.h"
+#include "fuzzcheck.h"
 
 namespace {
 
-#define CHECK(cond)                                                   \
-  do {                                                                \
-    if (!(cond)) {                                                    \
-      fprintf(stderr, "check failed: %s (line %d)\n", #cond, __LINE__); \
-      abort();                                                        \
-    }                                                                 \
-  } while (0)
-
-// The number as the writer prints it, read by the grammar; false when the
-// grammar refuses that text.
-bool writtennumber(double num, double* back) {
-  char buf[32];
-  if (std::isnormal(num))
-    snprintf(buf, sizeof buf, "%0.16g", num);
-  else
-    strcpy(buf, "0");
-  const char* end;
-  return __parsenum(buf, back, &end) && !*end;
-}
+using fuzzcheck::writtennumber;
 
 bool numberswritable(JOBJECT* obj) {
   double back;
@@ -101,14 +81,6 @@ void checkwriteback(JOBJECT* obj) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  // Exactly as long as the input and its terminator, so a read past the end
-  // shows.
-  char* text = static_cast<char*>(malloc(size + 1));
-  memcpy(text, data, size);
-  text[size] = 0;
-  JOBJECT* obj = getobjectfromjson(text);
-  if (obj) checkwriteback(obj);
-  releasejobject(obj);
-  free(text);
+  fuzzcheck::readandcheck(data, size, getobjectfromjson, checkwriteback);
   return 0;
 }

@@ -5,23 +5,13 @@
 // carry of it. Strings come back unchanged, empty strings and empty keys
 // vanish with their pair or element, an empty dictionary returns as an empty
 // array, numbers come back as their written text reads.
-#include <cmath>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "Array.h"
+#include "fuzzcheck.h"
 
 namespace {
-
-#define CHECK(cond)                                                   \
-  do {                                                                \
-    if (!(cond)) {                                                    \
-      fprintf(stderr, "check failed: %s (line %d)\n", #cond, __LINE__); \
-      abort();                                                        \
-    }                                                                 \
-  } while (0)
 
 bool isemptystring(JOBJECT* obj) { return obj->type == JOBJECT_STR && !getjstr(obj)[0]; }
 
@@ -53,14 +43,8 @@ void checkcarrieddict(JOBJECT* a, JOBJECT* b) {
 }
 
 void checkcarriednumber(double a, double b) {
-  char buf[32];
-  if (std::isnormal(a))
-    snprintf(buf, sizeof buf, "%0.16g", a);
-  else
-    strcpy(buf, "0");
   double back;
-  const char* end;
-  CHECK(__parsenum(buf, &back, &end) && !*end);
+  CHECK(fuzzcheck::writtennumber(a, &back));
   CHECK(b == back);
 }
 
@@ -96,14 +80,6 @@ void checkwriteback(JOBJECT* obj) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  // Exactly as long as the input and its terminator, so a read past the end
-  // shows.
-  char* text = static_cast<char*>(malloc(size + 1));
-  memcpy(text, data, size);
-  text[size] = 0;
-  JOBJECT* obj = getobjectfromquery(text);
-  if (obj) checkwriteback(obj);
-  releasejobject(obj);
-  free(text);
+  fuzzcheck::readandcheck(data, size, getobjectfromquery, checkwriteback);
   return 0;
 }
