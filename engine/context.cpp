@@ -250,6 +250,44 @@ void clearlimbs(OVCONTEXT* context, HPVALUE* h) {
   h->flags &= ~HPV_LIMBS;
 }
 
+// Writes a tile's unwritten contents to its slot of the swap file, which is
+// created (or emptied) the first time it is needed here.
+void spilltile(OVCONTEXT* context, JULIACACHE* jc) {
+  if (context->juliacachetmpfile < 0)
+    context->juliacachetmpfile =
+        open(context->juliacachetmpfilename, O_RDWR | O_CREAT | O_TRUNC, 0600);
+  ssize_t n = -1;
+  if (context->juliacachetmpfile >= 0)
+    n = pwrite(context->juliacachetmpfile, jc->_data, JULIACACHETILEBYTES,
+               static_cast<off_t>(jc->ijuliacache) * JULIACACHETILEBYTES);
+  if (n != JULIACACHETILEBYTES) fputs("shutdowncontext: fatal I/O error.\n", stderr);
+}
+
+// Every Julia tile in memory goes to the swap file, and the memory is given
+// back: a stopped engine then holds no tile memory at all.
+void swapoutjuliacache(OVCONTEXT* context) {
+  CHAIN* head = &context->juliacachememchain;
+  for (CHAIN* l = head->next; l != head; l = l->next) {
+    JULIACACHE* jc = CHAINRECORD(l, JULIACACHE, memchain);
+    if (!jc->_data) {
+      fputs("shutdowncontext: FATAL ERROR: !jc->_data.\n", stderr);
+    } else if (jc->flags & JCF_DIRTY) {
+      spilltile(context, jc);
+    }
+    jc->flags &= ~(JCF_INMEMCHAIN | JCF_DIRTY);
+    jc->_data = nullptr;
+    jc->data = nullptr;
+  }
+  initchain(head);
+  for (void*& block : context->juliacachedata) {
+    free(block);
+    block = nullptr;
+  }
+  context->imemjuliacache = 0;
+  if (context->juliacachetmpfile >= 0) close(context->juliacachetmpfile);
+  context->juliacachetmpfile = -1;
+}
+
 void freeprepixels(OVCONTEXT* context) {
   while (void* p = atomicfifodequeue(&context->prepixelschain, PREPIXELSONSTACK)) free(p);
 }
@@ -299,7 +337,6 @@ bool relaunchcontext(OVCONTEXT* context) {
 }
 
 void shutdowncontext(OVCONTEXT* context, bool cachejc) {
-  (void)cachejc;
   if (atomicload(&context->grmain.stop)) return;
   for (THREADGROUP* g : {&context->grworker, &context->grmain, &context->grmainhelper,
                          &context->grworkergl})
@@ -318,6 +355,7 @@ void shutdowncontext(OVCONTEXT* context, bool cachejc) {
     if ((h->flags & HPV_FREE) && (h->flags & HPV_LIMBS)) clearlimbs(context, h);
   }
   freeprepixels(context);
+  if (cachejc) swapoutjuliacache(context);
 }
 
 void freecontext(OVCONTEXT* context) {

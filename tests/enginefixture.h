@@ -46,10 +46,11 @@ struct Engine {
 
   // `glqueue`: a GL queue exists and the test drains it, as the frame loop
   // does; otherwise tiles stay in memory and there is no GL queue at all.
-  explicit Engine(int nthread = 4, bool glqueue = false, int64_t memory = TESTMEMORY) {
+  explicit Engine(int nthread = 4, bool glqueue = false, int64_t memory = TESTMEMORY,
+                  const char* tmpdirectory = "/tmp/") {
     context = static_cast<OVCONTEXT*>(calloc(1, sizeof(OVCONTEXT)));
     bool ok = initcontext(context, memory, nthread, 8, 0, nullptr, nullptr, nullptr,
-                          glqueue ? uploadnothing : nullptr, countstrings, this, "/tmp/",
+                          glqueue ? uploadnothing : nullptr, countstrings, this, tmpdirectory,
                           glqueue ? OVCONTEXT_NO_GLTHREAD : 0);
     EXPECT_TRUE(ok);
   }

@@ -6,6 +6,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -222,4 +224,75 @@ TEST(ContextLife, FreeAfterExplicitShutdownIsSafe) {
 TEST(ContextLife, RelaunchOfRunningContextFails) {
   Engine e;
   EXPECT_FALSE(relaunchcontext(e.context));
+}
+
+namespace {
+
+// Puts three tiles in memory on the main thread: one with unwritten
+// contents in file slot 3, one already written, one without a memory slot.
+void placetiles(Engine& e, unsigned char pattern) {
+  e.onmain([pattern](OVCONTEXT* c) {
+    PREPIXEL* block = static_cast<PREPIXEL*>(malloc(2 * JULIACACHETILEBYTES));
+    memset(block, pattern, 2 * JULIACACHETILEBYTES);
+    c->juliacachedata[0] = block;
+    JULIACACHE* dirty = &c->juliacache[3];
+    JULIACACHE* clean = &c->juliacache[4];
+    JULIACACHE* empty = &c->juliacache[5];
+    dirty->_data = dirty->data = block;
+    clean->_data = clean->data = block + NPREPIXEL;
+    empty->_data = empty->data = nullptr;
+    dirty->flags = JCF_INMEMCHAIN | JCF_DIRTY;
+    clean->flags = JCF_INMEMCHAIN;
+    empty->flags = JCF_INMEMCHAIN;
+    for (JULIACACHE* jc : {dirty, clean, empty}) chaininsend(&c->juliacachememchain, &jc->memchain);
+    c->imemjuliacache = 2;
+  });
+}
+
+}  // namespace
+
+TEST(ContextLife, ShutdownWithCacheSwapsTilesOutAndFreesTheirMemory) {
+  std::string dir = maketempdir();
+  Engine e(4, false, enginetest::TESTMEMORY, dir.c_str());
+  placetiles(e, 0xA5);
+  testing::internal::CaptureStderr();
+  shutdowncontext(e.context, true);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "shutdowncontext: FATAL ERROR: !jc->_data.\n");
+  OVCONTEXT* c = e.context;
+  EXPECT_TRUE(chainempty(&c->juliacachememchain));
+  EXPECT_EQ(c->imemjuliacache, 0u);
+  EXPECT_EQ(c->juliacachetmpfile, -1);
+  EXPECT_EQ(c->juliacachedata[0], nullptr);
+  EXPECT_EQ(c->juliacache[3].flags & (JCF_INMEMCHAIN | JCF_DIRTY), 0u);
+  EXPECT_EQ(c->juliacache[3]._data, nullptr);
+  EXPECT_EQ(c->juliacache[3].ijuliacache, 3);
+  // Only the unwritten tile went out, to its own slot.
+  std::string file = dir + "juliacache.data";
+  int fd = open(file.c_str(), O_RDONLY);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(lseek(fd, 0, SEEK_END), 4 * JULIACACHETILEBYTES);
+  std::vector<unsigned char> tile(JULIACACHETILEBYTES);
+  EXPECT_EQ(pread(fd, tile.data(), tile.size(), 3 * JULIACACHETILEBYTES), JULIACACHETILEBYTES);
+  EXPECT_EQ(std::count(tile.begin(), tile.end(), 0xA5), JULIACACHETILEBYTES);
+  close(fd);
+  unlink(file.c_str());
+  rmdir(dir.c_str());
+}
+
+TEST(ContextLife, ShutdownWithCacheReportsAFailedWrite) {
+  Engine e(4, false, enginetest::TESTMEMORY, "/nonexistent-directory/");
+  placetiles(e, 0x11);
+  testing::internal::CaptureStderr();
+  shutdowncontext(e.context, true);
+  std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("shutdowncontext: fatal I/O error.\n"), std::string::npos);
+  EXPECT_EQ(e.context->juliacachedata[0], nullptr);
+}
+
+TEST(ContextLife, PlainShutdownKeepsTilesInMemory) {
+  Engine e;
+  placetiles(e, 0x22);
+  shutdowncontext(e.context, false);
+  EXPECT_NE(e.context->juliacachedata[0], nullptr);  // freed with the context
+  EXPECT_FALSE(chainempty(&e.context->juliacachememchain));
 }
