@@ -307,3 +307,4 @@ void worker_nop(OVCONTEXT* context, WORKER* worker);
 #include "environment.h"
 #include "juliacache.h"
 #include "texture.h"
+#include "canvas.h"

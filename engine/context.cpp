@@ -114,6 +114,13 @@ void emptyqueues(OVCONTEXT* context) {
   context->idleworkermaxprio = -1;
 }
 
+// One worker thread per two canvases' worth of budget; the three fixed
+// threads are always there.
+void capthreads(OVCONTEXT* context) {
+  int64_t cap = 3 + context->totalmemory / (2 * static_cast<int64_t>(sizeof(CANVAS0)));
+  if (context->nthread > cap) context->nthread = static_cast<int>(cap);
+}
+
 void initgroups(OVCONTEXT* context) {
   for (int i = 0; i < context->nthread; i++) {
     context->threadcontext[i].context = context;
@@ -124,6 +131,7 @@ void initgroups(OVCONTEXT* context) {
   initgroup(&context->grmainhelper, 1);
   initgroup(&context->grworker, context->nthread - 3);
   if (!hascontextflag(context, OVCONTEXT_TEXTURE_MEM)) initgroup(&context->grworkergl, 1);
+  context->mem_fixedmemtotal += static_cast<int64_t>(context->nthread - 3) * sizeof(CANVAS0);
 }
 
 // Every priority starts with one dummy node, both head and tail.
@@ -208,9 +216,23 @@ bool startthreads(OVCONTEXT* context) {
   bool glthread = !hascontextflag(context, OVCONTEXT_NO_GLTHREAD);
   if (glthread && !startthread(context, 1, thread_glworker, 0)) return false;
   if (!startthread(context, 2, thread_mainhelper, 0)) return false;
-  for (int i = 3; i < context->nthread; i++)
+  for (int i = 3; i < context->nthread; i++) {
+    // Only worker threads have canvases; the budget counted them at start.
+    CANVAS0* canvas = static_cast<CANVAS0*>(malloc(sizeof(CANVAS0)));
+    if (!canvas) return false;
+    preinitcanvas(context, canvas);
+    context->threadcontext[i].canvas = canvas;
     if (!startthread(context, i, thread_worker, 0)) return false;
+  }
   return true;
+}
+
+void freecanvas(OVCONTEXT* context, int i) {
+  CANVAS0* canvas = context->threadcontext[i].canvas;
+  if (!canvas) return;
+  postfreecanvas(context, canvas);
+  free(canvas);
+  context->threadcontext[i].canvas = nullptr;
 }
 
 // The swap file is opened if it exists; a missing one is made at first need.
@@ -322,6 +344,7 @@ bool initcontext(OVCONTEXT* context, int64_t totalmemory, int nthread, int julia
   if (!allocpools(context)) return false;
   numberrecords(context);
   emptyqueues(context);
+  capthreads(context);
   initgroups(context);
   resetpools(context);
   givetilememory(context, texturedata);
@@ -347,9 +370,13 @@ void shutdowncontext(OVCONTEXT* context, bool cachejc) {
   if (!hascontextflag(context, OVCONTEXT_NO_GLTHREAD)) wakeall(&context->grworkergl);
   join(context, 0);
   join(context, 2);
-  for (int i = 3; i < context->nthread; i++) join(context, i);
+  for (int i = 3; i < context->nthread; i++) {
+    join(context, i);
+    if (i > 3) freecanvas(context, i);
+  }
   if (!hascontextflag(context, OVCONTEXT_NO_GLTHREAD)) join(context, 1);
-  run(context);  // what is still queued runs to its end, every stop flag set
+  run(context);  // what is still queued runs to its end, on the canvas of index 3
+  freecanvas(context, 3);
   for (int i = 0; i < context->nhpvalue; i++) {
     HPVALUE* h = &context->hpvalue[i];
     if ((h->flags & HPV_FREE) && (h->flags & HPV_LIMBS)) clearlimbs(context, h);

@@ -26,7 +26,8 @@ int64_t expectedfixed(const OVCONTEXT* c) {
          int64_t(c->nhpvalue) * sizeof(HPVALUE) + int64_t(c->nworkerall) * sizeof(WORKER) +
          int64_t(c->ntexture) * sizeof(TEXTURE) +
          int64_t(c->njuliacache + c->njuliacachefile) * sizeof(JULIACACHE) +
-         int64_t(c->nprepixels) * sizeof(PREPIXELS) + int64_t(c->nnode) * sizeof(NODE);
+         int64_t(c->nprepixels) * sizeof(PREPIXELS) + int64_t(c->nnode) * sizeof(NODE) +
+         int64_t(c->nthread - 3) * sizeof(CANVAS0);
 }
 
 }  // namespace
@@ -295,4 +296,27 @@ TEST(ContextLife, PlainShutdownKeepsTilesInMemory) {
   shutdowncontext(e.context, false);
   EXPECT_NE(e.context->juliacachedata[0], nullptr);  // freed with the context
   EXPECT_FALSE(chainempty(&e.context->juliacachememchain));
+}
+
+TEST(ContextState, EveryWorkerThreadHasACanvasOfItsOwn) {
+  Engine e(6);
+  ASSERT_EQ(e.context->nthread, 6);
+  for (int i = 0; i < 3; i++) EXPECT_EQ(e.context->threadcontext[i].canvas, nullptr);
+  for (int i = 3; i < 6; i++) {
+    CANVAS0* canvas = e.context->threadcontext[i].canvas;
+    ASSERT_NE(canvas, nullptr);
+    EXPECT_EQ(canvas->flags, 2u);  // free
+    for (int j = 3; j < i; j++) EXPECT_NE(e.context->threadcontext[j].canvas, canvas);
+  }
+  shutdowncontext(e.context, false);
+  for (int i = 3; i < 6; i++) EXPECT_EQ(e.context->threadcontext[i].canvas, nullptr);
+  ASSERT_TRUE(relaunchcontext(e.context));
+  for (int i = 3; i < 6; i++) EXPECT_NE(e.context->threadcontext[i].canvas, nullptr);
+}
+
+TEST(ContextPools, ThreadsAreCappedAtOnePerTwoCanvasesOfBudget) {
+  int64_t canvas = int64_t(sizeof(CANVAS0));
+  Engine e(10, false, 4 * canvas + 1);
+  EXPECT_EQ(e.context->nthread, 5);
+  EXPECT_EQ(e.context->grworker.nthreads, 2);
 }

@@ -144,7 +144,7 @@ TEST(ComputerWidth, OneWorkerThreadCapsWantAtUnsignedMinusOne) {
 }
 
 TEST(ComputerWidth, ManyWorkerThreadsAreCappedAtNthreadsMinusTwo) {
-  Engine e(8);  // five worker threads
+  Engine e(8, false, int64_t(2) << 30);  // five worker threads, budget for them
   addcomputerwidth(e.context, 10);
   EXPECT_EQ(atomicload(&e.context->grworker.icomputingthreads), 3);
   removecomputerwidth(e.context, 10);

@@ -68,7 +68,7 @@ void worker_turnaround(OVCONTEXT* context, WORKER* worker) {
 
 std::atomic<int> stopped{0};
 std::atomic<int> canvasseen{0};
-CANVAS0* const SENTINELCANVAS = reinterpret_cast<CANVAS0*>(0x5a5a5a50);
+std::atomic<CANVAS0*> expectedcanvas{nullptr};
 
 void worker_fail(OVCONTEXT* context, WORKER* worker) {
   stopped.fetch_add(1);
@@ -78,7 +78,7 @@ void worker_fail(OVCONTEXT* context, WORKER* worker) {
 // A long procedure's shape: stop is tested first, and a stopped worker takes
 // its way home to release what it holds.
 void worker_job(OVCONTEXT* context, WORKER* worker) {
-  if (worker->canvas == SENTINELCANVAS) canvasseen.fetch_add(1);
+  if (worker->canvas == expectedcanvas.load()) canvasseen.fetch_add(1);
   worker->recipient = THREAD_MAIN;
   worker->workerproc = atomicload(&worker->stop) ? worker_fail : worker_arrive;
   dispatch(context, worker);
@@ -424,7 +424,8 @@ TEST(Stop, StoppedWorkersStillRunAndGoHome) {
 
 TEST(Stop, QueuedWorkersGetTheThreadsCanvasAndDuringRunIndexThree) {
   Engine e;
-  e.context->threadcontext[3].canvas = SENTINELCANVAS;
+  expectedcanvas.store(e.context->threadcontext[3].canvas);
+  ASSERT_NE(expectedcanvas.load(), nullptr);
   canvasseen.store(0);
   arrivals.store(0);
   e.onmain([](OVCONTEXT* c) {
@@ -514,4 +515,25 @@ TEST(Stop, ShutdownWithThousandsQueuedEmptiesEveryQueue) {
   });
   waitfor([] { return arrivals.load() == 1; });
   e.waitidle();
+}
+
+// A budget under two canvases leaves no worker thread: area work waits for
+// the run of shutdown, which has no canvas to give it either.
+TEST(Stop, TooSmallBudgetLeavesNoWorkerThread) {
+  Engine e(5, false, 2 * int64_t(sizeof(CANVAS0)) - 1);
+  EXPECT_EQ(e.context->nthread, 3);
+  EXPECT_EQ(e.context->grworker.nthreads, 0);
+  arrivals.store(0);
+  canvasseen.store(0);
+  expectedcanvas.store(nullptr);
+  e.onmain([](OVCONTEXT* c) {
+    WORKER* w = addworker(c, THREAD_WORKER, worker_job);
+    w->prio = 0;
+    dispatch(c, w);
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(arrivals.load(), 0);
+  shutdowncontext(e.context, false);
+  EXPECT_EQ(arrivals.load(), 1);
+  EXPECT_EQ(canvasseen.load(), 1);  // no canvas at all
 }
