@@ -261,10 +261,6 @@ void join(OVCONTEXT* context, int i) {
   context->threadcontext[i].active = false;
 }
 
-int64_t hpvaluelimbbytes(const HPVALUE* h) {
-  return 8 * (static_cast<int64_t>(h->v[0]->_mp_prec + 1) + (h->v[1]->_mp_prec + 1));
-}
-
 void clearlimbs(OVCONTEXT* context, HPVALUE* h) {
   context->mem_hpvalue -= hpvaluelimbbytes(h);
   mpf_clear(h->v[0]);

@@ -14,7 +14,8 @@
 // counters, the stop word and `pdata` are shared with the worker threads that
 // run nodes; `endcompute` runs on the main thread only.
 //
-// These are layouts only: nothing here allocates, counts or computes.
+// The records are plain layouts; the operations declared at the end live in
+// environment.cpp.
 #pragma once
 
 #include <gmp.h>
@@ -159,3 +160,36 @@ struct ENVIRONMENT {
   CHAIN chainstore;
   unsigned int flags;
 };
+
+// ---------------------------------------------------------------- operations
+//
+// The HPVALUE pool and every call that attaches or detaches an HPVALUE
+// (`addhpv`, `attachhpv`, `detachhpv`, `adde`, `addej`, `copye`, and the
+// detache that releases an environment) belong to the main thread.
+// `attache` and a detache that is not the last may come from any thread.
+// The three tests only read, and run on any thread that holds a reference
+// to `e`, each with a scratch number of its own.
+
+// Bytes of limbs both numbers of `h` have allocated: GMP keeps one limb more
+// than the precision it reports.
+int64_t hpvaluelimbbytes(const HPVALUE* h);
+
+HPVALUE* addhpv(OVCONTEXT* context, mp_bitcnt_t precision);
+void attachhpv(HPVALUE* h);
+void detachhpv(OVCONTEXT* context, HPVALUE* h);
+
+ENVIRONMENT* adde(OVCONTEXT* context, mpf_srcptr x, mpf_srcptr y, mp_bitcnt_t precision);
+ENVIRONMENT* addej(OVCONTEXT* context, mpf_srcptr x, mpf_srcptr y, mp_bitcnt_t precision);
+ENVIRONMENT* copye(OVCONTEXT* context, ENVIRONMENT* source);
+void attache(ENVIRONMENT* e);
+void detache(OVCONTEXT* context, ENVIRONMENT* e);
+
+// The point relative to `e`; the absolute point when `e` is null or a shallow
+// periodic point that serves as no reference.
+HFLOATCOMPLEX getrelativepos(mpf_srcptr x, mpf_srcptr y, const ENVIRONMENT* e);
+// `zoom` is the complex scale of the view: 1/|zoom| is the half-size of the
+// region tested. `scratch` is overwritten.
+bool isenvironmentvalid(mpf_ptr scratch, const ENVIRONMENT* e, mpf_srcptr x, mpf_srcptr y,
+                        HFLOATCOMPLEX zoom);
+bool isenvironmentclose(mpf_ptr scratch, const ENVIRONMENT* e, mpf_srcptr x, mpf_srcptr y,
+                        HFLOATCOMPLEX zoom);
