@@ -15,7 +15,8 @@
 // area through its message and reads nothing of it; the level-finishing worker
 // reads only the snapshot `jstdforworker`.
 //
-// These are layouts only: nothing here allocates, subdivides or evicts.
+// The records are layouts; the operations declared at the end live in
+// realms.cpp (realms) and areas.cpp (the tree).
 #pragma once
 
 #include <cstdint>
@@ -190,3 +191,50 @@ struct REALM {
   CHAIN chain;
   unsigned int flags;
 };
+
+// ---------------------------------------------------------------- operations
+//
+// Calls with a leading `__`, the `worker_realm_*` handlers and everything
+// that touches the tree run on the main thread. `addrealm`, `copyrealm`,
+// `attachrealm` and `detachrealm` may come from any thread: they touch only
+// the atomic count and send a message.
+
+// A new realm with `count` 2: the caller's reference and the message's, which
+// `worker_realm_init` gives up once the realm has its top. NULL when the
+// engine is stopped or no message record is left.
+REALM* addrealm(OVCONTEXT* context, REALMTYPE type);
+// A new realm of `realm`'s type and flags that takes over its iteration
+// parameters and environment in `worker_realm_copy`. The message holds a
+// reference to `realm` until then.
+REALM* copyrealm(OVCONTEXT* context, REALM* realm);
+void attachrealm(REALM* realm);
+// Sends the detach to the main thread; NULL or a stopped engine: nothing.
+void detachrealm(OVCONTEXT* context, REALM* realm);
+// The last reference frees the realm with its tree.
+void __detachrealm(OVCONTEXT* context, REALM* realm);
+void __removerealm(OVCONTEXT* context, REALM* realm);
+// Clears the realm's parameters and gives it a fresh top.
+void __createtop(OVCONTEXT* context, REALM* realm, bool withjulia);
+
+void worker_realm_init(OVCONTEXT* context, WORKER* worker);
+void worker_realm_copy(OVCONTEXT* context, WORKER* worker);
+void worker_realm_detach(OVCONTEXT* context, WORKER* worker);
+
+// A new area below `parent` (NULL for a top); the oldest bare leaf is evicted
+// first when the pool is full. NULL, with a line on standard error, when
+// nothing can be evicted.
+AREA* adda(OVCONTEXT* context, AREA* parent, int depth);
+// Frees `a` and its subtree; `a`'s slot in its parent is the caller's.
+void removea(OVCONTEXT* context, AREA* a);
+// Makes sure all four children exist; they become the youngest entries of
+// `achain`.
+void subdivide(OVCONTEXT* context, AREA* a);
+// Drops the area's data and stops its job, unless A_INPPPROGRAM is set.
+void resetarea(OVCONTEXT* context, AREA* a, bool all);
+// Puts `a` on `achain` if it is a bare leaf, takes it off otherwise.
+void updatedelchain(OVCONTEXT* context, AREA* a);
+// May the data of an older cycle stay?
+bool isvalid(OVCONTEXT* context, AREA* a);
+// The nearest ancestor (or `a` itself) with an `hpvalue`, and in `c` the
+// corner of `a` relative to that value's corner.
+HPVALUE* getcoordarel(AREA* a, HFLOATCOMPLEX* c);
