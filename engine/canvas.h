@@ -38,3 +38,27 @@ void preinitcanvas(OVCONTEXT* context, CANVAS0* canvas);
 // Gives back all mpf storage: of the first `mhpvalue` checkpoints and of the
 // members above. The buffer may then be freed.
 void postfreecanvas(OVCONTEXT* context, CANVAS0* canvas);
+
+// ---------------------------------------------------------------- the canvas job
+//
+// Where a canvas job (`worker_canvas_calc`) carries what the canvas reads.
+// `idata[JOB_WORD]` is the flag word that becomes `CANVAS.flags`.
+constexpr int JOB_WORD = 0;         // idata: CF_* bits, CF_MODEPREC the forced format
+constexpr int JOB_ORDER = 1;        // idata: polynomial order, prec + precoffset
+constexpr int JOB_DEPTH = 2;        // idata: the area's depth
+constexpr int JOB_DBOUND = 8;       // idata: -log2 of the derivative bound, -1 none
+constexpr int JOB_INTERPOLITER = 12;  // idata
+constexpr int JOB_CT = 0;           // hdata: origin relative to the corner
+constexpr int JOB_AREA = 0;         // pdata: AREA*
+constexpr int JOB_CORNER = 1;       // pdata: HPVALUE*, the high-precision corner, or null
+constexpr int JOB_ENVIRONMENT = 2;  // pdata: ENVIRONMENT*, or null
+
+// The number format of a job: CF_MODEPREC of its word, or by its depth when
+// that is 0. Returns the format's MODE (16, 32, 48, 64), or 0 after printing
+// "MSG_CANVAS_CALC: Not supported." for any other forced value.
+unsigned int canvasformat(unsigned int word, int depth);
+
+// Picks the format of `worker`'s job and prepares the worker's canvas for it
+// (`initcanvas` of that format, grid of 2^8 + 1, interpolation step 32).
+// Returns the format's MODE, or 0 when the canvas was left unused.
+unsigned int canvas_calc_initcanvas(OVCONTEXT* context, WORKER* worker);

@@ -1,0 +1,418 @@
+// canvasdata.cpp: the two pools inside a canvas, orbit sample blocks and
+// high-precision checkpoints, and the operations on orbit states that hold
+// counts on checkpoints.
+//
+// Both pools are arrays addressed from a free-list head whose tail is
+// implicit: an entry at the head with no successor stands for itself and
+// every entry after it in the array, so that `initcanvas` resets a pool by
+// touching one entry. Exhaustion is a normal event and prints nothing.
+#include <gmp.h>
+
+#include <climits>
+#include <cstdio>
+
+#include "Mandelbrot.h"
+#include "canvas/model.h"
+
+namespace canvasmodel {
+
+namespace {
+
+template <typename T>
+bool chainhaslowest(typename T::CVERTEX* v, CHPVALUE** lowest) {
+  if (chainempty(&v->hpvchain)) return false;
+  *lowest = CHAINRECORD(v->hpvchain.next, CHPVALUE, chain);
+  return true;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- orbit blocks
+
+template <typename T>
+int addcdata(typename T::CANVAS* canvas, ITER iter, int ref) {
+  if (canvas->idata > NCDATA - 1) return -1;
+  int b = canvas->rdata;
+  if (canvas->data[b].next == -1) {
+    canvas->rdata = b + 1;
+    // Past the last block the head is never read: the count above stops
+    // the pool first, and a block given back becomes the head again.
+    if (b + 1 < NCDATA) canvas->data[b + 1].next = -1;
+  } else {
+    canvas->rdata = canvas->data[b].next;
+  }
+  canvas->idata++;
+  canvas->data[b].next = -1;
+  canvas->data[b].ref = ref;
+  canvas->data[b].iter = iter;
+  return b;
+}
+
+template <typename T>
+void removecdata(typename T::CANVAS* canvas, int block) {
+  canvas->data[block].next = canvas->rdata;
+  canvas->rdata = block;
+  canvas->idata--;
+}
+
+template <typename T>
+void freetoitercdata(typename T::CANVAS* canvas, int* head, ITER iter) {
+  while (*head != -1) {
+    int b = *head;
+    // Only blocks whose last sample lies below iter: the one holding iter
+    // is still read.
+    if (static_cast<long>(canvas->data[b].iter) + CDATAGRAN > iter) break;
+    *head = canvas->data[b].next;
+    removecdata<T>(canvas, b);
+  }
+}
+
+template <typename T>
+int writecdata(typename T::CANVAS* canvas, int* cursor, ITER iter, typename T::COMPLEX value,
+               typename T::FLOAT a, int ref) {
+  int b = *cursor;
+  if (b == -1) return 0;
+  if (iter < canvas->data[b].iter) return 1;
+  while (static_cast<long>(iter) > static_cast<long>(canvas->data[b].iter) + CDATAGRAN - 1) {
+    int n = canvas->data[b].next;
+    if (n == -1) {
+      n = addcdata<T>(canvas, canvas->data[b].iter + CDATAGRAN, ref);
+      if (n == -1) {
+        *cursor = b;
+        return 0;
+      }
+      canvas->data[b].next = n;
+    }
+    b = n;
+  }
+  *cursor = b;
+  int k = iter - canvas->data[b].iter;
+  canvas->data[b].value[k] = value;
+  canvas->data[b].a[k] = a;
+  return 1;
+}
+
+template <typename T>
+void readcdata(typename T::CANVAS* canvas, int* cursor, ITER iter, typename T::COMPLEX* value,
+               typename T::FLOAT* a) {
+  int b = *cursor;
+  if (b == -1) return;
+  if (iter < canvas->data[b].iter) return;
+  while (static_cast<long>(iter) > static_cast<long>(canvas->data[b].iter) + CDATAGRAN - 1) {
+    b = canvas->data[b].next;
+    if (b == -1) return;
+  }
+  *cursor = b;
+  int k = iter - canvas->data[b].iter;
+  *value = canvas->data[b].value[k];
+  *a = canvas->data[b].a[k];
+}
+
+// ---------------------------------------------------------------- checkpoints
+
+template <typename T>
+CHPVALUE* addhpvalue(typename T::CANVAS* canvas, bool clear) {
+  if (canvas->ihpvalue > NCHPVALUE - 1) return nullptr;
+  CHPVALUE* h = canvas->rhpvalue;
+  if (h->next == nullptr) {
+    CHPVALUE* following = h + 1;
+    // One past the array is a head that is never read, as with the blocks.
+    if (following < canvas->hpvalue + NCHPVALUE) following->next = nullptr;
+    canvas->rhpvalue = following;
+  } else {
+    canvas->rhpvalue = h->next;
+  }
+  canvas->ihpvalue++;
+  int index = static_cast<int>(h - canvas->hpvalue);
+  if (index >= canvas->mhpvalue) {
+    mpf_init2(h->value[0], canvas->precision);
+    mpf_init2(h->value[1], canvas->precision);
+    canvas->mhpvalue = index + 1;
+  } else {
+    mpf_set_prec(h->value[0], canvas->precision);
+    mpf_set_prec(h->value[1], canvas->precision);
+    if (clear) {
+      mpf_set_ui(h->value[0], 0);
+      mpf_set_ui(h->value[1], 0);
+    }
+  }
+  h->iter = 0;
+  // Self-linked, so that taking a checkpoint off a chain it never joined
+  // is harmless.
+  initchain(&h->chain);
+  h->next = nullptr;
+  h->count = 1;
+  return h;
+}
+
+template <typename T>
+void attachhpvalue(CHPVALUE* value) {
+  value->count++;
+}
+
+namespace {
+
+template <typename T>
+void givehpvalue(typename T::CANVAS* canvas, CHPVALUE* value) {
+  value->next = canvas->rhpvalue;
+  canvas->rhpvalue = value;
+  canvas->ihpvalue--;
+}
+
+}  // namespace
+
+template <typename T>
+void detachhpvalue(typename T::CANVAS* canvas, CHPVALUE* value, bool chained) {
+  if (!value) return;
+  if (value->count < 1) {
+    fputs("detachhpvalue: error.\n", stderr);
+    return;
+  }
+  if (--value->count != 0) return;
+  if (chained) chainrem(&value->chain);
+  givehpvalue<T>(canvas, value);
+}
+
+template <typename T>
+void refdetachhpvalue(typename T::CANVAS* canvas, int vertex, CHPVALUE* value) {
+  if (value->count < 1) {
+    fputs("detachhpvalue: error.\n", stderr);
+    return;
+  }
+  typename T::CVERTEX* v = &canvas->v[vertex];
+  if (--value->count == 0) {
+    chainrem(&value->chain);
+    givehpvalue<T>(canvas, value);
+  }
+  // Samples below the lowest checkpoint can never be recomputed from it,
+  // nor are they needed to: orbits are only followed forward from one.
+  CHPVALUE* lowest;
+  if (chainhaslowest<T>(v, &lowest)) freetoitercdata<T>(canvas, &v->firstdata, lowest->iter);
+  else freetoitercdata<T>(canvas, &v->firstdata, INT_MAX);
+  if (v->firstdata == -1) v->lastdata = -1;
+}
+
+// ---------------------------------------------------------------- orbit states
+
+template <typename T>
+void copyvalue(typename T::CANVAS* canvas, typename T::CVALUE* dst,
+               const typename T::CVALUE* src) {
+  // Counting the new holder first makes a copy onto itself harmless.
+  if (src->hpvalue) attachhpvalue<T>(src->hpvalue);
+  detachhpvalue<T>(canvas, dst->hpvalue, false);
+  *dst = *src;
+}
+
+template <typename T>
+void freevalue(typename T::CANVAS* canvas, typename T::CVALUE* value) {
+  detachhpvalue<T>(canvas, value->hpvalue, false);
+  value->hpvalue = nullptr;
+}
+
+template <typename T>
+void __transvalue(typename T::COMPLEX* result, typename T::CANVAS* canvas,
+                  typename T::COMPLEX delta, const CHPVALUE* from, const CHPVALUE* to) {
+  typedef NUM<typename T::FLOAT> N;
+  HFLOAT part[2];
+  for (int k = 0; k < 2; k++) {
+    if (from && to) mpf_sub(canvas->dummyvalue, from->value[k], to->value[k]);
+    else if (from) mpf_set(canvas->dummyvalue, from->value[k]);
+    else if (to) mpf_neg(canvas->dummyvalue, to->value[k]);
+    else mpf_set_ui(canvas->dummyvalue, 0);
+    part[k] = mpf_get_HF(canvas->dummyvalue);
+  }
+  *result = N::cfromHF(caddHF(N::ctoHF(delta), cHF(part[0], part[1])));
+}
+
+namespace {
+
+// The checkpoint parts of an orbit value in the format.
+template <typename T>
+void setcheckpoint(CHPVALUE* h, typename T::COMPLEX value) {
+  HFLOATCOMPLEX v = NUM<typename T::FLOAT>::ctoHF(value);
+  mpfsetHFexact(h->value[0], crealHF(v));
+  mpfsetHFexact(h->value[1], cimagHF(v));
+}
+
+}  // namespace
+
+template <typename T>
+int makeref(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value,
+            [[maybe_unused]] int* limit) {
+  typedef NUM<typename T::FLOAT> N;
+  if ((value->flags & CV_RELATIVE) && value->ref == vertex) return 0;
+  // A start state needs the environment's checkpoint at its iteration,
+  // which only the high-precision iteration can make: it fails here as it
+  // would without that checkpoint.
+  if (!(value->flags & (CV_RELATIVE | CV_ABSOLUTE))) return 0;
+  CHPVALUE* h = addhpvalue<T>(canvas, false);
+  if (!h) return 0;
+  h->iter = static_cast<ITER>(value->iter);
+  setcheckpoint<T>(h, value->value);
+  if (value->flags & CV_RELATIVE) {
+    if (!value->hpvalue) {
+      detachhpvalue<T>(canvas, h, false);
+      return 0;
+    }
+    mpf_add(h->value[0], h->value[0], value->hpvalue->value[0]);
+    mpf_add(h->value[1], h->value[1], value->hpvalue->value[1]);
+  }
+
+  freevalue<T>(canvas, value);
+  value->value = N::czero();
+  value->Z = N::zero();
+  value->hpvalue = h;
+  value->ref = vertex;
+  value->flags = CV_REFERENCE;
+
+  typename T::CVERTEX* v = &canvas->v[vertex];
+  // An earlier orbit of this vertex gives up its chain; its blocks stay for
+  // whoever still reads them until the canvas is reset.
+  while (!chainempty(&v->hpvchain)) {
+    CHPVALUE* old = CHAINRECORD(v->hpvchain.next, CHPVALUE, chain);
+    chainrem(&old->chain);
+    initchain(&old->chain);
+    detachhpvalue<T>(canvas, old, false);
+  }
+  v->refiter = 0;
+  chaininsend(&v->hpvchain, &h->chain);
+  attachhpvalue<T>(h);
+
+  int b = addcdata<T>(canvas, static_cast<ITER>(value->iter), vertex);
+  v->firstdata = b;
+  v->lastdata = b;
+  value->data = b;
+
+  newref<T>(canvas, vertex);
+  return value->data != -1;
+}
+
+template <typename T>
+void newref(typename T::CANVAS* canvas, int self) {
+  typedef NUM<typename T::FLOAT> N;
+  typename T::CVERTEX* vs = &canvas->v[self];
+  CHPVALUE* to;
+  if (!chainhaslowest<T>(vs, &to)) return;
+  const int R = CANVASSIZE;
+  const int shift = canvas->canvassizeshift;
+
+  // The walk's stack is threaded through `next5`, the level in `dummy`; a
+  // vertex is on it once at most, since pending cells never share a corner
+  // that is their top-left one.
+  int stack = 0;
+  canvas->v[0].next5 = -1;
+  canvas->v[0].dummy = 0;
+  while (stack != -1) {
+    int i = stack;
+    typename T::CVERTEX* ci = &canvas->v[i];
+    stack = ci->next5;
+    int level = ci->dummy;
+    int w = 1 << (shift - level);
+    int corners[4] = {i, i + w, i + w * R + w, i + w * R};
+    bool success = false;
+    for (int c : corners) {
+      if (c == self) continue;
+      typename T::CVERTEX* vc = &canvas->v[c];
+      if (!(vc->flags & VX_CALCULATEDMASK) || (vc->flags & VX_FORCE_FINAL)) continue;
+      typename T::CVALUE* st = &vc->v;
+      if (st->flags == 0) continue;
+      if (!(st->flags & CV_RELATIVE) || !st->hpvalue || st->ref == self) continue;
+      // A difference only moves between orbits at one iteration.
+      if (st->hpvalue->iter != to->iter || static_cast<ITER>(st->iter) != to->iter) continue;
+      typename T::COMPLEX nd;
+      __transvalue<T>(&nd, canvas, st->value, st->hpvalue, to);
+      if (!N::notgreater(nd, st->value)) continue;
+      int b = vs->firstdata;
+      while (b != -1 && static_cast<long>(st->iter) >
+                            static_cast<long>(canvas->data[b].iter) + CDATAGRAN - 1)
+        b = canvas->data[b].next;
+      attachhpvalue<T>(to);
+      detachhpvalue<T>(canvas, st->hpvalue, false);
+      st->hpvalue = to;
+      st->data = b;
+      st->ref = self;
+      st->Z = N::zero();
+      st->value = nd;
+      success = true;
+    }
+    int x0 = ci->x, y0 = ci->y;
+    bool contains = vs->x >= x0 && vs->x <= x0 + w && vs->y >= y0 && vs->y <= y0 + w;
+    if ((contains || success) && ci->depth > level && level < shift) {
+      int h = w / 2;
+      int quarters[4] = {i, i + h, i + h * R + h, i + h * R};
+      for (int q : quarters) {
+        canvas->v[q].dummy = level + 1;
+        canvas->v[q].next5 = stack;
+        stack = q;
+      }
+    }
+  }
+}
+
+// ---------------------------------------------------------------- instantiations
+
+template int addcdata<CANVASTEMPLATE_float>(CANVAS_float*, ITER, int);
+template void removecdata<CANVASTEMPLATE_float>(CANVAS_float*, int);
+template void freetoitercdata<CANVASTEMPLATE_float>(CANVAS_float*, int*, ITER);
+template int writecdata<CANVASTEMPLATE_float>(CANVAS_float*, int*, ITER, CANVASTEMPLATE_float::COMPLEX, CANVASTEMPLATE_float::FLOAT, int);
+template void readcdata<CANVASTEMPLATE_float>(CANVAS_float*, int*, ITER, CANVASTEMPLATE_float::COMPLEX*, CANVASTEMPLATE_float::FLOAT*);
+template CHPVALUE* addhpvalue<CANVASTEMPLATE_float>(CANVAS_float*, bool);
+template void attachhpvalue<CANVASTEMPLATE_float>(CHPVALUE*);
+template void detachhpvalue<CANVASTEMPLATE_float>(CANVAS_float*, CHPVALUE*, bool);
+template void refdetachhpvalue<CANVASTEMPLATE_float>(CANVAS_float*, int, CHPVALUE*);
+template void copyvalue<CANVASTEMPLATE_float>(CANVAS_float*, CVALUE_float*, const CVALUE_float*);
+template void freevalue<CANVASTEMPLATE_float>(CANVAS_float*, CVALUE_float*);
+template void __transvalue<CANVASTEMPLATE_float>(CANVASTEMPLATE_float::COMPLEX*, CANVAS_float*, CANVASTEMPLATE_float::COMPLEX, const CHPVALUE*,
+                                const CHPVALUE*);
+template int makeref<CANVASTEMPLATE_float>(CANVAS_float*, int, CVALUE_float*, int*);
+template void newref<CANVASTEMPLATE_float>(CANVAS_float*, int);
+
+template int addcdata<CANVASTEMPLATE_double>(CANVAS_double*, ITER, int);
+template void removecdata<CANVASTEMPLATE_double>(CANVAS_double*, int);
+template void freetoitercdata<CANVASTEMPLATE_double>(CANVAS_double*, int*, ITER);
+template int writecdata<CANVASTEMPLATE_double>(CANVAS_double*, int*, ITER, CANVASTEMPLATE_double::COMPLEX, CANVASTEMPLATE_double::FLOAT, int);
+template void readcdata<CANVASTEMPLATE_double>(CANVAS_double*, int*, ITER, CANVASTEMPLATE_double::COMPLEX*, CANVASTEMPLATE_double::FLOAT*);
+template CHPVALUE* addhpvalue<CANVASTEMPLATE_double>(CANVAS_double*, bool);
+template void attachhpvalue<CANVASTEMPLATE_double>(CHPVALUE*);
+template void detachhpvalue<CANVASTEMPLATE_double>(CANVAS_double*, CHPVALUE*, bool);
+template void refdetachhpvalue<CANVASTEMPLATE_double>(CANVAS_double*, int, CHPVALUE*);
+template void copyvalue<CANVASTEMPLATE_double>(CANVAS_double*, CVALUE_double*, const CVALUE_double*);
+template void freevalue<CANVASTEMPLATE_double>(CANVAS_double*, CVALUE_double*);
+template void __transvalue<CANVASTEMPLATE_double>(CANVASTEMPLATE_double::COMPLEX*, CANVAS_double*, CANVASTEMPLATE_double::COMPLEX, const CHPVALUE*,
+                                const CHPVALUE*);
+template int makeref<CANVASTEMPLATE_double>(CANVAS_double*, int, CVALUE_double*, int*);
+template void newref<CANVASTEMPLATE_double>(CANVAS_double*, int);
+
+template int addcdata<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, ITER, int);
+template void removecdata<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, int);
+template void freetoitercdata<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, int*, ITER);
+template int writecdata<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, int*, ITER, CANVASTEMPLATE_longdouble::COMPLEX, CANVASTEMPLATE_longdouble::FLOAT, int);
+template void readcdata<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, int*, ITER, CANVASTEMPLATE_longdouble::COMPLEX*, CANVASTEMPLATE_longdouble::FLOAT*);
+template CHPVALUE* addhpvalue<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, bool);
+template void attachhpvalue<CANVASTEMPLATE_longdouble>(CHPVALUE*);
+template void detachhpvalue<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, CHPVALUE*, bool);
+template void refdetachhpvalue<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, int, CHPVALUE*);
+template void copyvalue<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, CVALUE_longdouble*, const CVALUE_longdouble*);
+template void freevalue<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, CVALUE_longdouble*);
+template void __transvalue<CANVASTEMPLATE_longdouble>(CANVASTEMPLATE_longdouble::COMPLEX*, CANVAS_longdouble*, CANVASTEMPLATE_longdouble::COMPLEX, const CHPVALUE*,
+                                const CHPVALUE*);
+template int makeref<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, int, CVALUE_longdouble*, int*);
+template void newref<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, int);
+
+template int addcdata<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, ITER, int);
+template void removecdata<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, int);
+template void freetoitercdata<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, int*, ITER);
+template int writecdata<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, int*, ITER, CANVASTEMPLATE_hfloat::COMPLEX, CANVASTEMPLATE_hfloat::FLOAT, int);
+template void readcdata<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, int*, ITER, CANVASTEMPLATE_hfloat::COMPLEX*, CANVASTEMPLATE_hfloat::FLOAT*);
+template CHPVALUE* addhpvalue<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, bool);
+template void attachhpvalue<CANVASTEMPLATE_hfloat>(CHPVALUE*);
+template void detachhpvalue<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, CHPVALUE*, bool);
+template void refdetachhpvalue<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, int, CHPVALUE*);
+template void copyvalue<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, CVALUE_hfloat*, const CVALUE_hfloat*);
+template void freevalue<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, CVALUE_hfloat*);
+template void __transvalue<CANVASTEMPLATE_hfloat>(CANVASTEMPLATE_hfloat::COMPLEX*, CANVAS_hfloat*, CANVASTEMPLATE_hfloat::COMPLEX, const CHPVALUE*,
+                                const CHPVALUE*);
+template int makeref<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, int, CVALUE_hfloat*, int*);
+template void newref<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, int);
+
+}  // namespace canvasmodel

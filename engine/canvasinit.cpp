@@ -1,0 +1,310 @@
+// canvasinit.cpp: preparing a canvas for a job and giving it back, and the
+// choice of the number format a job runs in.
+//
+// `initcanvas` is the single fixed cost of an area: it writes all 66,049
+// vertices, but leaves the 32,768 orbit blocks and 16,384 checkpoints alone
+// (their free lists are extended lazily) and keeps the checkpoints' mpf
+// storage from earlier jobs.
+#include <gmp.h>
+
+#include <cstdio>
+#include <type_traits>
+
+#include "Mandelbrot.h"
+#include "canvas/model.h"
+
+namespace canvasmodel {
+
+namespace {
+
+// The ratio of signal to accumulated rounding noise a format is trusted with.
+template <typename FLOAT>
+constexpr double trustedratio() {
+  if constexpr (std::is_same_v<FLOAT, float>) return 1e6;
+  else if constexpr (std::is_same_v<FLOAT, double>) return 1e14;
+  else if constexpr (std::is_same_v<FLOAT, long double>) return 1e18;
+  else return 1e15;
+}
+
+// 4/7 of 2^62 as the mantissa: the start of the scaled derivative is
+// (4/7) 2^(juliasizeshift - 5 - depth), a seventh of 2^(juliasizeshift - 3 - depth).
+constexpr HFLOATBASE DFACTORMANTISSA = 0x2492492492492400;
+// 0.002 = 0x20C49BA5E353F800 * 2^(-8 - 62): the satellite bound's factor.
+constexpr HFLOAT SBOUNDFACTOR = {0x20C49BA5E353F800, -8};
+
+constexpr ITER JULIAMAXITER = 200000000;
+constexpr ITER HYPERBOLICMAXITER = 10000000;
+
+// A change of precision within this many bits keeps the scratch storage.
+constexpr long PRECISIONSLACK = 10;
+
+void setpow2(mpf_ptr x, long e) {
+  mpf_set_ui(x, 1);
+  if (e >= 0) mpf_mul_2exp(x, x, static_cast<mp_bitcnt_t>(e));
+  else mpf_div_2exp(x, x, static_cast<mp_bitcnt_t>(-e));
+}
+
+template <typename T>
+void emptyvalue(typename T::CVALUE* v, unsigned int flags) {
+  typedef NUM<typename T::FLOAT> N;
+  v->iter = 0;
+  v->ref = -1;
+  v->data = 0;
+  v->hpvalue = nullptr;
+  v->value = N::czero();
+  v->d = N::czero();
+  v->Z = N::zero();
+  v->flags = flags;
+}
+
+}  // namespace
+
+template <typename T>
+void initcanvas(OVCONTEXT* context, typename T::CANVAS* canvas, WORKER* worker, int sizeshift,
+                int interpol) {
+  typedef typename T::FLOAT FLOAT;
+  typedef typename T::COMPLEX COMPLEX;
+  typedef NUM<FLOAT> N;
+
+  unsigned int word = static_cast<unsigned int>(worker->idata[JOB_WORD]);
+  int depth = worker->idata[JOB_DEPTH];
+  const ENVIRONMENT* e = static_cast<const ENVIRONMENT*>(worker->pdata[JOB_ENVIRONMENT]);
+  const HPVALUE* corner = static_cast<const HPVALUE*>(worker->pdata[JOB_CORNER]);
+  bool julia = (word & CF_JULIA) != 0;
+  bool general = (word & CF_GENERAL) != 0;
+  bool hyperbolic = (word & CF_HYPERBOLIC) != 0;
+
+  canvas->canvassizeshift = sizeshift;
+  canvas->canvasinterpol = interpol;
+  canvas->interpoliter = 0;
+  canvas->newinterpoliter = 0;
+  canvas->oldinterpoliter = 0;
+  canvas->oldinterpoliter2 = 0;
+  canvas->interpolmindepth = 0;
+  canvas->environmenthpvalue = nullptr;
+  canvas->oldenvironmenthpvalue = nullptr;
+  canvas->oldenvironmenthpvalue2 = nullptr;
+  canvas->next = nullptr;
+  canvas->__worker = worker;
+  canvas->__n = 0;
+  canvas->flags = word | CF_ACTIVE;
+  canvas->depth = depth;
+  // The driver fills the lists; a canvas starts with none, so that a driver
+  // that finds nothing to do stops at once.
+  for (int l = 0; l < NCANVASLEVEL; l++) {
+    canvas->workerinfty[l] = -1;
+    canvas->worker[l] = -1;
+    canvas->workerfailure[l] = -1;
+  }
+  canvas->minworkerinfty = NCANVASLEVEL;
+  canvas->minworker = NCANVASLEVEL;
+  canvas->minworkerfailure = NCANVASLEVEL;
+  canvas->workerinterpol = -1;
+
+  // A grid step is 2^s: a canvas at depth 0 spans 16 units.
+  int s = 4 - depth - sizeshift;
+
+  canvas->dfactor = HFLOAT{DFACTORMANTISSA, context->juliasizeshift - 5 - depth};
+
+  if (julia) {
+    // A Julia coordinate needs about twice the bits of a Mandelbrot one.
+    canvas->precision = static_cast<mp_bitcnt_t>(64 + 2 * depth);
+    canvas->maxiter = JULIAMAXITER;
+    canvas->flags |= CF_NOINFTY | CF_ACTIVE;
+  } else {
+    canvas->precision = static_cast<mp_bitcnt_t>(64 + depth);
+    canvas->maxiter = 0;
+  }
+
+  if (e && (e->flags & E_SERIES)) {
+    canvas->dfactor2 = cdivHF(cmulHF2(e->scalec, canvas->dfactor), e->scalez);
+    HFLOAT num = mulHF(mulHF(SBOUNDFACTOR, cabsHFs(e->scalez)), NUM<HFLOAT>::pow2(2 * s));
+    canvas->sbound = divHF(num, mulHF(canvas->dfactor, canvas->dfactor));
+  } else {
+    canvas->dfactor2 = CZEROH;
+    canvas->sbound = ZEROH;
+  }
+
+  canvas->dbound = N::max();
+  if (canvas->flags & CF_JULIACORRECT) {
+    if (julia) {
+      int k = context->juliasizeshift - 6 - depth;
+      canvas->dbound = N::pow2(2 * k + 2);
+    } else if (worker->idata[JOB_DBOUND] != -1) {
+      int k = -worker->idata[JOB_DBOUND];
+      canvas->dbound = N::pow2(2 * k + 2);
+    }
+  }
+
+  if (!e || (e->flags & (E_SERIES | E_PERIODIC)) == E_PERIODIC) {
+    canvas->flags &= ~CF_HPCORRECT;
+    if (!(canvas->flags & CF_DERIVATIVE)) {
+      if (depth <= 30 && !julia) canvas->flags &= ~CF_INTERPOL;
+      canvas->flags |= CF_FAST;
+    }
+  }
+  if (depth <= 31) canvas->flags &= ~CF_HPCORRECT;
+
+  if (canvas->dfactor.mantissa != 0) {
+    HFLOAT q = divHF(mulHF(HFd(trustedratio<FLOAT>()), NUM<HFLOAT>::pow2(s)), canvas->dfactor);
+    canvas->Zfactor = N::fromHF(mulHF(q, q));
+  } else {
+    canvas->Zfactor = N::fromHF(mulHF(HFLOAT_MAX, HFLOAT_MAX));
+  }
+
+  if (hyperbolic) {
+    canvas->flags |= CF_NOINFTY;
+    canvas->maxiter = HYPERBOLICMAXITER;
+  }
+
+  // GMP keeps no record of the bits asked for, only of whole limbs, so the
+  // storage's own figure is what a new precision is measured against.
+  long have = static_cast<long>(mpf_get_prec(canvas->c[0]));
+  long want = static_cast<long>(canvas->precision);
+  if (have - want > PRECISIONSLACK || want - have > PRECISIONSLACK) {
+    mpf_ptr scratch[] = {canvas->c[0], canvas->c[1], canvas->dummyvalue, canvas->dummysmall,
+                         canvas->x1s,  canvas->y1s,  canvas->x,          canvas->y};
+    for (mpf_ptr m : scratch) mpf_set_prec(m, canvas->precision);
+  }
+
+  // The origin is exact in mpf: half a step of 2^(s-1) is far below what a
+  // double holds once the depth passes a thousand or so.
+  HFLOATCOMPLEX ct = worker->hdata[JOB_CT];
+  HFLOAT ctpart[2] = {crealHF(ct), cimagHF(ct)};
+  for (int k = 0; k < 2; k++) {
+    setpow2(canvas->c[k], s - 1);
+    mpfsetHFexact(canvas->dummyvalue, ctpart[k]);
+    mpf_add(canvas->c[k], canvas->c[k], canvas->dummyvalue);
+    if (corner) mpf_add(canvas->c[k], canvas->c[k], corner->v[k]);
+  }
+  if (general) {
+    canvas->cf = N::czero();
+    canvas->cr = N::czero();
+    if (e && e->c) {
+      mpf_sub(canvas->dummyvalue, canvas->c[0], e->c->v[0]);
+      FLOAT rx = N::frommpf(canvas->dummyvalue);
+      mpf_sub(canvas->dummyvalue, canvas->c[1], e->c->v[1]);
+      FLOAT ry = N::frommpf(canvas->dummyvalue);
+      if constexpr (std::is_same_v<FLOAT, HFLOAT>) canvas->cr = cHF(rx, ry);
+      else canvas->cr = COMPLEX(rx, ry);
+      canvas->cf = canvas->cr;
+    }
+  } else {
+    FLOAT fx = N::frommpf(canvas->c[0]);
+    FLOAT fy = N::frommpf(canvas->c[1]);
+    if constexpr (std::is_same_v<FLOAT, HFLOAT>) canvas->cf = cHF(fx, fy);
+    else canvas->cf = COMPLEX(fx, fy);
+    canvas->cr = N::czero();
+  }
+  canvas->ct = ct;
+
+  int size = 1 << sizeshift;
+  FLOAT step = N::pow2(s);
+  bool startatpoint = julia || hyperbolic;
+  COMPLEX dstart = N::czero();
+  if (julia) dstart = N::creal(N::fromHF(canvas->dfactor));
+  else if (hyperbolic) dstart = N::creal(step);
+  for (int y = 0; y <= size; y++) {
+    for (int x = 0; x <= size; x++) {
+      int i = y * CANVASSIZE + x;
+      typename T::CVERTEX* v = &canvas->v[i];
+      emptyvalue<T>(&v->v, 0);
+      emptyvalue<T>(&v->interpolv, 0);
+      emptyvalue<T>(&v->oldv, CV_FAILED);
+      emptyvalue<T>(&v->oldv2, CV_FAILED);
+      v->maxiter = 0;
+      v->depth = 0;
+      v->forced = 0;
+      v->interpoldepth = 0;
+      v->x = x;
+      v->y = y;
+      for (int k = 0; k < NVXWAKE; k++) v->n[k] = -1;
+      v->refiter = 0;
+      initchain(&v->hpvchain);
+      v->firstdata = -1;
+      v->lastdata = -1;
+      v->inftydata.ipdata = 0;
+      v->index = i;
+      v->next = -1;
+      v->next2 = -1;
+      v->next3 = -1;
+      v->next4 = -1;
+      v->next5 = -1;
+      v->dummy = 0;
+      v->flags = 0;
+      if (startatpoint) {
+        v->v.value = N::cadd(canvas->cf, N::cscaled(x, y, step));
+        v->v.d = dstart;
+      }
+    }
+  }
+
+  if (!julia) {
+    const UITER pending = 0xFFFFFFFFu;
+    canvas->v[0].v.iter = pending;
+    canvas->v[size].v.iter = pending;
+    canvas->v[size * CANVASSIZE].v.iter = pending;
+    canvas->v[size * CANVASSIZE + size].v.iter = pending;
+  }
+
+  canvas->ihpvalue = 0;
+  canvas->rhpvalue = &canvas->hpvalue[0];
+  canvas->hpvalue[0].next = nullptr;
+  canvas->idata = 0;
+  canvas->rdata = 0;
+  canvas->data[0].next = -1;
+}
+
+template <typename T>
+void removecanvas([[maybe_unused]] OVCONTEXT* context, typename T::CANVAS* canvas) {
+  canvas->flags = POOL_FREE;
+}
+
+template void initcanvas<CANVASTEMPLATE_float>(OVCONTEXT*, CANVAS_float*, WORKER*, int, int);
+template void initcanvas<CANVASTEMPLATE_double>(OVCONTEXT*, CANVAS_double*, WORKER*, int, int);
+template void initcanvas<CANVASTEMPLATE_longdouble>(OVCONTEXT*, CANVAS_longdouble*, WORKER*, int,
+                                                    int);
+template void initcanvas<CANVASTEMPLATE_hfloat>(OVCONTEXT*, CANVAS_hfloat*, WORKER*, int, int);
+template void removecanvas<CANVASTEMPLATE_float>(OVCONTEXT*, CANVAS_float*);
+template void removecanvas<CANVASTEMPLATE_double>(OVCONTEXT*, CANVAS_double*);
+template void removecanvas<CANVASTEMPLATE_longdouble>(OVCONTEXT*, CANVAS_longdouble*);
+template void removecanvas<CANVASTEMPLATE_hfloat>(OVCONTEXT*, CANVAS_hfloat*);
+
+}  // namespace canvasmodel
+
+unsigned int canvasformat(unsigned int word, int depth) {
+  unsigned int mode = word & CF_MODEPREC;
+  if (mode == 0) {
+    // A Julia point at depth n needs about twice the range of a Mandelbrot one.
+    if (word & CF_JULIA) return depth <= 124 ? 32u : depth <= 1599 ? 48u : 64u;
+    return depth <= 499 ? 32u : depth <= 7999 ? 48u : 64u;
+  }
+  if (mode == 16 || mode == 32 || mode == 48 || mode == 64) return mode;
+  fputs("MSG_CANVAS_CALC: Not supported.\n", stderr);
+  return 0;
+}
+
+unsigned int canvas_calc_initcanvas(OVCONTEXT* context, WORKER* worker) {
+  CANVAS0* canvas = worker->canvas;
+  if (!canvas) return 0;
+  unsigned int mode =
+      canvasformat(static_cast<unsigned int>(worker->idata[JOB_WORD]), worker->idata[JOB_DEPTH]);
+  // One buffer serves every format: the shared tail sits at one offset.
+  switch (mode) {
+    case 16:
+      initcanvas_float(context, reinterpret_cast<CANVAS_float*>(canvas), worker, 8, 32);
+      break;
+    case 32:
+      initcanvas_double(context, reinterpret_cast<CANVAS_double*>(canvas), worker, 8, 32);
+      break;
+    case 48:
+      initcanvas_longdouble(context, canvas, worker, 8, 32);
+      break;
+    case 64:
+      initcanvas_hfloat(context, reinterpret_cast<CANVAS_hfloat*>(canvas), worker, 8, 32);
+      break;
+    default:
+      break;
+  }
+  return mode;
+}
