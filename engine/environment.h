@@ -116,6 +116,37 @@ struct COMPUTERGROUP {
   COMPUTER* computerchain;
 };
 
+// ---------------------------------------------------------------- COMPUTER
+
+constexpr int NCOMPUTERINPUT = 12;
+constexpr int NCOMPUTEROUTPUT = 18;
+constexpr int NCOMPUTERIDATA = 4;
+
+// A node's operation: returns the successor this thread runs next, or null.
+typedef COMPUTER* (*COMPUTERPROC)(COMPUTER* computer);
+
+struct COMPUTERPTR {
+  COMPUTER* ptr;
+  int i;  // the input slot of `ptr` this edge feeds
+};
+
+// One node of a graph. It writes only its own `data`, `hdata` and `idata`,
+// and reads its inputs once `inputwait` says they are final.
+struct COMPUTER {
+  COMPUTERGROUP* computergroup;
+  volatile int inputwait;  // counts down; ready below 2, see finishing a node
+  int inputwaitsaved;
+  COMPUTER* input[NCOMPUTERINPUT];
+  COMPUTERPTR output[NCOMPUTEROUTPUT];
+  int noutput;
+  COMPUTERPROC compute;  // null for the head nodes of a graph
+  ITER idata[NCOMPUTERIDATA];
+  mpf_t data;
+  HFLOATCOMPLEX hdata[NTAYLORDEGREE];
+  COMPUTER* volatile nextonstack;
+  COMPUTER* volatile nextcomputing;  // link word in OVCONTEXT::computer
+};
+
 // ---------------------------------------------------------------- ENVIRONMENT
 
 // ENVIRONMENT.flags. A periodic point without a series is too shallow to be a
@@ -193,3 +224,89 @@ bool isenvironmentvalid(mpf_ptr scratch, const ENVIRONMENT* e, mpf_srcptr x, mpf
                         HFLOATCOMPLEX zoom);
 bool isenvironmentclose(mpf_ptr scratch, const ENVIRONMENT* e, mpf_srcptr x, mpf_srcptr y,
                         HFLOATCOMPLEX zoom);
+
+// ---------------------------------------------------------------- dataflow computers
+//
+// computer.cpp. Groups are built, started, reset and freed on the main thread
+// (or by `run` when no other thread is left); nodes run on any thread that
+// serves the context's ready queue. A group must stay alive until its
+// `endcompute` has been called.
+
+constexpr ITER COMPUTER_NOESCAPE = 0x7FFFFFFF;  // COMPUTERGROUP::idata[0] before any escape
+constexpr int NCOMPUTERSTRETCH = 512;           // rounds in one stretch of a graph
+constexpr int COMPUTERWIDTH_ITER = 4;
+constexpr int COMPUTERWIDTH_ITERSPLIT = 8;
+// Nodes of one stretch of the plain iteration graph, ordinary and split.
+constexpr int NCOMPUTER_ITER = 4 + NCOMPUTERSTRETCH * 11 + 4;
+constexpr int NCOMPUTER_ITERSPLIT = 4 + NCOMPUTERSTRETCH * 31 + 4;
+
+void initcomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, int ncomputer,
+                       mp_bitcnt_t precision);
+void resetcomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, mp_bitcnt_t precision);
+void freecomputergroup(COMPUTERGROUP* group);
+void computergroupsetprecision(COMPUTERGROUP* group);
+void computergroupsetrawprecision(COMPUTERGROUP* group);
+
+// Read-only views of the top `cut` limbs and of the rest of `src`, sharing
+// its limbs: src = hi + lo exactly, both with the sign of src. A lo view is
+// normalised (no leading zero limb), so GMP can take it as an operand.
+void mpf_hi(mpf_ptr dest, mpf_srcptr src, mp_size_t cut);
+void mpf_lo(mpf_ptr dest, mpf_srcptr src, mp_size_t cut);
+
+// A node with the given inputs (nulls are skipped); null and "COMPUTER
+// overflow." when the store or an input's edge table is full.
+COMPUTER* standardcomputern(COMPUTERGROUP* group, COMPUTERPROC compute, int ninput,
+                            COMPUTER* const* inputs, ITER d);
+template <typename... INPUTS>
+COMPUTER* standardcomputer(COMPUTERGROUP* group, COMPUTERPROC compute, INPUTS... inputs) {
+  static_assert(sizeof...(INPUTS) >= 1 && sizeof...(INPUTS) <= 11);
+  COMPUTER* in[] = {inputs...};
+  return standardcomputern(group, compute, sizeof...(INPUTS), in, 0);
+}
+template <typename... INPUTS>
+COMPUTER* standardcomputerd(COMPUTERGROUP* group, COMPUTERPROC compute, ITER d,
+                            INPUTS... inputs) {
+  static_assert(sizeof...(INPUTS) >= 1 && sizeof...(INPUTS) <= 11);
+  COMPUTER* in[] = {inputs...};
+  return standardcomputern(group, compute, sizeof...(INPUTS), in, d);
+}
+
+// One round of z^2 + c and of its derivative appended to the graph; the
+// handles x, y, dx, dy (in that order) move on to the round's results.
+void iter(COMPUTERGROUP* group, COMPUTER** handles, ITER iteration);
+void iterclamp(COMPUTERGROUP* group, COMPUTER** handles, ITER iteration);
+
+// One stretch of NCOMPUTERSTRETCH rounds from the registers data[2..5],
+// started at once. The group's `endcompute`, set by the caller, is called on
+// the main thread when the stretch has run; a stretch of the same shape as
+// the last one re-runs the built graph.
+void setupitercomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, bool split = false);
+
+void removecomputer(COMPUTER* computer);
+void worker_compute_end(OVCONTEXT* context, WORKER* worker);
+
+// Runs ready nodes while the context's queue holds any; true if it ran one.
+bool servecomputers(OVCONTEXT* context);
+
+// Node kinds.
+COMPUTER* __addcomputer(COMPUTER* c);
+COMPUTER* __subcomputer(COMPUTER* c);
+COMPUTER* __mulcomputer(COMPUTER* c);
+COMPUTER* __sqrcomputer(COMPUTER* c);
+COMPUTER* __realitercomputer(COMPUTER* c);
+COMPUTER* __realitercomputer1(COMPUTER* c);
+COMPUTER* __realitercomputer2(COMPUTER* c);
+COMPUTER* __imagitercomputer(COMPUTER* c);
+COMPUTER* __imagitercomputer2(COMPUTER* c);
+COMPUTER* __drealitercomputer(COMPUTER* c);
+COMPUTER* __dimagitercomputer(COMPUTER* c);
+COMPUTER* __itercore(COMPUTER* c);
+COMPUTER* __output(COMPUTER* c);
+COMPUTER* __houtput(COMPUTER* c);
+COMPUTER* __sqrcomputerclamphi(COMPUTER* c);
+COMPUTER* __sqrcomputerclamplo(COMPUTER* c);
+COMPUTER* __sqrcomputerclamp(COMPUTER* c);
+COMPUTER* __mulcomputerclamphi(COMPUTER* c);
+COMPUTER* __mulcomputerclamplo(COMPUTER* c);
+COMPUTER* __mulcomputerclampmid(COMPUTER* c);
+COMPUTER* __mulcomputerclamp(COMPUTER* c);

@@ -115,7 +115,7 @@ void* thread_main(void* ctxt) {
 
 void run(OVCONTEXT* context) {
   for (;;) {
-    bool done = false;
+    bool done = servecomputers(context);
     done |= drainfifo(context, &context->grmain, &context->wmain, ONMAINWORKER);
     done |= drainfifo(context, &context->grmainhelper, &context->wmainhelper, ONMAINHELPER);
     done |= drainfifo(context, &context->grworkergl, &context->wworkergl, ONGLWORKER);

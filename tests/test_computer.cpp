@@ -1,0 +1,566 @@
+// Dataflow computers: the views and split products, the count-down that hands
+// nodes on, and the plain iteration graph on a live engine against a
+// sequential mpf iteration of z^2 + c.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdlib>
+#include <thread>
+
+#include "Mandelbrot.h"
+#include "enginefixture.h"
+
+using enginetest::Engine;
+using enginetest::waitfor;
+
+namespace {
+
+// ---------------------------------------------------------------- reference
+
+struct ORBIT {
+  mpf_t x, y, dx, dy;
+  ITER escape;
+  explicit ORBIT(mp_bitcnt_t bits) {
+    mpf_init2(x, bits);
+    mpf_init2(y, bits);
+    mpf_init2(dx, bits);
+    mpf_init2(dy, bits);
+    escape = COMPUTER_NOESCAPE;
+  }
+  ~ORBIT() {
+    mpf_clear(x);
+    mpf_clear(y);
+    mpf_clear(dx);
+    mpf_clear(dy);
+  }
+};
+
+// z^2 + c and dz' = 2 z dz + 1 from z = dz = 0, one operation after the
+// other, every number at `bits`. Stops at the escape when asked to, since an
+// escaped orbit soon leaves GMP's exponent range.
+void sequential(mpf_srcptr cre, mpf_srcptr cim, int n, mp_bitcnt_t bits, ORBIT& o,
+                bool stopatescape = false) {
+  mpf_t x2, y2, s, xn, yn, a, b, p, q, dxn, dyn;
+  for (mpf_ptr v : {x2, y2, s, xn, yn, a, b, p, q, dxn, dyn}) mpf_init2(v, bits);
+  mpf_set_ui(o.x, 0);
+  mpf_set_ui(o.y, 0);
+  mpf_set_ui(o.dx, 0);
+  mpf_set_ui(o.dy, 0);
+  for (int k = 0; k < n; k++) {
+    mpf_mul(x2, o.x, o.x);
+    mpf_mul(y2, o.y, o.y);
+    mpf_add(s, x2, y2);
+    if (o.escape == COMPUTER_NOESCAPE && mpf_cmp_ui(s, 4) >= 0) {
+      o.escape = k;
+      if (stopatescape) break;
+    }
+    mpf_sub(xn, x2, y2);
+    mpf_add(xn, xn, cre);
+    mpf_mul(yn, o.x, o.y);
+    mpf_mul_2exp(yn, yn, 1);
+    mpf_add(yn, yn, cim);
+    mpf_mul(a, o.x, o.dx);
+    mpf_mul(b, o.y, o.dy);
+    mpf_mul(p, o.x, o.dy);
+    mpf_mul(q, o.y, o.dx);
+    mpf_sub(dxn, a, b);
+    mpf_mul_2exp(dxn, dxn, 1);
+    mpf_add_ui(dxn, dxn, 1);
+    mpf_add(dyn, p, q);
+    mpf_mul_2exp(dyn, dyn, 1);
+    mpf_swap(o.x, xn);
+    mpf_swap(o.y, yn);
+    mpf_swap(o.dx, dxn);
+    mpf_swap(o.dy, dyn);
+  }
+  for (mpf_ptr v : {x2, y2, s, xn, yn, a, b, p, q, dxn, dyn}) mpf_clear(v);
+}
+
+// A point inside the main cardioid (multiplier 0.95 e^i) whose low limbs are
+// all busy: the orbit creeps to its fixed point and never escapes.
+void insidepoint(mpf_ptr cre, mpf_ptr cim, mp_bitcnt_t bits, unsigned long seed) {
+  gmp_randstate_t r;
+  gmp_randinit_default(r);
+  gmp_randseed_ui(r, seed);
+  mpf_t t;
+  mpf_init2(t, bits);
+  mpf_set_d(cre, 0.35054);
+  mpf_set_d(cim, 0.19454);
+  mpf_urandomb(t, r, bits);
+  mpf_div_2exp(t, t, 70);
+  mpf_add(cre, cre, t);
+  mpf_urandomb(t, r, bits);
+  mpf_div_2exp(t, t, 70);
+  mpf_sub(cim, cim, t);
+  mpf_clear(t);
+  gmp_randclear(r);
+}
+
+// ---------------------------------------------------------------- a graph's owner
+
+struct OWNER {
+  std::atomic<int> ends{0};
+  std::atomic<int> endsonmain{0};
+  int stretches = 1;
+  bool split = false;
+};
+
+void ownerend(COMPUTERGROUP* group) {
+  OWNER* owner = static_cast<OWNER*>(group->pdata[0]);
+  OVCONTEXT* context = group->context;
+  int n = owner->ends.load() + 1;
+  if (context->nthread > 0 && pthread_equal(pthread_self(), context->thread[0]))
+    owner->endsonmain.fetch_add(1);
+  // The next stretch is started before the end is counted, so a test that
+  // sees the count sees the whole of this handler's work.
+  if (!atomicload(&group->stop) && n < owner->stretches)
+    setupitercomputergroup(context, group, owner->split);
+  owner->ends.store(n);
+}
+
+COMPUTERGROUP* newgroup(OVCONTEXT* context, int ncomputer, mp_bitcnt_t bits, mpf_srcptr cre,
+                        mpf_srcptr cim, OWNER* owner) {
+  COMPUTERGROUP* g = static_cast<COMPUTERGROUP*>(calloc(1, sizeof(COMPUTERGROUP)));
+  initcomputergroup(context, g, ncomputer, bits);
+  mpf_set(g->data[0], cre);
+  mpf_set(g->data[1], cim);
+  g->pdata[0] = owner;
+  g->endcompute = ownerend;
+  return g;
+}
+
+void deletegroup(COMPUTERGROUP* g) {
+  freecomputergroup(g);
+  free(g);
+}
+
+// Runs `stretches` stretches of the plain graph on a live engine and checks
+// what must hold once the graph has ended. The group is returned for its
+// registers; the caller deletes it.
+COMPUTERGROUP* rungraph(Engine& e, mp_bitcnt_t bits, mpf_srcptr cre, mpf_srcptr cim, bool split,
+                        int stretches, OWNER& owner, bool stopfirst = false,
+                        int expected = -1) {
+  owner.stretches = stretches;
+  owner.split = split;
+  COMPUTERGROUP* g =
+      newgroup(e.context, split ? NCOMPUTER_ITERSPLIT : NCOMPUTER_ITER, bits, cre, cim, &owner);
+  if (stopfirst) g->stop = 1;
+  e.onmain([&](OVCONTEXT* c) { setupitercomputergroup(c, g, split); });
+  if (expected < 0) expected = stopfirst ? 1 : stretches;
+  waitfor([&] { return owner.ends.load() >= expected; });
+  e.onmain([](OVCONTEXT*) {});  // the end message has been handled in full
+  EXPECT_EQ(owner.ends.load(), expected);
+  EXPECT_EQ(owner.endsonmain.load(), expected);
+  EXPECT_EQ(atomicload(&e.context->computertotalwidth), 0);
+  EXPECT_EQ(atomicload(&e.context->icomputer), 0);
+  EXPECT_EQ(atomicload(&g->activecomputer), 0);
+  e.waitidle();
+  EXPECT_EQ(atomicload(&e.context->iworkerall), 0);
+  return g;
+}
+
+void expectsame(COMPUTERGROUP* g, const ORBIT& o) {
+  EXPECT_EQ(mpf_cmp(g->data[2], o.x), 0);
+  EXPECT_EQ(mpf_cmp(g->data[3], o.y), 0);
+  EXPECT_EQ(mpf_cmp(g->data[4], o.dx), 0);
+  EXPECT_EQ(mpf_cmp(g->data[5], o.dy), 0);
+}
+
+void checkorbit(int nthread, mp_bitcnt_t bits, bool split, int stretches) {
+  Engine e(nthread);
+  mpf_t cre, cim;
+  mpf_init2(cre, bits);
+  mpf_init2(cim, bits);
+  insidepoint(cre, cim, bits, 7 + bits);
+  OWNER owner;
+  COMPUTERGROUP* g = rungraph(e, bits, cre, cim, split, stretches, owner);
+  ORBIT o(bits);
+  sequential(cre, cim, NCOMPUTERSTRETCH * stretches, bits, o);
+  expectsame(g, o);
+  // The orbit really moved and kept its precision: not a fixed point in
+  // double, and all its limbs are in use.
+  EXPECT_GT(mpf_cmp_d(g->data[2], 0.0), 0);
+  EXPECT_GE(g->data[2]->_mp_size, g->data[2]->_mp_prec);
+  EXPECT_EQ(g->idata[0], COMPUTER_NOESCAPE);
+  EXPECT_EQ(g->idata[1], NCOMPUTERSTRETCH * stretches);
+  deletegroup(g);
+  mpf_clear(cre);
+  mpf_clear(cim);
+}
+
+// ---------------------------------------------------------------- an engine without threads
+
+// The queues, groups and worker records that the graph's path touches, and
+// nothing else: `run` drains it on the caller's thread.
+struct BARE {
+  OVCONTEXT* context;
+  WORKER workers[8] = {};
+  BARE() {
+    context = static_cast<OVCONTEXT*>(calloc(1, sizeof(OVCONTEXT)));
+    for (FIFO* f : {&context->workerchain, &context->wmain, &context->wmainhelper,
+                    &context->wworkergl, &context->computer})
+      initfifo(f);
+    for (THREADGROUP* g : {&context->grmain, &context->grmainhelper, &context->grworker,
+                           &context->grworkergl})
+      initgroup(g, 1);
+    context->idleworkermaxprio = -1;
+    for (WORKER& w : workers)
+      atomicfifoenqueue(&context->workerchain, &w, offsetof(WORKER, nextonstack));
+  }
+  ~BARE() {
+    for (THREADGROUP* g : {&context->grmain, &context->grmainhelper, &context->grworker,
+                           &context->grworkergl})
+      freegroup(g);
+    free(context);
+  }
+};
+
+// Two head nodes for the direct tests of node kinds.
+struct PAIRGROUP {
+  BARE bare;
+  COMPUTERGROUP g = {};
+  COMPUTER* x;
+  COMPUTER* y;
+  explicit PAIRGROUP(mp_bitcnt_t bits, int ncomputer = 64) {
+    initcomputergroup(bare.context, &g, ncomputer, bits);
+    x = &g.computer[atomicincrementint(&g.icomputer) - 1];
+    y = &g.computer[atomicincrementint(&g.icomputer) - 1];
+  }
+  ~PAIRGROUP() { freecomputergroup(&g); }
+};
+
+// The split product of x and y (or the square of x) against the plain one,
+// each node run by hand in an order its inputs allow.
+void expectsplitproduct(PAIRGROUP& t, bool square) {
+  COMPUTERGROUP* g = &t.g;
+  COMPUTER* plain;
+  COMPUTER* fin;
+  if (square) {
+    plain = standardcomputer(g, __sqrcomputer, t.x);
+    COMPUTER* p = standardcomputer(g, __sqrcomputerclamplo, t.x);
+    COMPUTER* q = standardcomputer(g, __sqrcomputerclamphi, t.x);
+    fin = standardcomputer(g, __sqrcomputerclamp, t.x, p, q);
+    p->compute(p);
+    q->compute(q);
+  } else {
+    plain = standardcomputer(g, __mulcomputer, t.x, t.y);
+    COMPUTER* p = standardcomputer(g, __mulcomputerclamplo, t.x, t.y);
+    COMPUTER* q = standardcomputer(g, __mulcomputerclamphi, t.x, t.y);
+    COMPUTER* m = standardcomputer(g, __mulcomputerclampmid, t.y);
+    fin = standardcomputer(g, __mulcomputerclamp, t.x, m, p, q);
+    p->compute(p);
+    q->compute(q);
+    m->compute(m);
+  }
+  plain->compute(plain);
+  fin->compute(fin);
+  EXPECT_EQ(mpf_cmp(plain->data, fin->data), 0);
+  atomicstore(&g->icomputer, 2);
+  t.x->noutput = 0;
+  t.y->noutput = 0;
+}
+
+void randomfull(mpf_ptr v, gmp_randstate_t r, mp_bitcnt_t bits, bool negative) {
+  // Made at a higher precision and copied, so that it carries prec + 1
+  // limbs as results of mpf operations do.
+  mpf_t w;
+  mpf_init2(w, bits + 256);
+  mpf_urandomb(w, r, bits + 256);
+  mpf_mul_2exp(w, w, 3);
+  if (negative) mpf_neg(w, w);
+  mpf_set(v, w);
+  mpf_clear(w);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- views
+
+TEST(Computer, ShortNumberHiIsWholeLoIsZeroAndSplitEqualsPlain) {
+  PAIRGROUP t(1000);  // 17 limbs, split position 8
+  mpf_set_d(t.x->data, 3.25);
+  mpf_set_d(t.y->data, -1.5);
+  ASSERT_LT(t.x->data->_mp_size, 8);
+  __mpf_struct hi, lo;
+  mpf_hi(&hi, t.x->data, 8);
+  mpf_lo(&lo, t.x->data, 8);
+  EXPECT_EQ(hi._mp_d, t.x->data->_mp_d);
+  EXPECT_EQ(hi._mp_size, t.x->data->_mp_size);
+  EXPECT_EQ(hi._mp_exp, t.x->data->_mp_exp);
+  EXPECT_EQ(mpf_cmp(&hi, t.x->data), 0);
+  EXPECT_EQ(lo._mp_size, 0);
+  EXPECT_EQ(mpf_sgn(&lo), 0);
+  expectsplitproduct(t, false);
+  expectsplitproduct(t, true);
+  mpf_t r;
+  mpf_init2(r, 1000);
+  mpf_set_d(r, 3.25 * -1.5);
+  COMPUTER* plain = standardcomputer(&t.g, __mulcomputer, t.x, t.y);
+  plain->compute(plain);
+  EXPECT_EQ(mpf_cmp(plain->data, r), 0);
+  mpf_clear(r);
+}
+
+TEST(Computer, NegativeNumberKeepsSignOnBothViews) {
+  mpf_t x, sum;
+  mpf_init2(x, 1000);
+  mpf_init2(sum, 4000);
+  gmp_randstate_t r;
+  gmp_randinit_default(r);
+  randomfull(x, r, 1000, true);
+  ASSERT_LT(x->_mp_size, 0);
+  __mpf_struct hi, lo;
+  mpf_hi(&hi, x, 8);
+  mpf_lo(&lo, x, 8);
+  EXPECT_EQ(hi._mp_size, -8);
+  EXPECT_LT(lo._mp_size, 0);
+  EXPECT_EQ(-hi._mp_size - lo._mp_size, -x->_mp_size);
+  EXPECT_LT(mpf_sgn(&hi), 0);
+  EXPECT_LT(mpf_sgn(&lo), 0);
+  mpf_add(sum, &hi, &lo);
+  EXPECT_EQ(mpf_cmp(sum, x), 0);
+  gmp_randclear(r);
+  mpf_clear(x);
+  mpf_clear(sum);
+}
+
+TEST(Computer, LoViewIsNormalisedUnderALimbOfZeros) {
+  mpf_t x, sum, prod, three;
+  mpf_init2(x, 1000);
+  mpf_init2(sum, 2000);
+  mpf_init2(prod, 2000);
+  mpf_init2(three, 64);
+  // B^10 + 1: under its top limb, nine limbs of zeros and then a one.
+  mpf_set_ui(x, 1);
+  mpf_mul_2exp(x, x, 640);
+  mpf_add_ui(x, x, 1);
+  mpf_neg(x, x);
+  __mpf_struct hi, lo;
+  mpf_hi(&hi, x, 1);
+  mpf_lo(&lo, x, 1);
+  ASSERT_NE(lo._mp_size, 0);
+  EXPECT_NE(lo._mp_d[-lo._mp_size - 1], 0u);
+  EXPECT_EQ(mpf_cmp_si(&lo, -1), 0);
+  mpf_add(sum, &hi, &lo);
+  EXPECT_EQ(mpf_cmp(sum, x), 0);
+  mpf_set_ui(three, 3);
+  mpf_mul(prod, &lo, three);
+  EXPECT_EQ(mpf_cmp_si(prod, -3), 0);
+  mpf_clear(x);
+  mpf_clear(sum);
+  mpf_clear(prod);
+  mpf_clear(three);
+}
+
+TEST(Computer, SplitProductsEqualPlainOnesBitForBit) {
+  gmp_randstate_t r;
+  gmp_randinit_default(r);
+  for (mp_bitcnt_t bits : {64u, 100u, 1000u, 1100u, 20000u}) {
+    PAIRGROUP t(bits);
+    for (int k = 0; k < 40; k++) {
+      randomfull(t.x->data, r, bits, k & 1);
+      randomfull(t.y->data, r, bits, k & 2);
+      if (k % 5 == 4) mpf_div_2exp(t.y->data, t.y->data, 3000);
+      expectsplitproduct(t, false);
+      expectsplitproduct(t, true);
+    }
+  }
+  gmp_randclear(r);
+}
+
+// ---------------------------------------------------------------- handing nodes on
+
+TEST(Computer, FinishingANodeRunsTheFirstReadySuccessorAndQueuesTheRest) {
+  PAIRGROUP t(128);
+  COMPUTERGROUP* g = &t.g;
+  mpf_set_ui(t.x->data, 3);
+  COMPUTER* u = standardcomputer(g, __sqrcomputer, t.x);
+  COMPUTER* v = standardcomputer(g, __sqrcomputer, t.x);
+  COMPUTER* w = standardcomputer(g, __sqrcomputer, t.x);
+  COMPUTER* sum = standardcomputer(g, __addcomputer, u, v, w);
+  COMPUTER* s1 = standardcomputer(g, __realitercomputer2, sum, u);
+  COMPUTER* s2 = standardcomputer(g, __subcomputer, sum, u);
+  COMPUTER* s3 = standardcomputer(g, __sqrcomputer, sum);
+  EXPECT_EQ(sum->inputwaitsaved, 3);
+  EXPECT_EQ(u->noutput, 3);
+  EXPECT_EQ(v->compute(v), nullptr);
+  EXPECT_EQ(sum->inputwait, 2);
+  EXPECT_EQ(w->compute(w), nullptr);
+  EXPECT_EQ(sum->inputwait, 1);
+  // The last input does not count down: it finds the node ready.
+  EXPECT_EQ(u->compute(u), sum);
+  EXPECT_EQ(sum->inputwait, 1);
+  EXPECT_EQ(atomicload(&t.bare.context->icomputer), 0);
+  // u fed s1 and s2 before sum: they are one short now.
+  EXPECT_EQ(s1->inputwait, 1);
+  EXPECT_EQ(sum->compute(sum), s1);
+  EXPECT_EQ(mpf_cmp_ui(sum->data, 27), 0);
+  EXPECT_EQ(atomicload(&t.bare.context->icomputer), 2);
+  COMPUTER* a = static_cast<COMPUTER*>(
+      atomicfifodequeue(&t.bare.context->computer, offsetof(COMPUTER, nextcomputing)));
+  COMPUTER* b = static_cast<COMPUTER*>(
+      atomicfifodequeue(&t.bare.context->computer, offsetof(COMPUTER, nextcomputing)));
+  EXPECT_EQ(a, s2);
+  EXPECT_EQ(b, s3);
+}
+
+TEST(Computer, OverflowPrintsAndGivesNull) {
+  PAIRGROUP t(128, 3);
+  testing::internal::CaptureStderr();
+  COMPUTER* a = standardcomputer(&t.g, __sqrcomputer, t.x);
+  COMPUTER* b = standardcomputer(&t.g, __sqrcomputer, t.x);
+  std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(a, nullptr);
+  EXPECT_EQ(b, nullptr);
+  EXPECT_EQ(err, "COMPUTER overflow.\n");
+}
+
+TEST(Computer, RunDrainsAGraphWithoutThreads) {
+  BARE bare;
+  const mp_bitcnt_t bits = 1000;
+  mpf_t cre, cim;
+  mpf_init2(cre, bits);
+  mpf_init2(cim, bits);
+  insidepoint(cre, cim, bits, 11);
+  OWNER owner;
+  owner.stretches = 2;
+  COMPUTERGROUP* g = newgroup(bare.context, NCOMPUTER_ITER, bits, cre, cim, &owner);
+  setupitercomputergroup(bare.context, g);
+  EXPECT_EQ(atomicload(&bare.context->computertotalwidth), COMPUTERWIDTH_ITER);
+  EXPECT_GT(atomicload(&bare.context->icomputer), 0);
+  run(bare.context);
+  EXPECT_EQ(owner.ends.load(), 2);
+  EXPECT_EQ(atomicload(&bare.context->icomputer), 0);
+  EXPECT_EQ(atomicload(&bare.context->computertotalwidth), 0);
+  EXPECT_EQ(atomicload(&bare.context->iworkerall), 0);
+  ORBIT o(bits);
+  sequential(cre, cim, 2 * NCOMPUTERSTRETCH, bits, o);
+  expectsame(g, o);
+  deletegroup(g);
+  mpf_clear(cre);
+  mpf_clear(cim);
+}
+
+TEST(Computer, TooSmallAStoreEndsTheStretchAtOnce) {
+  BARE bare;
+  mpf_t zero;
+  mpf_init2(zero, 128);
+  OWNER owner;
+  owner.stretches = 3;
+  COMPUTERGROUP* g = newgroup(bare.context, 100, 128, zero, zero, &owner);
+  testing::internal::CaptureStderr();
+  setupitercomputergroup(bare.context, g);
+  std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(err, "COMPUTER overflow.\n");
+  run(bare.context);
+  EXPECT_EQ(owner.ends.load(), 1);
+  EXPECT_EQ(g->stop, 1);
+  EXPECT_EQ(atomicload(&bare.context->computertotalwidth), 0);
+  EXPECT_EQ(atomicload(&bare.context->iworkerall), 0);
+  deletegroup(g);
+  mpf_clear(zero);
+}
+
+// ---------------------------------------------------------------- the plain graph on a live engine
+
+TEST(Computer, PlainGraphMatchesSequentialAt1000Bits) { checkorbit(5, 1000, false, 1); }
+
+TEST(Computer, PlainGraphMatchesSequentialAt20000Bits) { checkorbit(5, 20000, false, 1); }
+
+TEST(Computer, SplitGraphMatchesPlainAt1000Bits) { checkorbit(5, 1000, true, 1); }
+
+TEST(Computer, SplitGraphMatchesPlainAt20000Bits) { checkorbit(5, 20000, true, 1); }
+
+TEST(Computer, RerunGraphContinuesTheOrbit) {
+  checkorbit(5, 1000, false, 3);
+  checkorbit(5, 1000, true, 2);
+}
+
+TEST(Computer, LentThreadsGiveTheSameOrbit) {
+  // More worker threads, so that some are lent to the graph and serve it
+  // beside the main thread.
+  checkorbit(8, 1000, false, 2);
+  checkorbit(8, 1000, true, 1);
+}
+
+TEST(Computer, SplitAndPlainGraphsAgreeDirectly) {
+  Engine e(5);
+  const mp_bitcnt_t bits = 1100;
+  mpf_t cre, cim;
+  mpf_init2(cre, bits);
+  mpf_init2(cim, bits);
+  insidepoint(cre, cim, bits, 3);
+  OWNER o1, o2;
+  COMPUTERGROUP* plain = rungraph(e, bits, cre, cim, false, 1, o1);
+  COMPUTERGROUP* split = rungraph(e, bits, cre, cim, true, 1, o2);
+  for (int k = 2; k < 6; k++) EXPECT_EQ(mpf_cmp(plain->data[k], split->data[k]), 0);
+  deletegroup(plain);
+  deletegroup(split);
+  mpf_clear(cre);
+  mpf_clear(cim);
+}
+
+TEST(Computer, IdataZeroStaysWhenNoEscapeOccurred) {
+  Engine e(5);
+  mpf_t cre, cim;
+  mpf_init2(cre, 256);
+  mpf_init2(cim, 256);
+  mpf_set_d(cre, -1.0);  // the period-2 cycle 0, -1: |z|^2 never above 1
+  mpf_set_ui(cim, 0);
+  OWNER owner;
+  COMPUTERGROUP* g = rungraph(e, 256, cre, cim, false, 2, owner);
+  EXPECT_EQ(g->idata[0], 0x7FFFFFFF);
+  EXPECT_EQ(g->stop, 0);
+  EXPECT_EQ(mpf_cmp_ui(g->data[2], 0), 0);  // z_1024 = 0
+  deletegroup(g);
+  mpf_clear(cre);
+  mpf_clear(cim);
+}
+
+TEST(Computer, EscapeLowersIdataZeroAndStopsFurtherStretches) {
+  Engine e(5);
+  const mp_bitcnt_t bits = 512;
+  mpf_t cre, cim;
+  mpf_init2(cre, bits);
+  mpf_init2(cim, bits);
+  for (double re : {1.0, 0.26, 0.25002}) {
+    mpf_set_d(cre, re);
+    mpf_set_d(cim, re == 1.0 ? 0.0 : 1e-30);
+    ORBIT o(bits);
+    sequential(cre, cim, 4 * NCOMPUTERSTRETCH, bits, o, true);
+    ASSERT_NE(o.escape, COMPUTER_NOESCAPE);
+    OWNER owner;
+    int stretch = o.escape / NCOMPUTERSTRETCH + 1;
+    // Only the stretch that escapes runs: the owner starts no other.
+    COMPUTERGROUP* g = rungraph(e, bits, cre, cim, false, 4, owner, false, stretch);
+    EXPECT_EQ(g->idata[0], o.escape) << re;
+    EXPECT_EQ(g->stop, 1);
+    EXPECT_EQ(owner.ends.load(), stretch);
+    deletegroup(g);
+  }
+  mpf_clear(cre);
+  mpf_clear(cim);
+}
+
+TEST(Computer, StopBeforeAStretchRunsItAndNoFurtherOne) {
+  Engine e(5);
+  const mp_bitcnt_t bits = 1000;
+  mpf_t cre, cim;
+  mpf_init2(cre, bits);
+  mpf_init2(cim, bits);
+  insidepoint(cre, cim, bits, 5);
+  OWNER owner;
+  COMPUTERGROUP* g = rungraph(e, bits, cre, cim, false, 3, owner, true);
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(owner.ends.load(), 1);
+  EXPECT_EQ(atomicload(&e.context->computertotalwidth), 0);
+  ORBIT o(bits);
+  sequential(cre, cim, NCOMPUTERSTRETCH, bits, o);
+  expectsame(g, o);  // the whole stretch ran
+  EXPECT_EQ(g->idata[1], NCOMPUTERSTRETCH);
+  deletegroup(g);
+  mpf_clear(cre);
+  mpf_clear(cim);
+}
