@@ -306,8 +306,13 @@ void swapoutjuliacache(OVCONTEXT* context) {
   context->juliacachetmpfile = -1;
 }
 
+// The count of blocks made falls with them, so a relaunched engine may make
+// its blocks anew.
 void freeprepixels(OVCONTEXT* context) {
-  while (void* p = atomicfifodequeue(&context->prepixelschain, PREPIXELSONSTACK)) free(p);
+  while (void* p = atomicfifodequeue(&context->prepixelschain, PREPIXELSONSTACK)) {
+    free(p);
+    atomicdecrementint(&context->iprepixels);
+  }
 }
 
 }  // namespace
@@ -318,6 +323,9 @@ bool initcontext(OVCONTEXT* context, int64_t totalmemory, int nthread, int julia
                  SIMPLECALLBACK stringscallback, void* glthreadpdata, const char* tmpdirectory,
                  unsigned int flags) {
   mpf_init2(context->dsmall, 64);
+  // Stopped until the threads run, so that a shutdown after a failed start
+  // has nothing to stop.
+  context->grmain.stop = true;
   context->totalmemory = totalmemory;
   context->nthread = nthread < NTHREADMAX ? nthread : NTHREADMAX;
   context->initcallback = initcallback;
@@ -383,7 +391,7 @@ void shutdowncontext(OVCONTEXT* context, bool cachejc) {
 
 void freecontext(OVCONTEXT* context) {
   shutdowncontext(context, false);
-  for (int i = 0; i < context->nhpvalue; i++)
+  for (int i = 0; context->hpvalue && i < context->nhpvalue; i++)
     if (context->hpvalue[i].flags & HPV_LIMBS) clearlimbs(context, &context->hpvalue[i]);
   mpf_clear(context->dsmall);
   freegroup(&context->grmain);

@@ -74,21 +74,26 @@ bool drainpriotable(OVCONTEXT* context) {
 
 }  // namespace
 
+bool idleonce(OVCONTEXT* context);
+
 void worker_nop(OVCONTEXT* context, WORKER* worker) { freeworker(context, worker); }
 
-void idle(OVCONTEXT* context) {
-  if (context->idleworkermaxprio != -1) {
-    int slot = context->idleworkermaxprio;
-    while (slot < NWORKERPRIO && !context->idleworker[slot]) slot++;
-    if (slot == NWORKERPRIO) {
-      context->idleworkermaxprio = -1;
-    } else {
-      WORKER* worker = context->idleworker[slot];
-      context->idleworker[slot] = worker->nextother;
-      dispatch(context, worker);
-    }
+// Hands out one idle worker; true if there was one.
+bool idleonce(OVCONTEXT* context) {
+  if (context->idleworkermaxprio == -1) return false;
+  int slot = context->idleworkermaxprio;
+  while (slot < NWORKERPRIO && !context->idleworker[slot]) slot++;
+  if (slot == NWORKERPRIO) {
+    context->idleworkermaxprio = -1;
+    return false;
   }
+  WORKER* worker = context->idleworker[slot];
+  context->idleworker[slot] = worker->nextother;
+  dispatch(context, worker);
+  return true;
 }
+
+void idle(OVCONTEXT* context) { idleonce(context); }
 
 void* thread_main(void* ctxt) {
   THREADCONTEXT* tc = static_cast<THREADCONTEXT*>(ctxt);
@@ -120,7 +125,9 @@ void run(OVCONTEXT* context) {
     done |= drainfifo(context, &context->grmainhelper, &context->wmainhelper, ONMAINHELPER);
     done |= drainfifo(context, &context->grworkergl, &context->wworkergl, ONGLWORKER);
     done |= drainpriotable(context);
-    idle(context);
+    // An idle worker handed out here is work too: a worker is never left
+    // unrun at the end.
+    done |= idleonce(context);
     if (hascontextflag(context, OVCONTEXT_DORENDER)) {
       clearcontextflag(context, OVCONTEXT_DORENDER);
       publishstrings(context);

@@ -197,6 +197,16 @@ inline void atomicfifoenqueue(FIFO* list, void* element, int offset) {
   volatile uintptr_t* elink = linkword(element, offset);
   for (;;) {
     FIFOPAIR tl = pairread(&list->tail);
+    if (tl.ptr == element) {
+      // The tail still names this element although it has left the queue:
+      // its rival linked behind it and has not moved the tail yet. Move it
+      // on before the element's link word is touched, which would otherwise
+      // destroy the successor that the move needs.
+      uintptr_t next = __atomic_load_n(elink, __ATOMIC_SEQ_CST);
+      if (next != 0 && !(next & 1))
+        paircas(&list->tail, tl.ptr, tl.version, reinterpret_cast<void*>(next), tl.version + 2);
+      continue;
+    }
     uint64_t nv = tl.version + 2;
     __atomic_store_n(elink, static_cast<uintptr_t>(nv), __ATOMIC_SEQ_CST);
     if (tl.ptr != nullptr) {
@@ -207,8 +217,10 @@ inline void atomicfifoenqueue(FIFO* list, void* element, int offset) {
         return;
       }
       // Another enqueuer linked first, or a dequeuer is taking the last
-      // element: move the tail on for it and try again.
-      paircas(&list->tail, tl.ptr, tl.version, reinterpret_cast<void*>(seen), nv);
+      // element (0): move the tail on for it and try again. An odd value is
+      // a link word of a later life of that element, never a tail.
+      if (!(seen & 1))
+        paircas(&list->tail, tl.ptr, tl.version, reinterpret_cast<void*>(seen), nv);
       continue;
     }
     // Empty: the head is set first, then the tail.

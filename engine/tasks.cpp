@@ -57,11 +57,14 @@ void __removetask(OVCONTEXT* context, TASK* task) {
   context->itask--;
 }
 
+// NULL when no message could carry it: a task that is never linked could
+// not be removed either. Every task operation accepts NULL.
 TASK* addtask(OVCONTEXT* context, TASKTYPE type, int due) {
   TASK* task = static_cast<TASK*>(malloc(sizeof(TASK)));
   setuptask(task, type, due);
-  sendtask(context, worker_addtask, task);
-  return task;
+  if (sendtask(context, worker_addtask, task)) return task;
+  free(task);
+  return nullptr;
 }
 
 void removetask(OVCONTEXT* context, TASK* task) {

@@ -73,7 +73,11 @@ void correctcomputingthreads(OVCONTEXT* context, int want) {
 void todo(THREADGROUP* group) {
   int t = __atomic_fetch_add(&group->todo, 1, __ATOMIC_SEQ_CST);
   int awake = atomicload(&group->ithreads);
-  if (awake - atomicload(&group->icomputingthreads) > t) return;  // enough are awake
+  // With no computer alive the count of computing threads can read -1 (the
+  // unsigned bound of a one-thread group): no thread serves computers then.
+  int computing = atomicload(&group->icomputingthreads);
+  if (computing < 0) computing = 0;
+  if (awake - computing > t) return;  // enough are awake
   if (awake >= group->nthreads) return;                           // none is asleep
   wakeone(group);
 }

@@ -52,6 +52,13 @@ void reclaimnodes(OVCONTEXT* context, int p) {
   h->prev = nullptr;
 }
 
+// No priority below the hint holds work: moving it down is always safe.
+void lowerhint(OVCONTEXT* context, int p) {
+  int d = atomicload(&context->wworkermindepth);
+  while (p < d && !atomiccompareandswapint(d, p, &context->wworkermindepth))
+    d = atomicload(&context->wworkermindepth);
+}
+
 int tableindex(int prio) {
   if (prio == PRIO_LAST) return NWORKERPRIO - 1;
   if (prio < 0 || prio >= NWORKERPRIO) {
@@ -72,6 +79,8 @@ void relinknode(OVCONTEXT* context, NODE* n, int p) {
 }
 
 }  // namespace
+
+bool fileprioworker(OVCONTEXT* context, WORKER* worker);
 
 WORKER* addworker(OVCONTEXT* context, THREADGROUPID recipient, WORKERPROC workerproc) {
   WORKER* worker = static_cast<WORKER*>(atomicfifodequeue(&context->workerchain, ONSTACK));
@@ -119,11 +128,14 @@ void dispatch(OVCONTEXT* context, WORKER* worker) {
 }
 
 void dispatchprioworker(OVCONTEXT* context, WORKER* worker) {
-  __dispatchprioworker(context, worker);
-  todo(&context->grworker);
+  // A worker that found no node has already run: there is nothing to count,
+  // and a count without a node would send a thread searching for ever.
+  if (fileprioworker(context, worker)) todo(&context->grworker);
 }
 
-void __dispatchprioworker(OVCONTEXT* context, WORKER* worker) {
+void __dispatchprioworker(OVCONTEXT* context, WORKER* worker) { fileprioworker(context, worker); }
+
+bool fileprioworker(OVCONTEXT* context, WORKER* worker) {
   int p = tableindex(worker->prio);
   if (context->inode == context->nnode - 2) {
     // No node left: the worker runs at once, stopped, and its own stop path
@@ -131,7 +143,7 @@ void __dispatchprioworker(OVCONTEXT* context, WORKER* worker) {
     fputs("addnode: node overflow.\n", stderr);
     worker->stop = true;
     worker->workerproc(context, worker);
-    return;
+    return false;
   }
   NODE* node = takenode(context);
   atomicstore(&node->w, worker);
@@ -144,7 +156,8 @@ void __dispatchprioworker(OVCONTEXT* context, WORKER* worker) {
   atomicstore(&worker->node, node);
   atomicstore(&t->next, node);  // publishes the node to the consumers
   reclaimnodes(context, p);
-  if (p < atomicload(&context->wworkermindepth)) atomicstore(&context->wworkermindepth, p);
+  lowerhint(context, p);
+  return true;
 }
 
 void dispatchidle(OVCONTEXT* context, WORKER* worker) {
@@ -187,7 +200,8 @@ void changeprio(OVCONTEXT* context, WORKER* worker, int prio) {
   }
   atomicstore<NODE*>(&worker->node, nullptr);
   worker->prio = prio;
-  __dispatchprioworker(context, worker);
+  // Run at once for want of a node, it no longer stands behind its count.
+  if (!fileprioworker(context, worker)) atomicdecrementint(&context->grworker.todo);
 }
 
 WORKER* getworkermainworker(OVCONTEXT* context) {
@@ -205,7 +219,10 @@ WORKER* getworkermainworker(OVCONTEXT* context) {
       h = atomicload(&context->workerprio[d][0]);
       n = atomicload(&h->next);
       if (n) break;
-      atomiccompareandswapint(d, d + 1, &context->wworkermindepth);
+      // A node filed at d between the look and the advance would be hidden
+      // behind the hint: look once more after advancing, and lower it again.
+      if (atomiccompareandswapint(d, d + 1, &context->wworkermindepth) && atomicload(&h->next))
+        lowerhint(context, d);
       d = atomicload(&context->wworkermindepth);
     }
     // Moving the head on is only progress; the claim below decides.

@@ -320,3 +320,17 @@ TEST(ContextPools, ThreadsAreCappedAtOnePerTwoCanvasesOfBudget) {
   EXPECT_EQ(e.context->nthread, 5);
   EXPECT_EQ(e.context->grworker.nthreads, 2);
 }
+
+TEST(ContextLife, ShutdownFreesPixelBlocksAndTheirCount) {
+  Engine e;
+  e.onmain([](OVCONTEXT* c) {
+    for (int i = 0; i < 2; i++) {
+      PREPIXELS* block = static_cast<PREPIXELS*>(malloc(sizeof(PREPIXELS)));
+      atomicincrementint(&c->iprepixels);
+      atomicfifoenqueue(&c->prepixelschain, block, offsetof(PREPIXELS, nextonstack));
+    }
+  });
+  shutdowncontext(e.context, false);
+  EXPECT_EQ(e.context->iprepixels, 0);
+  EXPECT_EQ(atomicfifodequeue(&e.context->prepixelschain, offsetof(PREPIXELS, nextonstack)), nullptr);
+}

@@ -122,3 +122,35 @@ TEST(FifoStress, MillionTransfersManyProducersManyConsumers) { run(4, 4, 250000,
 TEST(FifoStress, SingleConsumerSeesEachProducersOrder) { run(3, 1, 100000, 256); }
 
 TEST(FifoStress, PoolOfOneRecordPingPongs) { run(2, 2, 30000, 1); }
+
+// Records that go straight back on the queue they came from, a few of them
+// among several threads: the tail may still name a record that has left and
+// is returning, which is the pattern of the computers' ready queue.
+TEST(FifoStress, RecordsReturnToTheSameQueueAtOnce) {
+  for (int nrecords : {1, 2, 3, 8}) {
+    FIFO* queue = new FIFO;
+    initfifo(queue);
+    std::vector<MESSAGE> pool(nrecords);
+    for (MESSAGE& m : pool) atomicfifoenqueue(queue, &m, ONWORK);
+    std::atomic<long> moved{0};
+    auto cycle = [&] {
+      for (int i = 0; i < 200000; i++) {
+        void* p = atomicfifodequeue(queue, ONWORK);
+        if (!p) {
+          sched_yield();
+          continue;
+        }
+        atomicfifoenqueue(queue, p, ONWORK);
+        moved++;
+      }
+    };
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; t++) threads.emplace_back(cycle);
+    for (auto& t : threads) t.join();
+    size_t back = 0;
+    while (atomicfifodequeue(queue, ONWORK)) back++;
+    EXPECT_EQ(back, static_cast<size_t>(nrecords)) << nrecords << " records";
+    EXPECT_GT(moved.load(), 0);
+    delete queue;
+  }
+}

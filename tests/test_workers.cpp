@@ -537,3 +537,23 @@ TEST(Stop, TooSmallBudgetLeavesNoWorkerThread) {
   EXPECT_EQ(arrivals.load(), 1);
   EXPECT_EQ(canvasseen.load(), 1);  // no canvas at all
 }
+
+// A worker that found no node has run already: it must not leave a count
+// behind, or a worker thread would search the table for ever.
+TEST(PriorityTable, NodeOverflowThroughDispatchLeavesNoCount) {
+  Engine e;
+  stopped.store(0);
+  e.onmain([](OVCONTEXT* c) {
+    int nnode = c->nnode;
+    c->nnode = c->inode + 2;
+    WORKER* w = addworker(c, THREAD_WORKER, worker_job);
+    w->prio = 5;
+    testing::internal::CaptureStderr();
+    dispatch(c, w);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "addnode: node overflow.\n");
+    EXPECT_EQ(atomicload(&c->grworker.todo), 0);
+    c->nnode = nnode;
+  });
+  waitfor([] { return stopped.load() == 1; });
+  e.waitidle();
+}
