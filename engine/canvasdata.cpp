@@ -230,8 +230,8 @@ namespace {
 template <typename T>
 void setcheckpoint(CHPVALUE* h, typename T::COMPLEX value) {
   HFLOATCOMPLEX v = NUM<typename T::FLOAT>::ctoHF(value);
-  mpfsetHFexact(h->value[0], crealHF(v));
-  mpfsetHFexact(h->value[1], cimagHF(v));
+  mpf_set_HFexact(h->value[0], crealHF(v));
+  mpf_set_HFexact(h->value[1], cimagHF(v));
 }
 
 }  // namespace

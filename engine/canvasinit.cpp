@@ -40,8 +40,7 @@ constexpr long PRECISIONSLACK = 10;
 
 void setpow2(mpf_ptr x, long e) {
   mpf_set_ui(x, 1);
-  if (e >= 0) mpf_mul_2exp(x, x, static_cast<mp_bitcnt_t>(e));
-  else mpf_div_2exp(x, x, static_cast<mp_bitcnt_t>(-e));
+  mpf_scale2exp(x, e);
 }
 
 template <typename T>
@@ -173,7 +172,7 @@ void initcanvas(OVCONTEXT* context, typename T::CANVAS* canvas, WORKER* worker, 
   HFLOAT ctpart[2] = {crealHF(ct), cimagHF(ct)};
   for (int k = 0; k < 2; k++) {
     setpow2(canvas->c[k], s - 1);
-    mpfsetHFexact(canvas->dummyvalue, ctpart[k]);
+    mpf_set_HFexact(canvas->dummyvalue, ctpart[k]);
     mpf_add(canvas->c[k], canvas->c[k], canvas->dummyvalue);
     if (corner) mpf_add(canvas->c[k], canvas->c[k], corner->v[k]);
   }

@@ -34,11 +34,6 @@ long double limbsum(mp_srcptr up, mp_size_t size, mp_size_t sign) {
   return sign < 0 ? -sum : sum;
 }
 
-void scalempf(mpf_ptr x, long k) {
-  if (k > 0) mpf_mul_2exp(x, x, static_cast<mp_bitcnt_t>(k));
-  if (k < 0) mpf_div_2exp(x, x, static_cast<mp_bitcnt_t>(-k));
-}
-
 // The decimal logarithm of |a| as the display texts take it: of the low 32
 // bits of the mantissa read as a signed integer. A rough view, kept as it is.
 double displaylog10(HFLOATBASE mantissa, int32_t exponent) {
@@ -56,6 +51,16 @@ int truncclamped(double t) {
 
 }  // namespace
 
+void mpf_scale2exp(mpf_ptr x, long k) {
+  if (k > 0) mpf_mul_2exp(x, x, static_cast<mp_bitcnt_t>(k));
+  if (k < 0) mpf_div_2exp(x, x, static_cast<mp_bitcnt_t>(-k));
+}
+
+void mpf_set_HFexact(mpf_ptr x, HFLOAT f) {
+  mpf_set_si(x, static_cast<long>(f.mantissa));
+  mpf_scale2exp(x, static_cast<long>(f.exponent) - 62);
+}
+
 long double mpn_get_ld(mp_srcptr up, mp_size_t size, mp_size_t sign, long exp) {
   if (size <= 0) return 0.0L;
   long double sum = limbsum(up, size, sign);
@@ -72,7 +77,7 @@ void mpf_set_ld(mpf_ptr x, long double f) {
   int e;
   long double fr = std::frexp(f, &e);
   mpf_set_d(x, static_cast<double>(fr));
-  scalempf(x, e);
+  mpf_scale2exp(x, e);
 }
 
 // The limbs' exponent stays outside the floating value, which is what lets an
@@ -91,7 +96,7 @@ HFLOAT mpf_get_HF(mpf_srcptr src) {
 // through HFLOAT serve as deltas, never as coordinates.
 void mpf_set_HF(mpf_ptr x, HFLOAT f) {
   mpf_set_d(x, static_cast<double>(f.mantissa));
-  if (f.mantissa != 0) scalempf(x, static_cast<long>(f.exponent) - 62);
+  if (f.mantissa != 0) mpf_scale2exp(x, static_cast<long>(f.exponent) - 62);
 }
 
 void strHF(char* s, HFLOAT a) {

@@ -438,6 +438,11 @@ long double mpf_get_ld(mpf_srcptr src);
 void mpf_set_ld(mpf_ptr x, long double f);
 HFLOAT mpf_get_HF(mpf_srcptr src);
 void mpf_set_HF(mpf_ptr x, HFLOAT f);
+// Every bit of the mantissa, for values that must stay exact (the canvas's
+// origin and checkpoints); mpf_set_HF keeps 53 on purpose.
+void mpf_set_HFexact(mpf_ptr x, HFLOAT f);
+// x * 2^k for a k of either sign.
+void mpf_scale2exp(mpf_ptr x, long k);
 
 // Rough display texts; the caller's buffer must hold at least HFLOAT_STRMAX bytes.
 constexpr int HFLOAT_STRMAX = 128;

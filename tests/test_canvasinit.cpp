@@ -139,7 +139,7 @@ int minexp() {
 // A format value in mpf, exactly.
 template <typename T>
 void tompf(mpf_ptr x, typename T::FLOAT f) {
-  if constexpr (std::is_same_v<typename T::FLOAT, HFLOAT>) canvasmodel::mpfsetHFexact(x, f);
+  if constexpr (std::is_same_v<typename T::FLOAT, HFLOAT>) mpf_set_HFexact(x, f);
   else mpf_set_ld(x, static_cast<long double>(f));
 }
 
@@ -209,7 +209,7 @@ void checkplacement(unsigned int word, int depth) {
 
   MPF want[2];
   for (int k = 0; k < 2; k++) {
-    canvasmodel::mpfsetHFexact(want[k], k == 0 ? crealHF(ct) : cimagHF(ct));
+    mpf_set_HFexact(want[k], k == 0 ? crealHF(ct) : cimagHF(ct));
     mpf_add(want[k], want[k], corner.h.v[k]);
     setpow2(t, s - 1);
     mpf_add(want[k], want[k], t);

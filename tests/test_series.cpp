@@ -218,8 +218,8 @@ struct FMT {
   static BIG big(const COMPLEX& z) {
     BIG r;
     if constexpr (H) {
-      canvasmodel::mpfsetHFexact(r.re, crealHF(z));
-      canvasmodel::mpfsetHFexact(r.im, cimagHF(z));
+      mpf_set_HFexact(r.re, crealHF(z));
+      mpf_set_HFexact(r.im, cimagHF(z));
     } else {
       ld2mpf(r.re, z.real());
       ld2mpf(r.im, z.imag());

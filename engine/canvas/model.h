@@ -80,14 +80,6 @@ struct NUM<HFLOAT> {
   }
 };
 
-// mpf_set_HF goes through a double and keeps 53 of the 62 mantissa bits;
-// checkpoints and the origin need all of them.
-inline void mpfsetHFexact(mpf_ptr x, HFLOAT f) {
-  mpf_set_si(x, static_cast<long>(f.mantissa));
-  long e = static_cast<long>(f.exponent) - 62;
-  if (e >= 0) mpf_mul_2exp(x, x, static_cast<mp_bitcnt_t>(e));
-  else mpf_div_2exp(x, x, static_cast<mp_bitcnt_t>(-e));
-}
 
 // ---------------------------------------------------------------- operations
 

@@ -169,14 +169,10 @@ void calci(typename T::COMPLEX x, typename T::COMPLEX c, ITER iter, typename T::
     *dxx = N::czero();
     return;
   }
-  auto z = x;
-  auto m = N::creal(N::fromd(1));
-  for (ITER i = 0; i < iter; i++) {
-    m = N::ctwice(N::cmul(z, m));
-    z = N::cadd(N::csqr(z), c);
-  }
-  *xx = N::csub(z, x);
-  *dxx = N::csub(m, N::creal(N::fromd(1)));
+  // The cycle equation: the orbit and its multiplier less the start.
+  calci3<T>(x, c, iter, xx, dxx);
+  *xx = N::csub(*xx, x);
+  *dxx = N::csub(*dxx, N::creal(N::fromd(1)));
 }
 
 template <typename T>

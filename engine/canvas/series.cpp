@@ -28,8 +28,8 @@ mpf_ptr radtestscratch() {
 // ---------------------------------------------------------------- helpers
 
 void set(mpf_t* r, HFLOATCOMPLEX h) {
-  canvasmodel::mpfsetHFexact(r[0], crealHF(h));
-  canvasmodel::mpfsetHFexact(r[1], cimagHF(h));
+  mpf_set_HFexact(r[0], crealHF(h));
+  mpf_set_HFexact(r[1], cimagHF(h));
 }
 
 void add(mpf_t* r, const mpf_t* a, const mpf_t* b) {
