@@ -14,84 +14,12 @@ namespace {
 
 // ---------------------------------------------------------------- arithmetic
 //
-// What the tests need beyond model.h's helpers. Thresholds come in as double
-// and are compared in the format itself: a multiplier of a long cycle, or the
-// parameter derivative of a long orbit, overflows a double long before it
-// overflows HFLOAT.
+// Thresholds come in as double and are compared in the format itself: a
+// multiplier of a long cycle, or the parameter derivative of a long orbit,
+// overflows a double long before it overflows HFLOAT.
 
 template <typename FLOAT>
-struct PNUM : canvasmodel::NUM<FLOAT> {
-  typedef std::complex<FLOAT> COMPLEX;
-  static FLOAT fromd(double v) { return static_cast<FLOAT>(v); }
-  static COMPLEX cfromd(double x, double y) { return COMPLEX(fromd(x), fromd(y)); }
-  static FLOAT add(FLOAT a, FLOAT b) { return a + b; }
-  static FLOAT sub(FLOAT a, FLOAT b) { return a - b; }
-  static FLOAT mul(FLOAT a, FLOAT b) { return a * b; }
-  static FLOAT div(FLOAT a, FLOAT b) { return a / b; }
-  static FLOAT root(FLOAT a) { return std::sqrt(a); }
-  static FLOAT ln(FLOAT a) { return std::log(a); }
-  static bool less(FLOAT a, FLOAT b) { return a < b; }
-  static bool negative(FLOAT a) { return a < 0; }
-  static FLOAT abss(COMPLEX z) { return z.real() * z.real() + z.imag() * z.imag(); }
-  static FLOAT absc(COMPLEX z) { return std::hypot(z.real(), z.imag()); }
-  static COMPLEX csub(COMPLEX a, COMPLEX b) { return a - b; }
-  static COMPLEX cmul(COMPLEX a, COMPLEX b) { return a * b; }
-  static COMPLEX cdiv(COMPLEX a, COMPLEX b) { return a / b; }
-  static COMPLEX csqr(COMPLEX a) { return csqrT(a); }
-  static COMPLEX ctwice(COMPLEX a) { return a + a; }
-  static double arg(COMPLEX z) {
-    return std::atan2(static_cast<double>(z.imag()), static_cast<double>(z.real()));
-  }
-  // NaN and infinity by the exponent bits: the test has to hold in a build
-  // with fast floating point, where isnan may be folded to false.
-  static bool notfinite(FLOAT f) {
-    if constexpr (sizeof(FLOAT) == sizeof(float)) {
-      return (std::bit_cast<uint32_t>(f) & 0x7F800000u) == 0x7F800000u;
-    } else if constexpr (sizeof(FLOAT) == sizeof(double)) {
-      return (std::bit_cast<uint64_t>(f) & 0x7FF0000000000000ull) == 0x7FF0000000000000ull;
-    } else {
-      static_assert(std::numeric_limits<long double>::digits == 64,
-                    "the x87 extended format is assumed");
-      // Sign and 15 exponent bits follow the 64-bit significand.
-      uint16_t top;
-      std::memcpy(&top, reinterpret_cast<const unsigned char*>(&f) + 8, sizeof top);
-      return (top & 0x7FFF) == 0x7FFF;
-    }
-  }
-  static bool bad(COMPLEX z) { return notfinite(z.real()) || notfinite(z.imag()); }
-};
-
-template <>
-struct PNUM<HFLOAT> : canvasmodel::NUM<HFLOAT> {
-  typedef HFLOATCOMPLEX COMPLEX;
-  static HFLOAT fromd(double v) { return HFd(v); }
-  static COMPLEX cfromd(double x, double y) { return cHFd(complexd(x, y)); }
-  static HFLOAT add(HFLOAT a, HFLOAT b) { return addHF(a, b); }
-  static HFLOAT sub(HFLOAT a, HFLOAT b) { return subHF(a, b); }
-  static HFLOAT mul(HFLOAT a, HFLOAT b) { return mulHF(a, b); }
-  static HFLOAT div(HFLOAT a, HFLOAT b) { return divHF(a, b); }
-  static HFLOAT root(HFLOAT a) { return a.mantissa == 0 ? ZEROH : sqrtHF(a); }
-  static HFLOAT ln(HFLOAT a) { return logHF(a); }
-  static bool negative(HFLOAT a) { return a.mantissa < 0; }
-  static bool less(HFLOAT a, HFLOAT b) { return subHF(a, b).mantissa < 0; }
-  static HFLOAT abss(COMPLEX z) { return cabsHFs(z); }
-  static HFLOAT absc(COMPLEX z) { return root(cabsHFs(z)); }
-  static COMPLEX csub(COMPLEX a, COMPLEX b) { return csubHF(a, b); }
-  static COMPLEX cmul(COMPLEX a, COMPLEX b) { return cmulHF(a, b); }
-  static COMPLEX cdiv(COMPLEX a, COMPLEX b) { return cdivHF(a, b); }
-  static COMPLEX csqr(COMPLEX a) { return csqrHF(a); }
-  static COMPLEX ctwice(COMPLEX a) {
-    if (a.mantissax == 0 && a.mantissay == 0) return a;
-    return cldexpHF(a, 1);
-  }
-  // The parts share one exponent, so the mantissas alone give the angle.
-  static double arg(COMPLEX z) {
-    return std::atan2(static_cast<double>(z.mantissay), static_cast<double>(z.mantissax));
-  }
-  // HFLOAT has no NaN or infinity: its operations saturate, and a saturated
-  // step fails the |z|^2 > 4 test of the Newton search instead.
-  static bool bad(COMPLEX) { return false; }
-};
+using PNUM = canvasmodel::NUM<FLOAT>;
 
 constexpr double TWOPI = 6.283185307179586476925286766559;
 
