@@ -1,0 +1,37 @@
+// tileargs.h: the command line of orvanta-tile, and the exact arithmetic it
+// needs to place an area: decimal strings of any length taken as exact
+// rationals, and a binary corner written back with every digit.
+#pragma once
+
+#include <gmp.h>
+
+#include <string>
+
+struct TILEARGS {
+  int depth = -1;
+  std::string re;  // the point whose area is computed, as given
+  std::string im;
+  bool julia = false;
+  std::string juliare = "0";
+  std::string juliaim = "0";
+  unsigned int format = 0;    // 0 automatic, else the MODE of a canvas format
+  unsigned int channels = 8;  // bit per channel; channel 3 alone by default
+  bool hasflags = false;
+  unsigned int flags = 0;     // the realm's flag word, when given
+  std::string out;
+};
+
+// The usage line printed with every argument error.
+extern const char* const TILEUSAGE;
+
+// Fills `args` from argv[1..]; false with a one-line reason in `error`.
+bool parsetileargs(int argc, const char* const* argv, TILEARGS* args, std::string* error);
+
+// An optional sign, digits with at most one point and at least one digit,
+// and an optional exponent "e" or "E" with optional sign and digits; set
+// into `value` exactly. False, with `value` unspecified, otherwise.
+bool parsedecimal(const std::string& text, mpq_t value);
+
+// The exact decimal expansion of a dyadic rational (denominator a power of
+// two): every digit, no exponent, "-" for negatives, at least "0".
+std::string dyadicdecimal(const mpq_t value);
