@@ -162,6 +162,11 @@ void jumpstage(RUN& r) {
   const ITER maxjumps = r.maxiter / n;
   HFLOAT margin = mulHF(HFd(JUMPMARGIN), HFLOAT{HFLOATBASE(1) << 61, 2 * r.depth + 1});
   HFLOAT last = divHF(cabsHFs(r.cc[r.prec - 1]), cabsHFs(t1));
+  // The series ends at X^6 too: where its last c-term of the constant
+  // column already reaches the margin, not even the first period is jumped.
+  HFLOAT x2 = cabsHFs(cmulHF(r.info->cf, e->scalec)), lastc = cabsHFs(e->taylor[NTAYLOR - NTAYLORDEGREE]);
+  for (int j = 1; j < NTAYLORDEGREE; j++) lastc = mulHF(lastc, x2);
+  if (!lessHF(divHF(lastc, cabsHFs(t1)), margin)) return;
   HFLOATCOMPLEX u = CZEROH, du = CZEROH, dzj = CZEROH;
   ITER j = 0;
   for (; j < maxjumps && !r.done; j++) {
@@ -173,6 +178,9 @@ void jumpstage(RUN& r) {
     }
     HFLOATCOMPLEX q, qs, qx;
     evalseries(r.cc, r.dcc, r.prec, s, &q, &qs, &qx);
+    // An orbit that ends a period outside the circle escaped within it: the
+    // exact iteration is left to the perturbation stage.
+    if (!lessHF(cabsHFs(cdivHF(q, t1)), FOURH)) break;
     HFLOATCOMPLEX twou = twiceHF(u);
     du = caddHF(qx, cmulHF(cmulHF(qs, twou), du));
     dzj = j == 0 ? cmulHF(t1, qs) : cmulHF(dzj, cmulHF(twou, qs));
@@ -181,6 +189,7 @@ void jumpstage(RUN& r) {
     trycycle(r, cdivHF(u, t1));
   }
   if (j == 0) return;
+  r.info->interpoliter = r.it;
   r.delta = cdivHF(u, t1);
   r.dzm = cmulHF(du, cdivHF(e->scalec, t1));
   r.dzj = dzj;

@@ -84,7 +84,8 @@ void radii(ENVIRONMENT* e, HFLOATCOMPLEX t1) {
   } else {
     const HFLOATCOMPLEX* t = e->taylor;
     e->r3 = mulHF(TWOH, rootHF(divHF(absHF(t1), absHF(t[2]))));
-    HFLOAT second = addHF(addHF(cabsHFs(t[2]), cabsHFs(t[2 + L])), cabsHFs(t[2 + 2 * L]));
+    // The three second-order terms: dz^2, dz dc, dc^2.
+    HFLOAT second = addHF(addHF(cabsHFs(t[2]), cabsHFs(t[1 + L])), cabsHFs(t[2 * L]));
     e->r1 = divHF(mulHF(HFd(0.125), ldexpHF(e->r2, -1)), rootHF(second));
   }
   // A disc that just misses the atom is widened to it.
