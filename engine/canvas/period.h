@@ -17,11 +17,18 @@
 // the caller hands in (`data`, `flags` of one vertex), which belongs to the
 // worker thread that owns the canvas.
 //
-// Not here: `inftytestgeneral`, `checkperiodgeneral` and the `calcigeneral`
-// family, which iterate the polynomial of an ENVIRONMENT's `taylor` in place
-// of z^2 + c; they come with the environment's series.
+// The general forms (`calcigeneral*`, `checkperiodgeneral`,
+// `inftytestgeneral`) run the same steps over the map of one period of an
+// ENVIRONMENT in place of z^2 + c. Its normalised series (`taylor`, see
+// refiter.h) reads, with X = scalec * dc and u = scalez * w for a start w at
+// the reference's index 0: one period is u -> sum_i v_i(X) u^(2i), where
+// v_i(X) = sum_j taylor[i + 7j] X^j, i < prec. That is u^2 + X and higher
+// terms: the Mandelbrot map again, so a component of the environment's
+// satellite copy has a period counted in periods of the environment. The
+// tests run in (u, X) and hand their outputs back in the plane's units.
 #pragma once
 
+#include "../environment.h"
 #include "model.h"
 
 namespace canvasperiod {
@@ -86,6 +93,52 @@ template <typename T>
 ITER inftytest(int depth, typename T::COMPLEX* cc, ITER maxiter, typename T::FLOAT* d,
                typename T::FLOAT* dj, typename T::COMPLEX* d1, typename T::COMPLEX* d2, int* ii);
 
+// ---------------------------------------------------------------- the general family
+//
+// A polynomial map P(z) = sum v_k z^k, k < `prec` (here `prec` counts the
+// coefficients in z), in place of z^2 + c; `dv` is its derivative in the
+// parameter, a polynomial of the same length.
+
+// As calci: *xx = z_n - x, *dxx = dz_n/dx - 1; `iter` < 1 gives 0 and 0.
+template <typename T>
+void calcigeneral(typename T::COMPLEX x, const typename T::COMPLEX* v, int prec, ITER iter,
+                  typename T::COMPLEX* xx, typename T::COMPLEX* dxx);
+
+// As calci2: from the critical value z = P(0) = v[0], whose parameter
+// derivative is dv[0], `iter` steps: *xx = z, *dxx = the parameter derivative.
+template <typename T>
+void calcigeneral2(const typename T::COMPLEX* v, const typename T::COMPLEX* dv, int prec,
+                   ITER iter, typename T::COMPLEX* xx, typename T::COMPLEX* dxx);
+
+// As calci4, with P'' and the parameter derivative dv in the recurrences.
+template <typename T>
+void calcigeneral4(typename T::COMPLEX x, const typename T::COMPLEX* v,
+                   const typename T::COMPLEX* dv, int prec, ITER iter, typename T::COMPLEX* xx,
+                   typename T::COMPLEX* dxx, typename T::COMPLEX* ddxx, typename T::COMPLEX* d2xx,
+                   typename T::COMPLEX* dd2xx);
+
+// checkperiod and inftytest over the period map of `e` (E_SERIES required,
+// otherwise 0), with `prec` terms of its series (1..7) in z. *c is the point
+// relative to e.c. Periods, `iter`, `maxiter` and escape counts are in
+// periods of the environment. Outputs as in checkperiod and inftytest, in the
+// plane's units: *c becomes a point of the cycle (or the last z) as a
+// deviation at the reference's index 0; *d, *dj and *d2 are scaled back from
+// the normalised coordinates; *d1, the multiplier, needs no scale. The
+// divisor check compares cycle points within one grid step 2^`depth` in z.
+// `stop` (may be null) is polled every 256 periods.
+template <typename T>
+ITER checkperiodgeneral(int depth, typename T::COMPLEX* c, const ENVIRONMENT* e, int prec,
+                        ITER iter, ITER maxiter, int recursive, bool divisorcheck,
+                        typename T::INFTYDATA* data, unsigned int* flags, typename T::FLOAT* d,
+                        typename T::FLOAT* dj, typename T::COMPLEX* d1, typename T::COMPLEX* d2,
+                        int* ii);
+
+template <typename T>
+ITER inftytestgeneral(int depth, typename T::COMPLEX* c, const ENVIRONMENT* e, int prec,
+                      ITER maxiter, const volatile bool* stop, typename T::FLOAT* d,
+                      typename T::FLOAT* dj, typename T::COMPLEX* d1, typename T::COMPLEX* d2,
+                      int* ii);
+
 }  // namespace canvasperiod
 
 // ---------------------------------------------------------------- the suffixed names
@@ -119,3 +172,28 @@ inline constexpr auto& inftytest_float = canvasperiod::inftytest<CANVASTEMPLATE_
 inline constexpr auto& inftytest_double = canvasperiod::inftytest<CANVASTEMPLATE_double>;
 inline constexpr auto& inftytest_longdouble = canvasperiod::inftytest<CANVASTEMPLATE_longdouble>;
 inline constexpr auto& inftytest_hfloat = canvasperiod::inftytest<CANVASTEMPLATE_hfloat>;
+
+inline constexpr auto& calcigeneral_float = canvasperiod::calcigeneral<CANVASTEMPLATE_float>;
+inline constexpr auto& calcigeneral_double = canvasperiod::calcigeneral<CANVASTEMPLATE_double>;
+inline constexpr auto& calcigeneral_longdouble = canvasperiod::calcigeneral<CANVASTEMPLATE_longdouble>;
+inline constexpr auto& calcigeneral_hfloat = canvasperiod::calcigeneral<CANVASTEMPLATE_hfloat>;
+
+inline constexpr auto& calcigeneral2_float = canvasperiod::calcigeneral2<CANVASTEMPLATE_float>;
+inline constexpr auto& calcigeneral2_double = canvasperiod::calcigeneral2<CANVASTEMPLATE_double>;
+inline constexpr auto& calcigeneral2_longdouble = canvasperiod::calcigeneral2<CANVASTEMPLATE_longdouble>;
+inline constexpr auto& calcigeneral2_hfloat = canvasperiod::calcigeneral2<CANVASTEMPLATE_hfloat>;
+
+inline constexpr auto& calcigeneral4_float = canvasperiod::calcigeneral4<CANVASTEMPLATE_float>;
+inline constexpr auto& calcigeneral4_double = canvasperiod::calcigeneral4<CANVASTEMPLATE_double>;
+inline constexpr auto& calcigeneral4_longdouble = canvasperiod::calcigeneral4<CANVASTEMPLATE_longdouble>;
+inline constexpr auto& calcigeneral4_hfloat = canvasperiod::calcigeneral4<CANVASTEMPLATE_hfloat>;
+
+inline constexpr auto& checkperiodgeneral_float = canvasperiod::checkperiodgeneral<CANVASTEMPLATE_float>;
+inline constexpr auto& checkperiodgeneral_double = canvasperiod::checkperiodgeneral<CANVASTEMPLATE_double>;
+inline constexpr auto& checkperiodgeneral_longdouble = canvasperiod::checkperiodgeneral<CANVASTEMPLATE_longdouble>;
+inline constexpr auto& checkperiodgeneral_hfloat = canvasperiod::checkperiodgeneral<CANVASTEMPLATE_hfloat>;
+
+inline constexpr auto& inftytestgeneral_float = canvasperiod::inftytestgeneral<CANVASTEMPLATE_float>;
+inline constexpr auto& inftytestgeneral_double = canvasperiod::inftytestgeneral<CANVASTEMPLATE_double>;
+inline constexpr auto& inftytestgeneral_longdouble = canvasperiod::inftytestgeneral<CANVASTEMPLATE_longdouble>;
+inline constexpr auto& inftytestgeneral_hfloat = canvasperiod::inftytestgeneral<CANVASTEMPLATE_hfloat>;
