@@ -390,13 +390,14 @@ template <typename T>
 bool spreadperiod(typename T::CANVAS* canvas, typename T::CVERTEX* P, typename T::CVERTEX* Q,
                   bool* edge) {
   int S = 1 << canvas->canvassizeshift;
-  if (Q == P || Q->x == 0 || Q->y == 0) return false;
+  if (Q == P) return false;
   if (Q->flags & VX_TESTED) return false;
   bool qinterior = isinterior<T>(Q);
   if (qinterior && Q->v.iter <= P->v.iter) return false;
   if ((Q->flags & VX_FINISHED) && !qinterior) return false;
-  bool onedge = Q->x == S || Q->y == S;
-  if (onedge) *edge = true;
+  bool faredge = Q->x == S || Q->y == S;
+  if (faredge) *edge = true;
+  bool onedge = faredge || Q->x == 0 || Q->y == 0;
   ITER limit = qinterior ? static_cast<ITER>(Q->v.iter) : NOLIMIT;
   typename T::COMPLEX c = vertexc<T>(canvas, Q->x, Q->y);
   ITER r;

@@ -29,6 +29,11 @@ constexpr UITER TESTEDLIMIT = 0x7FFFFFFFu;
 constexpr unsigned int VX_FILLED = 0x20000;
 constexpr unsigned int EMPTYOLD = CV_FAILED;
 constexpr UITER EMPTYOLDITER = 12345;
+// A split cell fills its new vertices only from old states that pass the
+// test of a cell this many levels deeper than the split one: an escape
+// count is discontinuous, and a fill that is merely good enough to split by
+// moves counts by one along every level line.
+constexpr int FILLMARGIN = 4;
 // Past this, iterations are the finite pass's: 3M + 3000 at the largest M.
 constexpr int64_t LASTINTERPOLITER = 3 * int64_t(715825882) + 3000;
 
@@ -423,7 +428,7 @@ void interpolarea(OVCONTEXT* context, typename T::CANVAS* canvas, int i, typenam
   CHPVALUE* hpv = nullptr;
   int ref = -1;
   bool absolute = true;
-  bool fill = goodoldstates<T>(context, canvas, v, S - L - 1, d, &iter, &hpv, &ref, &absolute);
+  bool fill = goodoldstates<T>(context, canvas, v, S - L - 1 + FILLMARGIN, d, &iter, &hpv, &ref, &absolute);
   // The driver's tree may be finer already: the finite pass split it.
   if (canvas->v[i].depth <= L) canvasdriver::subdividecanvas<T>(canvas, i);
   if (fill) fillhalves<T>(canvas, i, L, d, iter, hpv, ref, absolute);
