@@ -62,3 +62,10 @@ unsigned int canvasformat(unsigned int word, int depth);
 // (`initcanvas` of that format, grid of 2^8 + 1, interpolation step 32).
 // Returns the format's MODE, or 0 when the canvas was left unused.
 unsigned int canvas_calc_initcanvas(OVCONTEXT* context, WORKER* worker);
+
+// The calculation of a canvas job on the worker's canvas: the format is
+// chosen and the canvas prepared as by `canvas_calc_initcanvas`, then the
+// driver works it (`processcanvas` of that format) until it is done or the
+// job's `stop` is seen. Returns the format's MODE, or 0 when the canvas was
+// left unused.
+unsigned int canvas_calc_init(OVCONTEXT* context, WORKER* worker);

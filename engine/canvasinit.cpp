@@ -11,6 +11,7 @@
 #include <type_traits>
 
 #include "Mandelbrot.h"
+#include "canvas/driver.h"
 #include "canvas/model.h"
 
 namespace canvasmodel {
@@ -301,6 +302,28 @@ unsigned int canvas_calc_initcanvas(OVCONTEXT* context, WORKER* worker) {
       break;
     case 64:
       initcanvas_hfloat(context, reinterpret_cast<CANVAS_hfloat*>(canvas), worker, 8, 32);
+      break;
+    default:
+      break;
+  }
+  return mode;
+}
+
+unsigned int canvas_calc_init(OVCONTEXT* context, WORKER* worker) {
+  unsigned int mode = canvas_calc_initcanvas(context, worker);
+  CANVAS0* canvas = worker->canvas;
+  switch (mode) {
+    case 16:
+      processcanvas_float(context, reinterpret_cast<CANVAS_float*>(canvas));
+      break;
+    case 32:
+      processcanvas_double(context, reinterpret_cast<CANVAS_double*>(canvas));
+      break;
+    case 48:
+      processcanvas_longdouble(context, canvas);
+      break;
+    case 64:
+      processcanvas_hfloat(context, reinterpret_cast<CANVAS_hfloat*>(canvas));
       break;
     default:
       break;
