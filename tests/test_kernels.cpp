@@ -235,3 +235,139 @@ TEST(KernelCounts, Depth9000Hfloat) {
   comparecounts<CANVASTEMPLATE_hfloat>(9000, cx, cy, 40, 2000, &equal, &varied);
   EXPECT_EQ(equal, 40);
 }
+
+// ---------------------------------------------------------------- over an environment
+
+namespace {
+
+// A standard environment on the orbit of (cx, cy), made in mpf: samples in
+// both forms until the orbit passes |z|^2 = 4 or `length` points.
+struct ENVORBIT {
+  ENVIRONMENT* e;
+  HANDHPV c;
+  ENVORBIT(mpf_srcptr cx, mpf_srcptr cy, int length, mp_bitcnt_t prec) : c(prec) {
+    e = static_cast<ENVIRONMENT*>(calloc(1, sizeof(ENVIRONMENT)));
+    mpf_set(c.h.v[0], cx);
+    mpf_set(c.h.v[1], cy);
+    e->c = &c.h;
+    e->cf = cHF(mpf_get_HF(cx), mpf_get_HF(cy));
+    e->refdatah = static_cast<REFDATAH*>(calloc(length + 1, sizeof(REFDATAH)));
+    e->refdatad = static_cast<REFDATAD*>(calloc(length + 1, sizeof(REFDATAD)));
+    MPF x(prec), y(prec), xx(prec), yy(prec), t(prec), a(prec);
+    mpf_set_ui(x, 0);
+    mpf_set_ui(y, 0);
+    int n = 0;
+    for (;; n++) {
+      mpf_mul(xx, x, x);
+      mpf_mul(yy, y, y);
+      mpf_set_ui(a, 4);
+      mpf_sub(a, a, xx);
+      mpf_sub(a, a, yy);
+      e->refdatah[n].value = cHF(mpf_get_HF(x), mpf_get_HF(y));
+      e->refdatah[n].a = mpf_get_HF(a);
+      e->refdatad[n].value = complexd(mpf_get_d(x), mpf_get_d(y));
+      e->refdatad[n].a = mpf_get_d(a);
+      if (n == length || mpf_sgn(a.v) < 0) break;
+      mpf_mul(t, x, y);
+      mpf_mul_2exp(t, t, 1);
+      mpf_add(y, t, cy);
+      mpf_sub(x, xx, yy);
+      mpf_add(x, x, cx);
+    }
+    e->n = static_cast<UITER>(n);
+    e->nrefdata = n + 1;
+  }
+  ~ENVORBIT() {
+    free(e->refdatah);
+    free(e->refdatad);
+    free(e);
+  }
+};
+
+template <typename T>
+typename T::CVALUE startstate() {
+  typename T::CVALUE cv;
+  memset(static_cast<void*>(&cv), 0, sizeof cv);
+  cv.ref = -1;
+  cv.value = NUM<typename T::FLOAT>::czero();
+  cv.d = NUM<typename T::FLOAT>::czero();
+  cv.Z = NUM<typename T::FLOAT>::zero();
+  return cv;
+}
+
+template <typename T>
+void comparecountsenv(int depth, mpf_srcptr cx, mpf_srcptr cy, int npoints, int maxiter,
+                      int* equal) {
+  TILE tile(depth, cx, cy);
+  ENVORBIT env(cx, cy, maxiter + 10, depth + 128);
+  tile.job.w.pdata[JOB_ENVIRONMENT] = env.e;
+  typename T::CANVAS* canvas = tile.template init<T>();
+  MPF px(canvas->precision + 64), py(canvas->precision + 64);
+  *equal = 0;
+  for (auto [x, y] : randompoints(npoints, 99u + static_cast<unsigned>(depth))) {
+    typename T::CVALUE cv = startstate<T>();
+    int got = runstate<T>(canvas, x, y, &cv, maxiter);
+    pointc<T>(canvas, x, y, px, py);
+    int want = brutecount(px, py, maxiter, canvas->precision + 64);
+    if (got == want) ++*equal;
+  }
+}
+
+}  // namespace
+
+TEST(KernelCountsEnvironment, Depth150Double) {
+  MPF cx(300), cy(300);
+  levelpoint(cx, cy, 400, 160);
+  int equal;
+  comparecountsenv<CANVASTEMPLATE_double>(150, cx, cy, 300, 2000, &equal);
+  EXPECT_GE(equal, 300 * 999 / 1000);
+}
+
+TEST(KernelCountsEnvironment, Depth700LongDouble) {
+  MPF cx(900), cy(900);
+  levelpoint(cx, cy, 400, 710);
+  int equal;
+  comparecountsenv<CANVASTEMPLATE_longdouble>(700, cx, cy, 200, 2000, &equal);
+  EXPECT_GE(equal, 200 * 999 / 1000);
+}
+
+TEST(KernelCountsEnvironment, Depth9000Hfloat) {
+  MPF cx(9200), cy(9200);
+  mpf_set_d(cx, -0.75);
+  mpf_set_d(cy, 0.0079);
+  int equal;
+  comparecountsenv<CANVASTEMPLATE_hfloat>(9000, cx, cy, 40, 2000, &equal);
+  EXPECT_EQ(equal, 40);
+}
+
+// The environment's orbit ends below maxiter (it escapes): the states go on
+// absolutely from its end, and the reference made of a start state over the
+// environment serves its neighbours as one made of an absolute state.
+TEST(KernelCountsEnvironment, StartStateReference) {
+  typedef CANVASTEMPLATE_double T;
+  MPF cx(300), cy(300);
+  levelpoint(cx, cy, 400, 160);
+  TILE tile(150, cx, cy);
+  ENVORBIT env(cx, cy, 2010, 300);
+  tile.job.w.pdata[JOB_ENVIRONMENT] = env.e;
+  T::CANVAS* canvas = tile.init<T>();
+  int ref = 128 * CANVASSIZE + 128;
+  T::CVALUE* rv = &canvas->v[ref].v;
+  *rv = startstate<T>();
+  ASSERT_NE(canvasmodel::makeref<T>(canvas, ref, rv, nullptr), 0);
+  EXPECT_EQ(rv->flags, CV_REFERENCE);
+  ASSERT_NE(canvas->environmenthpvalue, nullptr);
+  MPF px(300), py(300);
+  int equal = 0;
+  for (auto [x, y] : randompoints(100, 5u)) {
+    T::CVALUE cv = relativestate<T>(canvas, ref);
+    int got = runstate<T>(canvas, x, y, &cv, 2000);
+    pointc<T>(canvas, x, y, px, py);
+    if (got == brutecount(px, py, 2000, 300)) equal++;
+  }
+  EXPECT_EQ(equal, 100);
+  // Outside the interpolation iterations there is no environment checkpoint.
+  T::CVALUE other = startstate<T>();
+  other.iter = 5;
+  EXPECT_EQ(canvasmodel::makeref<T>(canvas, 0, &other, nullptr), 0);
+}
