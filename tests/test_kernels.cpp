@@ -371,3 +371,366 @@ TEST(KernelCountsEnvironment, StartStateReference) {
   other.iter = 5;
   EXPECT_EQ(canvasmodel::makeref<T>(canvas, 0, &other, nullptr), 0);
 }
+
+// ---------------------------------------------------------------- edge cases, typed
+
+namespace {
+
+template <typename T>
+class KernelEdges : public ::testing::Test {};
+
+class FormatNames {
+ public:
+  template <typename T>
+  static std::string GetName(int i) {
+    static const char* const names[] = {"float", "double", "longdouble", "hfloat"};
+    return names[i];
+  }
+};
+
+typedef ::testing::Types<CANVASTEMPLATE_float, CANVASTEMPLATE_double, CANVASTEMPLATE_longdouble,
+                         CANVASTEMPLATE_hfloat>
+    Formats;
+
+// A tile at depth 12 across the edge of the set near the seahorse valley:
+// points of counts from some tens to the limit.
+template <typename T>
+typename T::CANVAS* edgetile(TILE** tile) {
+  static MPF cx(128), cy(128);
+  mpf_set_d(cx, -0.7436438870371587);
+  mpf_set_d(cy, 0.1318259042053119);
+  *tile = new TILE(12, cx, cy);
+  return (*tile)->template init<T>();
+}
+
+template <typename T>
+bool samestate(const typename T::CVALUE& a, const typename T::CVALUE& b) {
+  return a.iter == b.iter && a.flags == b.flags && a.ref == b.ref && a.hpvalue == b.hpvalue &&
+         samec<T>(a.value, b.value) && samec<T>(a.d, b.d) &&
+         samehf(tohf<T>(NUM<typename T::FLOAT>::creal(a.Z)),
+                tohf<T>(NUM<typename T::FLOAT>::creal(b.Z)));
+}
+
+}  // namespace
+
+TYPED_TEST_SUITE(KernelEdges, Formats, FormatNames);
+
+// Its own reference whose orbit escapes ends at the sample with a <= 0: the
+// count is the iteration of the last sample inside.
+TYPED_TEST(KernelEdges, OwnReferenceEscapes) {
+  typedef TypeParam T;
+  TILE* tile;
+  typename T::CANVAS* canvas = edgetile<T>(&tile);
+  int ref = makereference<T>(canvas, 3, 7);
+  typename T::CVALUE* rv = &canvas->v[ref].v;
+  int r = canvaskernels::calciterref<T>(canvas, 3, 7, ref, rv, 5000, nullptr, true, 0);
+  MPF px(200), py(200);
+  pointc<T>(canvas, 3, 7, px, py);
+  int want = brutecount(px, py, 5000, 200);
+  ASSERT_LT(want, 5000);
+  EXPECT_EQ(r, CALC_DONE);
+  EXPECT_EQ(rv->flags, CV_ABSOLUTE | CV_ESCAPED);
+  EXPECT_EQ(static_cast<int>(rv->iter), want);
+  EXPECT_EQ(rv->hpvalue, nullptr);
+  delete tile;
+}
+
+// `forced` lifts the bound: a derivative far past dbound but below |z|^2
+// ends the run unforced and not forced.
+TYPED_TEST(KernelEdges, ForcedLiftsTheBound) {
+  typedef TypeParam T;
+  typedef NUM<typename T::FLOAT> N;
+  TILE* tile;
+  typename T::CANVAS* canvas = edgetile<T>(&tile);
+  canvas->dbound = N::fromd(1e-12);
+  int ref = makereference<T>(canvas, 128, 128);
+  for (bool forced : {false, true}) {
+    typename T::CVALUE cv = relativestate<T>(canvas, ref);
+    cv.d = cmake<T>(1e-5, 0);
+    int r = canvaskernels::calciterref<T>(canvas, 130, 128, -1, &cv, 50, nullptr, forced, 0);
+    if (forced) {
+      EXPECT_NE(r, CALC_BOUND);
+      EXPECT_GT(cv.iter, 0u);
+    } else {
+      EXPECT_EQ(r, CALC_BOUND);
+      EXPECT_EQ(cv.iter, 0u);
+      EXPECT_EQ(cv.flags, CV_ABSOLUTE);
+    }
+    canvasmodel::freevalue<T>(canvas, &cv);
+  }
+  delete tile;
+}
+
+// A failed precision test: an escape at the finest level, CV_FAILED for a
+// point that is no vertex, a new reference for a vertex.
+TYPED_TEST(KernelEdges, PrecisionFailure) {
+  typedef TypeParam T;
+  typedef NUM<typename T::FLOAT> N;
+  TILE* tile;
+  typename T::CANVAS* canvas = edgetile<T>(&tile);
+  canvas->Zfactor = N::fromd(1e-30);  // every step fails the test
+  int ref = makereference<T>(canvas, 128, 128);
+  // The reference's orbit runs ahead, so that the failure is not at its start.
+  typename T::CVALUE cv = relativestate<T>(canvas, ref);
+  cv.d = cmake<T>(1e-9, 0);
+  int r = canvaskernels::calciterref<T>(canvas, 140, 120, -1, &cv, 500, nullptr, true, 8);
+  EXPECT_EQ(r, CALC_DONE);
+  EXPECT_EQ(cv.flags, CV_ABSOLUTE | CV_ESCAPED);
+  EXPECT_EQ(cv.iter, 0u);
+  EXPECT_EQ(cv.hpvalue, nullptr);
+
+  cv = relativestate<T>(canvas, ref);
+  cv.d = cmake<T>(1e-9, 0);
+  r = canvaskernels::calciterref<T>(canvas, 140, 120, -1, &cv, 500, nullptr, true, 3);
+  EXPECT_EQ(r, CALC_DONE);
+  EXPECT_EQ(cv.flags, CV_FAILED);
+  EXPECT_EQ(cv.hpvalue, nullptr);
+
+  int self = 120 * CANVASSIZE + 140;
+  cv = relativestate<T>(canvas, ref);
+  cv.d = cmake<T>(1e-9, 0);
+  r = canvaskernels::calciterref<T>(canvas, 140, 120, self, &cv, 300, nullptr, true, 3);
+  EXPECT_EQ(cv.ref, self);
+  EXPECT_FALSE(chainempty(&canvas->v[self].hpvchain));
+  EXPECT_NE(canvas->v[self].firstdata, -1);
+  // As its own reference it follows its orbit, as an escape or to the limit.
+  MPF px(200), py(200);
+  pointc<T>(canvas, 140, 120, px, py);
+  int want = brutecount(px, py, 300, 200);
+  if (want < 300) {
+    EXPECT_EQ(r, CALC_DONE);
+    EXPECT_EQ(static_cast<int>(cv.iter), want);
+  } else {
+    EXPECT_EQ(r, CALC_MORE);
+    EXPECT_EQ(cv.flags, CV_REFERENCE);
+    EXPECT_EQ(cv.iter, 300u);
+  }
+  canvasmodel::freevalue<T>(canvas, &cv);
+  delete tile;
+}
+
+// A state whose reference is this vertex cannot make it a reference again.
+TYPED_TEST(KernelEdges, MakerefOfOwnReferenceFails) {
+  typedef TypeParam T;
+  TILE* tile;
+  typename T::CANVAS* canvas = edgetile<T>(&tile);
+  int ref = makereference<T>(canvas, 128, 128);
+  typename T::CVALUE cv = relativestate<T>(canvas, ref);
+  typename T::CVALUE before = cv;
+  int used = canvas->ihpvalue;
+  EXPECT_EQ(canvasmodel::makeref<T>(canvas, ref, &cv, nullptr), 0);
+  EXPECT_TRUE(samestate<T>(cv, before));
+  EXPECT_EQ(canvas->ihpvalue, used);
+  canvasmodel::freevalue<T>(canvas, &cv);
+  delete tile;
+}
+
+// The reference escapes before its neighbour: the neighbour turns absolute at
+// the reference's last sample and goes on to its own count.
+TYPED_TEST(KernelEdges, ReferenceEndsInsideMaxiter) {
+  typedef TypeParam T;
+  TILE* tile;
+  typename T::CANVAS* canvas = edgetile<T>(&tile);
+  // Pick a reference that escapes early and a neighbour that outlives it.
+  MPF px(200), py(200);
+  int rx = -1, ry = -1, rc = 1 << 30, nx = -1, ny = -1, nc = -1;
+  for (auto [x, y] : randompoints(200, 77u)) {
+    pointc<T>(canvas, x, y, px, py);
+    int c = brutecount(px, py, 3000, 200);
+    if (c < rc) rc = c, rx = x, ry = y;
+    if (c > nc && c < 3000) nc = c, nx = x, ny = y;
+  }
+  ASSERT_LT(rc + 5, nc);
+  int ref = makereference<T>(canvas, rx, ry);
+  typename T::CVALUE cv = relativestate<T>(canvas, ref);
+  // The reference's orbit, followed to its end.
+  ITER end = 100000;
+  EXPECT_EQ(canvasmodel::refgethpvalue<T>(canvas, ref, &end, 1), nullptr);
+  EXPECT_EQ(end, canvas->v[ref].refiter);
+  EXPECT_GT(end, rc);
+  EXPECT_LT(end, nc);
+  // To that end the neighbour is relative; there it turns absolute.
+  int r = canvaskernels::calciterref<T>(canvas, nx, ny, -1, &cv, end - 1, nullptr, true, 0);
+  EXPECT_EQ(r, CALC_MORE);
+  EXPECT_EQ(cv.flags, CV_RELATIVE);
+  r = canvaskernels::calciterref<T>(canvas, nx, ny, -1, &cv, end, nullptr, true, 0);
+  EXPECT_EQ(r, CALC_MORE);
+  EXPECT_EQ(cv.flags, CV_ABSOLUTE);
+  EXPECT_EQ(cv.ref, -1);
+  EXPECT_EQ(cv.hpvalue, nullptr);
+  EXPECT_EQ(static_cast<int>(cv.iter), end);
+  // The value one step past the switch is the orbit's own.
+  {
+    MPF x(200), y(200), t(200), xx(200), yy(200);
+    pointc<T>(canvas, nx, ny, px, py);
+    mpf_set_ui(x, 0);
+    mpf_set_ui(y, 0);
+    for (int n = 0; n < end; n++) {
+      mpf_mul(xx, x, x);
+      mpf_mul(yy, y, y);
+      mpf_mul(t, x, y);
+      mpf_mul_2exp(t, t, 1);
+      mpf_add(y, t, py);
+      mpf_sub(x, xx, yy);
+      mpf_add(x, x, px);
+    }
+    HFLOATCOMPLEX got = tohf<T>(cv.value);
+    double ex = mpf_get_d(x), ey = mpf_get_d(y);
+    double tol = std::is_same_v<typename T::FLOAT, float> ? 1e-2 : 1e-6;
+    EXPECT_NEAR(dHF(crealHF(got)), ex, tol * (1 + std::fabs(ex)));
+    EXPECT_NEAR(dHF(cimagHF(got)), ey, tol * (1 + std::fabs(ey)));
+  }
+  int got = runstate<T>(canvas, nx, ny, &cv, 3000);
+  // Absolutely, float cannot carry a grid step of 2^-16 for long.
+  if (!std::is_same_v<typename T::FLOAT, float>) {
+    EXPECT_EQ(got, nc);
+  }
+  delete tile;
+}
+
+// Chunks of 37 iterations leave exactly the state of one run.
+TYPED_TEST(KernelEdges, ResumableInChunks) {
+  typedef TypeParam T;
+  TILE* tile;
+  typename T::CANVAS* canvas = edgetile<T>(&tile);
+  int ref = makereference<T>(canvas, 128, 128);
+  for (auto [x, y] : randompoints(12, 3u)) {
+    typename T::CVALUE one = relativestate<T>(canvas, ref);
+    typename T::CVALUE chunked = relativestate<T>(canvas, ref);
+    int r1 = calcitercanvas0generalT<T>(canvas, x, y, &one, 1500);
+    int r2 = CALC_MORE;
+    for (int m = 37; r2 == CALC_MORE && chunked.iter < 1500u; m += 37)
+      r2 = calcitercanvas0generalT<T>(canvas, x, y, &chunked, m < 1500 ? m : 1500);
+    EXPECT_EQ(r1, r2);
+    EXPECT_EQ(one.iter, chunked.iter);
+    EXPECT_EQ(one.flags, chunked.flags);
+    EXPECT_TRUE(samec<T>(one.value, chunked.value));
+    EXPECT_TRUE(samec<T>(one.d, chunked.d));
+    canvasmodel::freevalue<T>(canvas, &one);
+    canvasmodel::freevalue<T>(canvas, &chunked);
+  }
+  delete tile;
+}
+
+// With the job stopped a kernel gives up within 256 iterations and leaves
+// the state of its entry.
+TYPED_TEST(KernelEdges, StopLeavesEntryState) {
+  typedef TypeParam T;
+  TILE* tile;
+  typename T::CANVAS* canvas = edgetile<T>(&tile);
+  int ref = makereference<T>(canvas, 128, 128);
+  // A point that stays inside for more than 256 iterations.
+  MPF px(200), py(200);
+  int lx = -1, ly = -1;
+  for (auto [x, y] : randompoints(100, 11u)) {
+    pointc<T>(canvas, x, y, px, py);
+    if (brutecount(px, py, 1000, 200) > 300) lx = x, ly = y;
+  }
+  ASSERT_GE(lx, 0);
+  typename T::CVALUE cv = relativestate<T>(canvas, ref);
+  calcitercanvas0generalT<T>(canvas, lx, ly, &cv, 10);
+  typename T::CVALUE entry = cv;
+  tile->job.w.stop = true;
+  int r = calcitercanvas0generalT<T>(canvas, lx, ly, &cv, 100000);
+  EXPECT_EQ(r, CALC_MORE);
+  EXPECT_TRUE(samestate<T>(cv, entry));
+  // The reference orbit was not run on for the stopped job.
+  EXPECT_LE(canvas->v[ref].refiter, 0);
+  // The absolute kernel likewise; float's own orbit is too coarse here to
+  // stay inside that long.
+  if (!std::is_same_v<typename T::FLOAT, float>) {
+    typename T::CVALUE abs = startstate<T>();
+    abs.flags = CV_ABSOLUTE;
+    r = canvaskernels::calciterabsolute<T>(canvas, lx, ly, -1, &abs, 100000, nullptr, true, 0);
+    EXPECT_EQ(r, CALC_MORE);
+    EXPECT_EQ(abs.iter, 256u);
+  }
+  tile->job.w.stop = false;
+  canvasmodel::freevalue<T>(canvas, &cv);
+  delete tile;
+}
+
+// The samples of a reference orbit are the mpf orbit rounded to the format;
+// checkpoints are made on demand, shared when asked for again, and the orbit
+// ends where it passes |z|^2 = 5.
+TYPED_TEST(KernelEdges, ReferenceOrbitAndCheckpoints) {
+  typedef TypeParam T;
+  typedef NUM<typename T::FLOAT> N;
+  TILE* tile;
+  typename T::CANVAS* canvas = edgetile<T>(&tile);
+  int ref = makereference<T>(canvas, 20, 30);
+  ITER it = 100;
+  CHPVALUE* h = canvasmodel::refgethpvalue<T>(canvas, ref, &it, 1);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->iter, 100);
+  EXPECT_EQ(h->count, 1);
+  it = 100;
+  EXPECT_EQ(canvasmodel::refgethpvalue<T>(canvas, ref, &it, 1), h);
+  EXPECT_EQ(h->count, 2);
+  it = 60;
+  CHPVALUE* h60 = canvasmodel::refgethpvalue<T>(canvas, ref, &it, 1);
+  ASSERT_NE(h60, nullptr);
+  // Sorted: 0, 60, 100.
+  CHAIN* l = canvas->v[ref].hpvchain.next;
+  EXPECT_EQ(CHAINRECORD(l, CHPVALUE, chain)->iter, 0);
+  EXPECT_EQ(CHAINRECORD(l->next, CHPVALUE, chain)->iter, 60);
+  EXPECT_EQ(CHAINRECORD(l->next->next, CHPVALUE, chain)->iter, 100);
+
+  MPF px(200), py(200), x(canvas->precision), y(canvas->precision), t(canvas->precision),
+      xx(canvas->precision), yy(canvas->precision), a(canvas->precision);
+  pointc<T>(canvas, 20, 30, px, py);
+  mpf_set_ui(x, 0);
+  mpf_set_ui(y, 0);
+  int cursor = canvas->v[ref].firstdata;
+  int end = -1;
+  for (int n = 0; n <= 100; n++) {
+    mpf_mul(xx, x, x);
+    mpf_mul(yy, y, y);
+    mpf_set_ui(a, 4);
+    mpf_sub(a, a, xx);
+    mpf_sub(a, a, yy);
+    typename T::COMPLEX v = N::czero();
+    typename T::FLOAT av = N::zero();
+    canvasmodel::readcdata<T>(canvas, &cursor, n, &v, &av);
+    EXPECT_TRUE(samec<T>(v, cmake<T>(0, 0)) || true);
+    typename T::COMPLEX want =
+        std::is_same_v<typename T::FLOAT, HFLOAT>
+            ? N::cfromHF(cHF(mpf_get_HF(x), mpf_get_HF(y)))
+            : N::cfromHF(cHF(HFld(mpf_get_ld(x)), HFld(mpf_get_ld(y))));
+    if constexpr (!std::is_same_v<typename T::FLOAT, HFLOAT>) {
+      want = typename T::COMPLEX(N::frommpf(x), N::frommpf(y));
+    } else {
+      want = cHF(N::frommpf(x), N::frommpf(y));
+    }
+    EXPECT_TRUE(samec<T>(v, want)) << n;
+    EXPECT_TRUE(samehf(tohf<T>(N::creal(av)), tohf<T>(N::creal(N::frommpf(a))))) << n;
+    if (mpf_cmp_si(a, -1) <= 0) {
+      end = n;
+      break;
+    }
+    mpf_mul(t, x, y);
+    mpf_mul_2exp(t, t, 1);
+    mpf_add(y, t, py);
+    mpf_sub(x, xx, yy);
+    mpf_add(x, x, px);
+  }
+  canvasmodel::detachhpvalue<T>(canvas, h, true);
+  canvasmodel::detachhpvalue<T>(canvas, h, true);
+  canvasmodel::detachhpvalue<T>(canvas, h60, true);
+  // Freed checkpoints leave the chain.
+  EXPECT_EQ(canvas->v[ref].hpvchain.next->next, &canvas->v[ref].hpvchain);
+  // Past the end of the orbit there is none; the end is kept.
+  it = 100000;
+  EXPECT_EQ(canvasmodel::refgethpvalue<T>(canvas, ref, &it, 1), nullptr);
+  EXPECT_EQ(it, canvas->v[ref].refiter);
+  if (end >= 0) {
+    EXPECT_EQ(it, end);
+  }
+  EXPECT_GT(it, 100);
+
+  ::testing::internal::CaptureStderr();
+  it = 5;
+  EXPECT_EQ(canvasmodel::refgethpvalue<T>(canvas, 0, &it, 1), nullptr);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "refgethpvalue: Chain empty!\n");
+  delete tile;
+}
