@@ -234,3 +234,125 @@ TEST(HyperbolicKernel, ReducesToTheDomain) {
   complexd z3 = todisc(w0), d3(1.0, 0.0);
   EXPECT_EQ(calcitercanvashyperbolic_double(0, 0, &z3, &d3, &cv3, 2), 0);
 }
+
+// ---------------------------------------------------------------- satellite jumps
+
+namespace {
+
+typedef std::complex<long double> CLD;
+
+// T <- T^2 + D + R T on 7 by 7 tables, index i + 7 j.
+void seriesstep(CLD* T, CLD R) {
+  CLD S[NTAYLOR] = {};
+  for (int a = 0; a < NTAYLOR; a++)
+    for (int b = 0; b < NTAYLOR; b++) {
+      int i = a % 7 + b % 7, j = a / 7 + b / 7;
+      if (i < 7 && j < 7) S[i + 7 * j] += T[a] * T[b];
+    }
+  for (int a = 0; a < NTAYLOR; a++) S[a] += R * T[a];
+  S[7] += 1.0L;
+  for (int a = 0; a < NTAYLOR; a++) T[a] = S[a];
+}
+
+// A satellite environment at the period-3 centre near -1.7549.
+struct SATENV {
+  ENVIRONMENT* e;
+  HANDHPV c;
+  SATENV() : c(128) {
+    std::complex<double> cc(-1.75, 0.0);
+    for (int k = 0; k < 60; k++) {
+      std::complex<double> z = 0, dz = 0;
+      for (int n = 0; n < 3; n++) {
+        dz = 2.0 * z * dz + 1.0;
+        z = z * z + cc;
+      }
+      cc -= z / dz;
+    }
+    e = static_cast<ENVIRONMENT*>(calloc(1, sizeof(ENVIRONMENT)));
+    mpf_set_d(c.h.v[0], cc.real());
+    mpf_set_d(c.h.v[1], 0.0);
+    e->c = &c.h;
+    e->cf = cHFd(cc);
+    e->n = 3;
+    e->nrefdata = 4;
+    e->flags = E_SERIES | E_PERIODIC;
+    e->refdatah = static_cast<REFDATAH*>(calloc(4, sizeof(REFDATAH)));
+    e->refdatad = static_cast<REFDATAD*>(calloc(4, sizeof(REFDATAD)));
+    CLD z = 0;
+    CLD T[NTAYLOR] = {};
+    T[1] = 1;
+    T[7] = 1;
+    for (int k = 0; k <= 3; k++) {
+      e->refdatad[k].value = complexd(static_cast<double>(z.real()), static_cast<double>(z.imag()));
+      e->refdatad[k].a = static_cast<double>(4 - std::norm(z));
+      e->refdatah[k].value = cHFld(complexld(z.real(), z.imag()));
+      e->refdatah[k].a = HFld(4 - std::norm(z));
+      if (k >= 1 && k <= 1) {}
+      z = z * z + CLD(cc.real(), 0);
+    }
+    z = CLD(cc.real(), 0);
+    for (int k = 1; k < 3; k++) {
+      seriesstep(T, 2.0L * z);
+      z = z * z + CLD(cc.real(), 0);
+    }
+    CLD t1 = T[1], t7 = T[7];
+    CLD sc = t1 * t7;
+    e->scalez = cHFld(complexld(t1.real(), t1.imag()));
+    e->scalec = cHFld(complexld(sc.real(), sc.imag()));
+    for (int i = 0; i < 7; i++)
+      for (int j = 0; j < 7; j++) {
+        CLD v = T[i + 7 * j] / (std::pow(sc, j) * std::pow(t1, 2 * i - 1));
+        e->taylor[i + 7 * j] = cHFld(complexld(v.real(), v.imag()));
+      }
+  }
+  ~SATENV() {
+    free(e->refdatah);
+    free(e->refdatad);
+    free(e);
+  }
+};
+
+}  // namespace
+
+// Period jumps leave the count, z and d as plain iteration does.
+TEST(SatelliteKernel, JumpsAsPlainIterations) {
+  SATENV env;
+  MPF cx(128), cy(128);
+  mpf_set(cx, env.c.h.v[0]);
+  mpf_set_ui(cy, 0);
+  JOB job(0, 10);
+  HANDHPV corner(192);
+  MPF half(192);
+  setpow2(half, 3 - 10);
+  mpf_sub(corner.h.v[0], cx, half);
+  mpf_sub(corner.h.v[1], cy, half);
+  job.w.pdata[JOB_CORNER] = &corner.h;
+  job.w.pdata[JOB_ENVIRONMENT] = env.e;
+  job.w.idata[JOB_WORD] = static_cast<ITER>(CF_DERIVATIVE);
+  TD::CANVAS* canvas = canvasof<TD>();
+  initcanvas_double(gcontext, canvas, &job.w, 8, 32);
+  std::mt19937 rng(21);
+  std::uniform_int_distribution<int> coord(0, 256);
+  int equal = 0, inside = 0, total = 200;
+  for (int k = 0; k < total; k++) {
+    int x = coord(rng), y = coord(rng);
+    TD::CVALUE s, a;
+    memset(static_cast<void*>(&s), 0, sizeof s);
+    s.ref = -1;
+    a = s;
+    a.flags = CV_ABSOLUTE;
+    int rs = calcitergeneralsat_double(canvas, x, y, -1, &s, 301, nullptr, true, 0);
+    int ra = calciterabsolute_double(canvas, x, y, -1, &a, 301, nullptr, true, 0);
+    if (rs == ra && s.iter == a.iter && (s.flags & CV_ESCAPED) == (a.flags & CV_ESCAPED)) equal++;
+    if (rs == CALC_MORE && ra == CALC_MORE) {
+      inside++;
+      // The state at the limit: delta to X_(301 mod 3) = X_1 = c_env.
+      complexd z = s.value + env.e->refdatad[301 % 3].value;
+      EXPECT_LT(std::abs(z - a.value), 1e-6);
+      EXPECT_LT(std::abs(s.d - a.d), 1e-4 * std::abs(a.d) + 1e-300);
+    }
+  }
+  EXPECT_GE(equal, total * 99 / 100);
+  EXPECT_GT(inside, 10);
+  EXPECT_LT(inside, total);
+}
