@@ -287,7 +287,6 @@ struct SATENV {
       e->refdatad[k].a = static_cast<double>(4 - std::norm(z));
       e->refdatah[k].value = cHFld(complexld(z.real(), z.imag()));
       e->refdatah[k].a = HFld(4 - std::norm(z));
-      if (k >= 1 && k <= 1) {}
       z = z * z + CLD(cc.real(), 0);
     }
     z = CLD(cc.real(), 0);
