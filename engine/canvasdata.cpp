@@ -12,7 +12,10 @@
 #include <cstdio>
 
 #include "Mandelbrot.h"
+#include "canvas/kernels.h"
+#include "canvas/kernelsupport.h"
 #include "canvas/model.h"
+#include "envhp.h"
 
 namespace canvasmodel {
 
@@ -192,6 +195,108 @@ void refdetachhpvalue(typename T::CANVAS* canvas, int vertex, CHPVALUE* value) {
   if (v->firstdata == -1) v->lastdata = -1;
 }
 
+template <typename T>
+CHPVALUE* refgethpvalue(typename T::CANVAS* canvas, int vertex, ITER* iter, int flag) {
+  typename T::CVERTEX* v = &canvas->v[vertex];
+  if (chainempty(&v->hpvchain)) {
+    fputs("refgethpvalue: Chain empty!\n", stderr);
+    return nullptr;
+  }
+  CHPVALUE* lower = nullptr;
+  for (CHAIN* l = v->hpvchain.next; l != &v->hpvchain; l = l->next) {
+    CHPVALUE* h = CHAINRECORD(l, CHPVALUE, chain);
+    if (h->iter > *iter) break;
+    if (h->iter == *iter) {
+      attachhpvalue<T>(h);
+      return h;
+    }
+    lower = h;
+  }
+  if (v->refiter && *iter >= v->refiter) {
+    *iter = v->refiter;
+    return nullptr;
+  }
+  if (!flag) return nullptr;
+  // Orbits are only followed forward: a request below the lowest
+  // checkpoint cannot be served.
+  if (!lower) return nullptr;
+  CHPVALUE* h = addhpvalue<T>(canvas, false);
+  if (!h) {
+    *iter = lower->iter;
+    return nullptr;
+  }
+  mpf_set(h->value[0], lower->value[0]);
+  mpf_set(h->value[1], lower->value[1]);
+  ITER reached = lower->iter;
+  int complete = canvaskernels::calcitercanvashp<T>(canvas, h, v->x, v->y, &reached, *iter,
+                                                    &v->lastdata, vertex);
+  if (!complete) {
+    detachhpvalue<T>(canvas, h, false);
+    if (canvaskernels::jobstopped<T>(canvas)) return nullptr;
+    if (reached < lower->iter) reached = lower->iter;
+    v->refiter = reached;
+    *iter = reached;
+    return nullptr;
+  }
+  h->iter = *iter;
+  // Right after the lower one. The count is the caller's alone: the chain
+  // keeps only its first checkpoint alive, and a later one leaves the chain
+  // with its last holder.
+  chaininsend(&lower->chain, &h->chain);
+  return h;
+}
+
+namespace {
+
+// The environment's checkpoint slot `k` (0 the oldest, at `oldinterpoliter2`;
+// 2 the newest, at `interpoliter`), made from the one before it or from the
+// environment's own checkpoints.
+template <typename T>
+CHPVALUE* environmentslot(typename T::CANVAS* canvas, const ENVIRONMENT* e, int k) {
+  CHPVALUE** slots[3] = {&canvas->oldenvironmenthpvalue2, &canvas->oldenvironmenthpvalue,
+                         &canvas->environmenthpvalue};
+  const ITER iters[3] = {canvas->oldinterpoliter2, canvas->oldinterpoliter,
+                         canvas->interpoliter};
+  if (*slots[k]) return *slots[k];
+  CHPVALUE* before = nullptr;
+  if (k > 0 && iters[k - 1] <= iters[k]) before = environmentslot<T>(canvas, e, k - 1);
+  CHPVALUE* h = addhpvalue<T>(canvas, false);
+  if (!h) return nullptr;
+  h->iter = iters[k];
+  bool made;
+  if (before) {
+    mpf_set(h->value[0], before->value[0]);
+    mpf_set(h->value[1], before->value[1]);
+    ITER reached = before->iter;
+    canvaskernels::calcitercanvashpex<T>(canvas, h, e->c->v[0], &reached, iters[k]);
+    made = reached == iters[k];
+  } else {
+    made = getenvironmenthpvalueraw(e, iters[k], h->value[0]);
+  }
+  if (!made) {
+    detachhpvalue<T>(canvas, h, false);
+    return nullptr;
+  }
+  *slots[k] = h;
+  return h;
+}
+
+}  // namespace
+
+template <typename T>
+CHPVALUE* getenvironmenthpvalue(typename T::CANVAS* canvas, ITER iter, int flag) {
+  const ENVIRONMENT* e = canvaskernels::jobenvironment<T>(canvas);
+  if (!e || !e->c) return nullptr;
+  int k;
+  if (iter == canvas->interpoliter) k = 2;
+  else if (iter == canvas->oldinterpoliter) k = 1;
+  else if (iter == canvas->oldinterpoliter2) k = 0;
+  else return nullptr;
+  CHPVALUE* h = environmentslot<T>(canvas, e, k);
+  if (h && flag) attachhpvalue<T>(h);
+  return h;
+}
+
 // ---------------------------------------------------------------- orbit states
 
 template <typename T>
@@ -199,13 +304,15 @@ void copyvalue(typename T::CANVAS* canvas, typename T::CVALUE* dst,
                const typename T::CVALUE* src) {
   // Counting the new holder first makes a copy onto itself harmless.
   if (src->hpvalue) attachhpvalue<T>(src->hpvalue);
-  detachhpvalue<T>(canvas, dst->hpvalue, false);
+  // A checkpoint off every chain is linked to itself, so leaving the chain
+  // is harmless for one that never joined.
+  detachhpvalue<T>(canvas, dst->hpvalue, true);
   *dst = *src;
 }
 
 template <typename T>
 void freevalue(typename T::CANVAS* canvas, typename T::CVALUE* value) {
-  detachhpvalue<T>(canvas, value->hpvalue, false);
+  detachhpvalue<T>(canvas, value->hpvalue, true);
   value->hpvalue = nullptr;
 }
 
@@ -241,10 +348,6 @@ int makeref(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value,
             [[maybe_unused]] int* limit) {
   typedef NUM<typename T::FLOAT> N;
   if ((value->flags & CV_RELATIVE) && value->ref == vertex) return 0;
-  // A start state needs the environment's checkpoint at its iteration,
-  // which only the high-precision iteration can make: it fails here as it
-  // would without that checkpoint.
-  if (!(value->flags & (CV_RELATIVE | CV_ABSOLUTE))) return 0;
   CHPVALUE* h = addhpvalue<T>(canvas, false);
   if (!h) return 0;
   h->iter = static_cast<ITER>(value->iter);
@@ -256,6 +359,16 @@ int makeref(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value,
     }
     mpf_add(h->value[0], h->value[0], value->hpvalue->value[0]);
     mpf_add(h->value[1], h->value[1], value->hpvalue->value[1]);
+  } else if (!(value->flags & CV_ABSOLUTE)) {
+    // The start state is a difference to the environment's orbit.
+    CHPVALUE* e = getenvironmenthpvalue<T>(canvas, static_cast<ITER>(value->iter), 1);
+    if (!e) {
+      detachhpvalue<T>(canvas, h, false);
+      return 0;
+    }
+    mpf_add(h->value[0], h->value[0], e->value[0]);
+    mpf_add(h->value[1], h->value[1], e->value[1]);
+    detachhpvalue<T>(canvas, e, false);
   }
 
   freevalue<T>(canvas, value);
@@ -267,12 +380,15 @@ int makeref(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value,
 
   typename T::CVERTEX* v = &canvas->v[vertex];
   // An earlier orbit of this vertex gives up its chain; its blocks stay for
-  // whoever still reads them until the canvas is reset.
+  // whoever still reads them until the canvas is reset. The chain holds a
+  // count on its first checkpoint only; the others belong to their holders.
+  bool first = true;
   while (!chainempty(&v->hpvchain)) {
     CHPVALUE* old = CHAINRECORD(v->hpvchain.next, CHPVALUE, chain);
     chainrem(&old->chain);
     initchain(&old->chain);
-    detachhpvalue<T>(canvas, old, false);
+    if (first) detachhpvalue<T>(canvas, old, false);
+    first = false;
   }
   v->refiter = 0;
   chaininsend(&v->hpvchain, &h->chain);
@@ -282,9 +398,11 @@ int makeref(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value,
   v->firstdata = b;
   v->lastdata = b;
   value->data = b;
+  // Without a first block no neighbour could read the new orbit.
+  if (b == -1) return 0;
 
   newref<T>(canvas, vertex);
-  return value->data != -1;
+  return 1;
 }
 
 template <typename T>
@@ -327,7 +445,7 @@ void newref(typename T::CANVAS* canvas, int self) {
                             static_cast<long>(canvas->data[b].iter) + CDATAGRAN - 1)
         b = canvas->data[b].next;
       attachhpvalue<T>(to);
-      detachhpvalue<T>(canvas, st->hpvalue, false);
+      detachhpvalue<T>(canvas, st->hpvalue, true);
       st->hpvalue = to;
       st->data = b;
       st->ref = self;
@@ -366,6 +484,8 @@ template void __transvalue<CANVASTEMPLATE_float>(CANVASTEMPLATE_float::COMPLEX*,
                                 const CHPVALUE*);
 template int makeref<CANVASTEMPLATE_float>(CANVAS_float*, int, CVALUE_float*, int*);
 template void newref<CANVASTEMPLATE_float>(CANVAS_float*, int);
+template CHPVALUE* refgethpvalue<CANVASTEMPLATE_float>(CANVAS_float*, int, ITER*, int);
+template CHPVALUE* getenvironmenthpvalue<CANVASTEMPLATE_float>(CANVAS_float*, ITER, int);
 
 template int addcdata<CANVASTEMPLATE_double>(CANVAS_double*, ITER, int);
 template void removecdata<CANVASTEMPLATE_double>(CANVAS_double*, int);
@@ -382,6 +502,8 @@ template void __transvalue<CANVASTEMPLATE_double>(CANVASTEMPLATE_double::COMPLEX
                                 const CHPVALUE*);
 template int makeref<CANVASTEMPLATE_double>(CANVAS_double*, int, CVALUE_double*, int*);
 template void newref<CANVASTEMPLATE_double>(CANVAS_double*, int);
+template CHPVALUE* refgethpvalue<CANVASTEMPLATE_double>(CANVAS_double*, int, ITER*, int);
+template CHPVALUE* getenvironmenthpvalue<CANVASTEMPLATE_double>(CANVAS_double*, ITER, int);
 
 template int addcdata<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, ITER, int);
 template void removecdata<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, int);
@@ -398,6 +520,8 @@ template void __transvalue<CANVASTEMPLATE_longdouble>(CANVASTEMPLATE_longdouble:
                                 const CHPVALUE*);
 template int makeref<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, int, CVALUE_longdouble*, int*);
 template void newref<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, int);
+template CHPVALUE* refgethpvalue<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, int, ITER*, int);
+template CHPVALUE* getenvironmenthpvalue<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, ITER, int);
 
 template int addcdata<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, ITER, int);
 template void removecdata<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, int);
@@ -414,5 +538,7 @@ template void __transvalue<CANVASTEMPLATE_hfloat>(CANVASTEMPLATE_hfloat::COMPLEX
                                 const CHPVALUE*);
 template int makeref<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, int, CVALUE_hfloat*, int*);
 template void newref<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, int);
+template CHPVALUE* refgethpvalue<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, int, ITER*, int);
+template CHPVALUE* getenvironmenthpvalue<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, ITER, int);
 
 }  // namespace canvasmodel

@@ -5,11 +5,6 @@
 #include "envhp.h"
 #include "refiter_internal.h"
 
-// The orbit points at full precision come from the checkpoint code. Until it
-// is linked in, the reference is weak: its address is then null, and a run
-// that needs it reports a precision failure instead of failing to link.
-#pragma weak getenvironmenthpvalueraw
-
 using namespace refiter;
 
 namespace {
@@ -60,7 +55,6 @@ struct HPZ {
 
 // The reference point at `iter` plus the deviation, into h.z.
 bool startfromreference(HPZ& h, ENVIRONMENT* e, ITER iter, HFLOATCOMPLEX delta) {
-  if (&getenvironmenthpvalueraw == nullptr) return false;
   if (!getenvironmenthpvalueraw(e, iter, h.z)) return false;
   mpf_t d[2];
   mpf_init2(d[0], mpf_get_prec(h.t));

@@ -45,6 +45,29 @@ template <typename T> int calciterjuliaref(OVCONTEXT* context, ORVANTA_KERNELARG
 template <typename T> int calciterjulianonsat(OVCONTEXT* context, ORVANTA_KERNELARGS);
 template <typename T> int calciterjuliasat(OVCONTEXT* context, ORVANTA_KERNELARGS);
 
+// The hyperbolic realm: reduces the disc point *z (derivative *d) to the
+// fundamental domain of the modular group; `iter` counts the steps.
+template <typename T>
+int calcitercanvashyperbolic(int x, int y, typename T::COMPLEX* z, typename T::COMPLEX* d,
+                             typename T::CVALUE* cvalue, ITER maxiter);
+
+// The reference orbit of grid point (x, y) in mpf, from the checkpoint `hp`
+// at *iter up to `maxiter`: each sample goes to the orbit blocks through
+// `cursor` (owner `ref`). The orbit is followed to |z|^2 >= 5, past the
+// escape radius, so that neighbours still inside find samples. On return
+// *iter is the last sample written and `hp` holds z there; returns 1 when
+// `maxiter` was reached, 0 when the orbit ended, the block pool ran out
+// (then *iter is one below the sample that found no block, and `hp` is
+// past it) or the job stopped.
+template <typename T>
+int calcitercanvashp(typename T::CANVAS* canvas, CHPVALUE* hp, int x, int y, ITER* iter,
+                     ITER maxiter, int* cursor, int ref);
+// The same loop for the environment's orbit at parameter `c` (an mpf pair):
+// no samples. Returns 1 when `maxiter` was reached.
+template <typename T>
+int calcitercanvashpex(typename T::CANVAS* canvas, CHPVALUE* hp, mpf_srcptr c, ITER* iter,
+                       ITER maxiter);
+
 // Mandelbrot and general realms: a state after its start goes on absolutely
 // or against its reference; a start state over an environment goes to the
 // environment's kernel; otherwise the plain kernel (the fast one under
@@ -80,6 +103,9 @@ ORVANTA_KERNELNAME(calciterjuliaabsolute)
 ORVANTA_KERNELNAME(calciterjuliaref)
 ORVANTA_KERNELNAME(calciterjulianonsat)
 ORVANTA_KERNELNAME(calciterjuliasat)
+ORVANTA_KERNELNAME(calcitercanvashyperbolic)
+ORVANTA_KERNELNAME(calcitercanvashp)
+ORVANTA_KERNELNAME(calcitercanvashpex)
 ORVANTA_KERNELNAME(calcitercanvas0general)
 ORVANTA_KERNELNAME(calcitercanvas0julia)
 

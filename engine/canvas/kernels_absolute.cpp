@@ -14,7 +14,7 @@ int calciterabsolute(typename T::CANVAS* canvas, int x, int y, [[maybe_unused]] 
   typedef canvasmodel::NUM<typename T::FLOAT> N;
   typedef typename T::FLOAT FLOAT;
   typedef typename T::COMPLEX COMPLEX;
-  const COMPLEX c = N::cadd(canvas->cf, gridoffset<T>(canvas, x, y));
+  const COMPLEX c = absolutec<T>(canvas, x, y);
   const FLOAT B = forced ? N::max() : canvas->dbound;
   const FLOAT D = N::fromHF(canvas->dfactor);
   const COMPLEX DC = N::creal(D);
@@ -53,7 +53,7 @@ int calciterabsolutefast(typename T::CANVAS* canvas, int x, int y, [[maybe_unuse
   typedef canvasmodel::NUM<typename T::FLOAT> N;
   typedef typename T::FLOAT FLOAT;
   typedef typename T::COMPLEX COMPLEX;
-  const COMPLEX c = N::cadd(canvas->cf, gridoffset<T>(canvas, x, y));
+  const COMPLEX c = absolutec<T>(canvas, x, y);
   const UITER limit = static_cast<UITER>(maxiter);
 
   UITER iter = cvalue->iter;

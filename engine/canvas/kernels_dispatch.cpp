@@ -1,20 +1,10 @@
 // canvas/kernels_dispatch.cpp: which kernel goes on with a state.
 #include "canvas/kernels.h"
 
+#include "canvas/kernelsupport.h"
 #include "environment.h"
 
 namespace canvaskernels {
-
-namespace {
-
-// The environment the job computes against, or null.
-template <typename T>
-const ENVIRONMENT* jobenvironment(const typename T::CANVAS* canvas) {
-  if (!canvas->__worker) return nullptr;
-  return static_cast<const ENVIRONMENT*>(canvas->__worker->pdata[JOB_ENVIRONMENT]);
-}
-
-}  // namespace
 
 template <typename T>
 int calcitercanvas0general(typename T::CANVAS* canvas, int x, int y, int self,

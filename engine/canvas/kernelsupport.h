@@ -2,6 +2,11 @@
 // kernel files.
 #pragma once
 
+#include <gmp.h>
+
+#include <type_traits>
+
+#include "../environment.h"
 #include "model.h"
 
 namespace canvaskernels {
@@ -30,6 +35,109 @@ inline void storestate(typename T::CVALUE* cvalue, UITER iter, typename T::COMPL
   cvalue->value = z;
   cvalue->d = d;
   cvalue->flags = flags;
+}
+
+// ---------------------------------------------------------------- parts and products
+
+template <typename T>
+inline typename T::FLOAT re(typename T::COMPLEX z) {
+  if constexpr (std::is_same_v<typename T::FLOAT, HFLOAT>) return crealHF(z);
+  else return z.real();
+}
+template <typename T>
+inline typename T::FLOAT im(typename T::COMPLEX z) {
+  if constexpr (std::is_same_v<typename T::FLOAT, HFLOAT>) return cimagHF(z);
+  else return z.imag();
+}
+template <typename T>
+inline typename T::COMPLEX cmake(typename T::FLOAT x, typename T::FLOAT y) {
+  if constexpr (std::is_same_v<typename T::FLOAT, HFLOAT>) return cHF(x, y);
+  else return typename T::COMPLEX(x, y);
+}
+
+// The square and |z|^2 from the same two products.
+template <typename T>
+inline typename T::COMPLEX csqrlen(typename T::COMPLEX z, typename T::FLOAT* len) {
+  if constexpr (std::is_same_v<typename T::FLOAT, HFLOAT>) return csqrlenHF(z, len);
+  else return csqrlenT(z, len);
+}
+
+// A complex value from an mpf pair, part by part.
+template <typename T>
+inline typename T::COMPLEX cfrommpf(mpf_srcptr x, mpf_srcptr y) {
+  typedef canvasmodel::NUM<typename T::FLOAT> N;
+  return cmake<T>(N::frommpf(x), N::frommpf(y));
+}
+
+// |X + delta|^2 - 4 >= 0, from the margin a = 4 - |X|^2 of the sample:
+// |delta|^2 - a + 2 Re(conj(X) delta), free of the cancellation in |X + delta|^2.
+template <typename T>
+inline bool exactescape(typename T::COMPLEX X, typename T::FLOAT a, typename T::COMPLEX delta,
+                        typename T::FLOAT deltalen) {
+  typedef canvasmodel::NUM<typename T::FLOAT> N;
+  typename T::FLOAT cross = N::add(N::mul(re<T>(X), re<T>(delta)), N::mul(im<T>(X), im<T>(delta)));
+  typename T::FLOAT s = N::add(N::sub(deltalen, a), N::add(cross, cross));
+  return !N::negative(s);
+}
+
+// ---------------------------------------------------------------- the job
+
+// The environment the job computes against, or null.
+template <typename T>
+inline const ENVIRONMENT* jobenvironment(const typename T::CANVAS* canvas) {
+  if (!canvas->__worker) return nullptr;
+  return static_cast<const ENVIRONMENT*>(canvas->__worker->pdata[JOB_ENVIRONMENT]);
+}
+
+// The Julia parameter of the job, as an mpf pair, or null.
+inline const HPVALUE* jobjulia(const WORKER* worker) {
+  if (!worker) return nullptr;
+  return static_cast<const HPVALUE*>(worker->pdata[JOB_JULIA]);
+}
+
+// The canvas origin relative to the environment's point: kept as `cr` in the
+// general realm, taken in mpf elsewhere.
+template <typename T>
+inline typename T::COMPLEX envorigin(typename T::CANVAS* canvas, const ENVIRONMENT* e) {
+  if ((canvas->flags & CF_GENERAL) || !e || !e->c) return canvas->cr;
+  mpf_sub(canvas->dummyvalue, canvas->c[0], e->c->v[0]);
+  mpf_sub(canvas->dummysmall, canvas->c[1], e->c->v[1]);
+  return cfrommpf<T>(canvas->dummyvalue, canvas->dummysmall);
+}
+
+// The absolute parameter of grid point (x, y). In the general realm `cf` is
+// relative to the environment, whose point is added back.
+template <typename T>
+inline typename T::COMPLEX absolutec(const typename T::CANVAS* canvas, int x, int y) {
+  typedef canvasmodel::NUM<typename T::FLOAT> N;
+  typename T::COMPLEX c = N::cadd(canvas->cf, gridoffset<T>(canvas, x, y));
+  if (canvas->flags & CF_GENERAL) {
+    if (const ENVIRONMENT* e = jobenvironment<T>(canvas)) c = N::cadd(N::cfromHF(e->cf), c);
+  }
+  return c;
+}
+
+// Sample k of the environment's orbit in the format: the hfloat canvas reads
+// the wide array, the others the double one.
+template <typename T>
+inline void envsample(const ENVIRONMENT* e, UITER k, typename T::COMPLEX* X,
+                      typename T::FLOAT* a) {
+  typedef canvasmodel::NUM<typename T::FLOAT> N;
+  if constexpr (std::is_same_v<typename T::FLOAT, HFLOAT>) {
+    *X = e->refdatah[k].value;
+    *a = e->refdatah[k].a;
+  } else {
+    const REFDATAD& r = e->refdatad[k];
+    *X = cmake<T>(static_cast<typename T::FLOAT>(r.value.real()),
+                  static_cast<typename T::FLOAT>(r.value.imag()));
+    *a = N::fromd(r.a);
+  }
+}
+
+// The escape radius's cheap gate: the exact test runs only behind it.
+template <typename T>
+inline typename T::FLOAT nearfour() {
+  return canvasmodel::NUM<typename T::FLOAT>::fromd(3.999999);
 }
 
 }  // namespace canvaskernels

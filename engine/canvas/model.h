@@ -8,9 +8,8 @@
 // Threads. Everything here runs on the worker thread that owns the canvas;
 // nothing is shared but the job's `stop` flag, which none of these read.
 //
-// Not here yet: `refgethpvalue` and `getenvironmenthpvalue` advance an orbit
-// with the high-precision kernel, and the Julia start from a bypass frame
-// evaluates the Julia stack's series; they come with those parts.
+// Not here yet: the Julia start from a bypass frame evaluates the Julia
+// stack's series; it comes with that part.
 #pragma once
 
 #include <gmp.h>
@@ -182,6 +181,22 @@ void detachhpvalue(typename T::CANVAS* canvas, CHPVALUE* value, bool chained);
 template <typename T>
 void refdetachhpvalue(typename T::CANVAS* canvas, int vertex, CHPVALUE* value);
 
+// The checkpoint of reference vertex `vertex`'s orbit at *iter, counted for
+// the caller. With `flag` set a missing one is made, the orbit being run
+// forward in mpf from the nearest lower checkpoint; without it only an
+// existing one is returned. Null when the orbit ends before *iter (then
+// *iter is where it ends, also kept in the vertex's `refiter`), when a pool
+// is exhausted (then *iter is the highest checkpoint below) or when the job
+// was stopped meanwhile.
+template <typename T>
+CHPVALUE* refgethpvalue(typename T::CANVAS* canvas, int vertex, ITER* iter, int flag);
+// The environment's orbit at `iter`, which must be one of `interpoliter`,
+// `oldinterpoliter`, `oldinterpoliter2`; the three are made lazily, each from
+// the one before. With `flag` set the caller receives a count of its own.
+// Null when `iter` is none of them or the orbit cannot be had there.
+template <typename T>
+CHPVALUE* getenvironmenthpvalue(typename T::CANVAS* canvas, ITER iter, int flag);
+
 template <typename T>
 void copyvalue(typename T::CANVAS* canvas, typename T::CVALUE* dst, const typename T::CVALUE* src);
 template <typename T>
@@ -254,6 +269,16 @@ inline constexpr auto& refdetachhpvalue_float = canvasmodel::refdetachhpvalue<CA
 inline constexpr auto& refdetachhpvalue_double = canvasmodel::refdetachhpvalue<CANVASTEMPLATE_double>;
 inline constexpr auto& refdetachhpvalue_longdouble = canvasmodel::refdetachhpvalue<CANVASTEMPLATE_longdouble>;
 inline constexpr auto& refdetachhpvalue_hfloat = canvasmodel::refdetachhpvalue<CANVASTEMPLATE_hfloat>;
+
+inline constexpr auto& refgethpvalue_float = canvasmodel::refgethpvalue<CANVASTEMPLATE_float>;
+inline constexpr auto& refgethpvalue_double = canvasmodel::refgethpvalue<CANVASTEMPLATE_double>;
+inline constexpr auto& refgethpvalue_longdouble = canvasmodel::refgethpvalue<CANVASTEMPLATE_longdouble>;
+inline constexpr auto& refgethpvalue_hfloat = canvasmodel::refgethpvalue<CANVASTEMPLATE_hfloat>;
+
+inline constexpr auto& getenvironmenthpvalue_float = canvasmodel::getenvironmenthpvalue<CANVASTEMPLATE_float>;
+inline constexpr auto& getenvironmenthpvalue_double = canvasmodel::getenvironmenthpvalue<CANVASTEMPLATE_double>;
+inline constexpr auto& getenvironmenthpvalue_longdouble = canvasmodel::getenvironmenthpvalue<CANVASTEMPLATE_longdouble>;
+inline constexpr auto& getenvironmenthpvalue_hfloat = canvasmodel::getenvironmenthpvalue<CANVASTEMPLATE_hfloat>;
 
 inline constexpr auto& copyvalue_float = canvasmodel::copyvalue<CANVASTEMPLATE_float>;
 inline constexpr auto& copyvalue_double = canvasmodel::copyvalue<CANVASTEMPLATE_double>;

@@ -1,0 +1,276 @@
+// canvas/kernels_general.cpp: the kernels of a start state, which follow a
+// difference to the environment's stored orbit: `calcitergeneralnonsat` and
+// `calcitergeneralsat` for the Mandelbrot recurrence, `calciterjulianonsat`
+// and `calciterjuliasat` for the Julia one. Over a satellite environment the
+// orbit is periodic and whole periods are passed at once by its series.
+#include "canvas/kernels_perturb.h"
+
+namespace canvaskernels {
+
+namespace {
+
+template <typename T, bool JULIA>
+int absolutekernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int self,
+                   typename T::CVALUE* cvalue, ITER maxiter, int* ii, bool forced, int idepth) {
+  if constexpr (JULIA)
+    return calciterjuliaabsolute<T>(context, canvas, x, y, self, cvalue, maxiter, ii, forced,
+                                    idepth);
+  else
+    return calciterabsolute<T>(canvas, x, y, self, cvalue, maxiter, ii, forced, idepth);
+}
+
+// ---------------------------------------------------------------- the period jump
+//
+// The normalised series of one period says t1 T(dz, dc) = sum taylor[i + 7j]
+// u^i v^j with u = t1^2 dz and v = scalec dc (t1 = scalez), where T is the
+// difference after n iterations of a start difference dz of z_1 (without the
+// parameter part) under a parameter difference dc. At a multiple of the
+// period the reference stands at 0, the state's delta is z itself, and
+// dz = delta^2. The jump is taken only when the last row and the last column
+// of the table, at this u and v, are below `JUMPTOLERANCE` of the result:
+// the terms left out are smaller still.
+
+constexpr double JUMPTOLERANCE2 = 0x1p-100;  // squared: 2^-50 relative
+
+struct JUMP {
+  HFLOATCOMPLEX delta;
+  HFLOATCOMPLEX d;
+  HFLOAT Z;
+};
+
+// Sum of the coefficients row i (or column j, by the strides) in powers of w.
+inline HFLOATCOMPLEX horner(const HFLOATCOMPLEX* t, int stride, HFLOATCOMPLEX w) {
+  HFLOATCOMPLEX s = t[6 * stride];
+  for (int k = 5; k >= 0; k--) s = caddHF(cmulHF(s, w), t[k * stride]);
+  return s;
+}
+
+// Its derivative in w.
+inline HFLOATCOMPLEX hornerprime(const HFLOATCOMPLEX* t, int stride, HFLOATCOMPLEX w) {
+  HFLOATCOMPLEX s = cmulHF2(t[6 * stride], HFd(6.0));
+  for (int k = 5; k >= 1; k--) s = caddHF(cmulHF(s, w), cmulHF2(t[k * stride], HFd(k)));
+  return s;
+}
+
+inline bool below(HFLOAT a, HFLOAT b) { return subHF(a, b).mantissa < 0; }
+
+// One whole period from a multiple of it; false when the series is not
+// trusted here. `v` is scalec * dc (0 for Julia); `D2` is `dfactor2`.
+template <bool JULIA>
+bool periodjump(const ENVIRONMENT* e, HFLOATCOMPLEX delta, HFLOATCOMPLEX v, HFLOATCOMPLEX d,
+                HFLOAT Z, HFLOATCOMPLEX D2, JUMP* out) {
+  const HFLOATCOMPLEX t1 = e->scalez;
+  const HFLOATCOMPLEX u = cmulHF(cmulHF(t1, t1), csqrHF(delta));
+  if (!below(cabsHFs(u), ONEH) || !below(cabsHFs(v), ONEH)) return false;
+  HFLOATCOMPLEX row[NTAYLORDEGREE], rowv[NTAYLORDEGREE];
+  for (int i = 0; i < NTAYLORDEGREE; i++) {
+    row[i] = horner(e->taylor + i, NTAYLORDEGREE, v);
+    rowv[i] = hornerprime(e->taylor + i, NTAYLORDEGREE, v);
+  }
+  HFLOATCOMPLEX P = horner(row, 1, u);
+  HFLOATCOMPLEX Pu = hornerprime(row, 1, u);
+  HFLOATCOMPLEX Pv = horner(rowv, 1, u);
+  // The last row at u^6, the last column at v^6.
+  HFLOATCOMPLEX u2 = csqrHF(u);
+  HFLOATCOMPLEX u6 = cmulHF(csqrHF(u2), u2);
+  HFLOATCOMPLEX v2 = csqrHF(v);
+  HFLOATCOMPLEX v6 = cmulHF(csqrHF(v2), v2);
+  HFLOATCOMPLEX lastrow = cmulHF(row[6], u6);
+  HFLOATCOMPLEX lastcolumn = cmulHF(horner(e->taylor + 6 * NTAYLORDEGREE, 1, u), v6);
+  HFLOAT limit = mulHF(cabsHFs(P), HFd(JUMPTOLERANCE2));
+  if (!below(cabsHFs(lastrow), limit) && cabsHFs(lastrow).mantissa != 0) return false;
+  if (!below(cabsHFs(lastcolumn), limit) && cabsHFs(lastcolumn).mantissa != 0) return false;
+  out->delta = cdivHF(P, t1);
+  // d(delta')/d(delta) = t1 Pu 2 delta; d(delta')/dc = Pv scalec / t1.
+  HFLOATCOMPLEX ddelta = cmulHF(cmulHF(t1, Pu), cldexpHF(delta, 1));
+  if (delta.mantissax == 0 && delta.mantissay == 0) ddelta = CZEROH;
+  out->d = cmulHF(ddelta, d);
+  if constexpr (!JULIA) out->d = caddHF(out->d, cmulHF(Pv, D2));
+  out->Z = addHF(mulHF(cabsHFs(ddelta), Z), cabsHFs(out->delta));
+  return true;
+}
+
+// ---------------------------------------------------------------- the cubic start
+
+// The job's cubic at dc: the state at `interpoliter`, unless its start
+// point is already outside.
+template <typename T>
+void cubicstart(typename T::CANVAS* canvas, const ENVIRONMENT* e, typename T::COMPLEX dc,
+                typename T::CVALUE* cvalue, ITER* maxiter, const KERNELCONST<T>& k) {
+  typedef canvasmodel::NUM<typename T::FLOAT> N;
+  const WORKER* w = canvas->__worker;
+  if (!w || !(canvas->flags & CF_GLOBALINTERPOL)) return;
+  ITER ip = w->idata[JOB_INTERPOLITER];
+  if (ip <= 0 || static_cast<UITER>(ip) <= cvalue->iter || static_cast<UITER>(ip) > e->n) return;
+  const HFLOATCOMPLEX* t = &w->hdata[JOB_INTERPOLTAYLOR];
+  HFLOATCOMPLEX x = N::ctoHF(dc);
+  HFLOATCOMPLEX value = caddHF(cmulHF(caddHF(cmulHF(caddHF(cmulHF(t[3], x), t[2]), x), t[1]), x), t[0]);
+  HFLOATCOMPLEX slope = caddHF(
+      cmulHF(caddHF(cmulHF(cmulHF2(t[3], HFd(3.0)), x), cmulHF2(t[2], HFd(2.0))), x), t[1]);
+  typename T::COMPLEX delta = N::cfromHF(value);
+  typename T::COMPLEX X;
+  typename T::FLOAT a;
+  envsample<T>(e, static_cast<UITER>(ip), &X, &a);
+  typename T::FLOAT dl = N::abss(delta);
+  bool escaped = N::less(k.near4, N::abss(N::cadd(X, delta))) && exactescape<T>(X, a, delta, dl);
+  if (!escaped) {
+    if (ip > *maxiter) return;
+    cvalue->iter = static_cast<UITER>(ip);
+    cvalue->value = delta;
+    cvalue->d = N::cfromHF(cmulHF2(slope, canvas->dfactor));
+    cvalue->Z = N::zero();
+  } else if (ip > *maxiter) {
+    // Followed to its true escape, past the series' reach.
+    *maxiter = ip;
+  }
+}
+
+}  // namespace
+
+template <typename T, bool JULIA, bool SAT>
+int envkernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int self,
+              typename T::CVALUE* cvalue, ITER maxiter, int* ii, bool forced, int idepth) {
+  typedef canvasmodel::NUM<typename T::FLOAT> N;
+  typedef typename T::COMPLEX COMPLEX;
+  typedef typename T::FLOAT FLOAT;
+  const ENVIRONMENT* e = jobenvironment<T>(canvas);
+  const bool haveorbit = e && e->n > 0 &&
+                         (std::is_same_v<FLOAT, HFLOAT> ? e->refdatah != nullptr
+                                                        : e->refdatad != nullptr);
+  const KERNELCONST<T> k(canvas, forced, JULIA);
+  if (!haveorbit) {
+    // Without an orbit the difference to it is z itself.
+    cvalue->flags = CV_ABSOLUTE;
+    return absolutekernel<T, JULIA>(context, canvas, x, y, self, cvalue, maxiter, ii, forced,
+                                    idepth);
+  }
+  const UITER period = e->n;
+  const COMPLEX dc = JULIA ? N::czero() : N::cadd(envorigin<T>(canvas, e), gridoffset<T>(canvas, x, y));
+  if constexpr (!JULIA) cubicstart<T>(canvas, e, dc, cvalue, &maxiter, k);
+
+  UITER n = cvalue->iter;
+  COMPLEX X;
+  FLOAT a;
+  if (!SAT && n >= period) {
+    if (n == period) {
+      envsample<T>(e, n, &X, &a);
+      cvalue->value = N::cadd(X, cvalue->value);
+    }
+    cvalue->flags = CV_ABSOLUTE;
+    return absolutekernel<T, JULIA>(context, canvas, x, y, self, cvalue, maxiter, ii, forced,
+                                    idepth);
+  }
+  const bool testprecision = (canvas->flags & CF_HPCORRECT) != 0;
+  const UITER end = static_cast<UITER>(maxiter);
+  UITER j = SAT ? n % period : n;  // the sample's index
+  envsample<T>(e, j, &X, &a);
+  PERTURB<T> p, q;
+  p.start(X, cvalue->value, cvalue->d, cvalue->Z);
+  HFLOATCOMPLEX v = CZEROH;
+  if constexpr (SAT && !JULIA) v = cmulHF(e->scalec, N::ctoHF(dc));
+  while (n < end) {
+    if (k.pastbound(p.d, p.L)) {
+      cvalue->Z = p.Z;
+      storestate<T>(cvalue, n, p.z, p.d, CV_ABSOLUTE);
+      return CALC_BOUND;
+    }
+    if constexpr (SAT) {
+      JUMP jp;
+      if (j == 0 && end - n >= period &&
+          periodjump<JULIA>(e, N::ctoHF(p.delta), v, N::ctoHF(p.d), N::toHF(p.Z),
+                            canvas->dfactor2, &jp)) {
+        UITER n1 = n + period;
+        p.start(X, N::cfromHF(jp.delta), N::cfromHF(jp.d), N::fromHF(jp.Z));
+        // The stop flag is polled as for the iterations passed.
+        bool crossed = (n1 >> 8) != (n >> 8);
+        n = n1;
+        if (crossed && jobstopped<T>(canvas)) return CALC_MORE;
+        continue;
+      }
+    }
+    UITER j1 = j + 1;
+    if (SAT && j1 == period) j1 = 0;
+    COMPLEX X1;
+    FLOAT a1;
+    envsample<T>(e, j1, &X1, &a1);
+    int r = p.template step<JULIA>(k, X, X1, a1, dc, testprecision, &q);
+    if (r == STEP_ESCAPED) {
+      storestate<T>(cvalue, n, p.z, p.d, CV_ABSOLUTE | CV_ESCAPED);
+      return CALC_DONE;
+    }
+    if (r == STEP_TRAPPED) {
+      storestate<T>(cvalue, n + 1, q.z, q.d, CV_INFTY | CV_ESCAPED);
+      return CALC_DONE;
+    }
+    if (r == STEP_PRECISION) {
+      int f = precisionfailure<T, JULIA>(context, canvas, x, y, self, cvalue, maxiter, ii, forced,
+                                         idepth, nullptr, n, p.z, p.d);
+      if (f >= 0) return f;
+    }
+    p = q;
+    X = X1;
+    j = j1;
+    n++;
+    if ((n & 255) == 0 && jobstopped<T>(canvas)) return CALC_MORE;
+    if (!SAT && n == period) {
+      // The environment's orbit ends here: absolute from now on.
+      cvalue->Z = p.Z;
+      storestate<T>(cvalue, n, p.z, p.d, CV_ABSOLUTE);
+      return absolutekernel<T, JULIA>(context, canvas, x, y, self, cvalue, maxiter, ii, forced,
+                                      idepth);
+    }
+  }
+  cvalue->iter = n;
+  cvalue->value = p.delta;
+  cvalue->d = p.d;
+  cvalue->Z = p.Z;
+  return CALC_MORE;
+}
+
+template <typename T>
+int calcitergeneralnonsat(typename T::CANVAS* canvas, int x, int y, int self,
+                          typename T::CVALUE* cvalue, ITER maxiter, int* ii, bool forced,
+                          int idepth) {
+  return envkernel<T, false, false>(nullptr, canvas, x, y, self, cvalue, maxiter, ii, forced,
+                                    idepth);
+}
+
+template <typename T>
+int calcitergeneralsat(typename T::CANVAS* canvas, int x, int y, int self,
+                       typename T::CVALUE* cvalue, ITER maxiter, int* ii, bool forced,
+                       int idepth) {
+  return envkernel<T, false, true>(nullptr, canvas, x, y, self, cvalue, maxiter, ii, forced,
+                                   idepth);
+}
+
+template <typename T>
+int calciterjulianonsat(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int self,
+                        typename T::CVALUE* cvalue, ITER maxiter, int* ii, bool forced,
+                        int idepth) {
+  return envkernel<T, true, false>(context, canvas, x, y, self, cvalue, maxiter, ii, forced,
+                                   idepth);
+}
+
+template <typename T>
+int calciterjuliasat(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int self,
+                     typename T::CVALUE* cvalue, ITER maxiter, int* ii, bool forced, int idepth) {
+  return envkernel<T, true, true>(context, canvas, x, y, self, cvalue, maxiter, ii, forced,
+                                  idepth);
+}
+
+#define ORVANTA_INSTANTIATE(T)                                                                 \
+  template int calcitergeneralnonsat<T>(T::CANVAS*, int, int, int, T::CVALUE*, ITER, int*,    \
+                                        bool, int);                                            \
+  template int calcitergeneralsat<T>(T::CANVAS*, int, int, int, T::CVALUE*, ITER, int*, bool, \
+                                     int);                                                     \
+  template int calciterjulianonsat<T>(OVCONTEXT*, T::CANVAS*, int, int, int, T::CVALUE*, ITER, \
+                                      int*, bool, int);                                        \
+  template int calciterjuliasat<T>(OVCONTEXT*, T::CANVAS*, int, int, int, T::CVALUE*, ITER,    \
+                                   int*, bool, int);
+ORVANTA_INSTANTIATE(CANVASTEMPLATE_float)
+ORVANTA_INSTANTIATE(CANVASTEMPLATE_double)
+ORVANTA_INSTANTIATE(CANVASTEMPLATE_longdouble)
+ORVANTA_INSTANTIATE(CANVASTEMPLATE_hfloat)
+#undef ORVANTA_INSTANTIATE
+
+}  // namespace canvaskernels
