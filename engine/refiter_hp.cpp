@@ -55,7 +55,8 @@ struct HPZ {
 
 // The reference point at `iter` plus the deviation, into h.z.
 bool startfromreference(HPZ& h, ENVIRONMENT* e, ITER iter, HFLOATCOMPLEX delta) {
-  if (!getenvironmenthpvalueraw(e, iter, h.z)) return false;
+  // The pair is contiguous: z[1] follows z[0].
+  if (!getenvironmenthpvalueraw(e, iter, h.z[0])) return false;
   mpf_t d[2];
   mpf_init2(d[0], mpf_get_prec(h.t));
   mpf_init2(d[1], mpf_get_prec(h.t));
