@@ -48,8 +48,13 @@ constexpr int JOB_ORDER = 1;        // idata: polynomial order, prec + precoffse
 constexpr int JOB_DEPTH = 2;        // idata: the area's depth
 constexpr int JOB_DBOUND = 8;       // idata: -log2 of the derivative bound, -1 none
 constexpr int JOB_INTERPOLITER = 12;  // idata
-constexpr int JOB_JULIATRAP = 4;    // idata: < 0 when the Julia point has an attracting cycle
+// Julia realm: minus the period of the Julia point's attracting cycle, 0 when
+// it has none. The kernels' trap and the interior counts of the output read
+// the same slot.
+constexpr int JOB_ATTRACTOR = 4;    // idata
+constexpr int JOB_PREPIXELDEPTH = 10;  // idata: highest `depth` the job's PREPIXELs name
 constexpr int JOB_CT = 0;           // hdata: origin relative to the corner
+constexpr int JOB_JULIAPOINT = 1;   // hdata: the Julia parameter, rounded
 constexpr int JOB_TRAPCENTRE = 2;   // hdata: centre of the attractor trap
 constexpr int JOB_TRAPRADIUS = 3;   // hdata: its radius in the real part
 constexpr int JOB_INTERPOLTAYLOR = 4;  // hdata 4..7: the cubic t0..t3 at `interpoliter`
@@ -57,6 +62,9 @@ constexpr int JOB_AREA = 0;         // pdata: AREA*
 constexpr int JOB_CORNER = 1;       // pdata: HPVALUE*, the high-precision corner, or null
 constexpr int JOB_ENVIRONMENT = 2;  // pdata: ENVIRONMENT*, or null
 constexpr int JOB_JULIA = 3;        // pdata: HPVALUE*, the Julia parameter (Julia realm)
+constexpr int JOB_REALM = 4;        // pdata: REALM* whose Julia stack serves the job, or null
+constexpr int JOB_TEXTURE = 5;      // pdata 5..13: the locked tile of each channel, or null
+constexpr int JOB_AREAREALM = 14;   // pdata: the area's realm, held by the job
 
 // The number format of a job: CF_MODEPREC of its word, or by its depth when
 // that is 0. Returns the format's MODE (16, 32, 48, 64), or 0 after printing

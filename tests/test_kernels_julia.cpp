@@ -107,7 +107,7 @@ TEST(JuliaKernels, AttractorTrap) {
     c -= z / dz;
   }
   JULIATILE tile(-2, c.real(), c.imag());
-  tile.job.w.idata[JOB_JULIATRAP] = -3;
+  tile.job.w.idata[JOB_ATTRACTOR] = -3;
   tile.job.w.hdata[JOB_TRAPCENTRE] = CZEROH;
   tile.job.w.hdata[JOB_TRAPRADIUS] = cHFd(complexd(0.02, 0));
   TD::CANVAS* canvas = tile.init();
@@ -127,7 +127,7 @@ TEST(JuliaKernels, AttractorTrap) {
   }
   EXPECT_EQ(static_cast<int>(cv.iter), first);
   // Without the trap the same point runs to the limit.
-  tile.job.w.idata[JOB_JULIATRAP] = 0;
+  tile.job.w.idata[JOB_ATTRACTOR] = 0;
   cv.value = complexd(0.2, 0.1);
   cv.iter = 0;
   cv.flags = 0;

@@ -40,7 +40,7 @@ struct KERNELCONST {
     trapcentre = N::czero();
     trapradius = N::zero();
     const WORKER* w = canvas->__worker;
-    if (julia && w && w->idata[JOB_JULIATRAP] < 0) {
+    if (julia && w && w->idata[JOB_ATTRACTOR] < 0) {
       trap = true;
       trapcentre = N::cfromHF(w->hdata[JOB_TRAPCENTRE]);
       FLOAT r = N::fromHF(crealHF(w->hdata[JOB_TRAPRADIUS]));
