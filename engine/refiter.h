@@ -100,5 +100,5 @@ void calciterenvironmentextmp(OVCONTEXT* context, ITER maxiter, ITERINFO* info,
 
 // Squared distance estimates of an escaped orbit at z: to the Mandelbrot set
 // from dz/dc, to the Julia set from dz/dz_1: (|z| ln|z| / |dz|)^2.
-HFLOAT distm_hfloat(HFLOATCOMPLEX z, HFLOATCOMPLEX dzm);
-HFLOAT distj_hfloat(HFLOATCOMPLEX z, HFLOATCOMPLEX dzj);
+HFLOAT distmsquaredHF(HFLOATCOMPLEX z, HFLOATCOMPLEX dzm);
+HFLOAT distjsquaredHF(HFLOATCOMPLEX z, HFLOATCOMPLEX dzj);

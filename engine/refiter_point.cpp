@@ -285,15 +285,15 @@ void finishescape(ITERINFO* info, ITER iter, HFLOATCOMPLEX c, HFLOATCOMPLEX z, H
   info->z = z;
   info->dzm = dzm;
   info->dzj = dzj;
-  info->distm = distm_hfloat(z, dzm);
-  info->distj = distj_hfloat(z, dzj);
+  info->distm = distmsquaredHF(z, dzm);
+  info->distj = distjsquaredHF(z, dzj);
   info->d = rootHF(info->distm);
   info->dj = rootHF(info->distj);
 }
 
 }  // namespace refiter
 
-HFLOAT distm_hfloat(HFLOATCOMPLEX z, HFLOATCOMPLEX dzm) {
+HFLOAT distmsquaredHF(HFLOATCOMPLEX z, HFLOATCOMPLEX dzm) {
   HFLOAT L = cabsHFs(z);
   HFLOAT dd = cabsHFs(dzm);
   if (L.mantissa == 0) return ZEROH;
@@ -302,7 +302,7 @@ HFLOAT distm_hfloat(HFLOATCOMPLEX z, HFLOATCOMPLEX dzm) {
   return divHF(mulHF(L, mulHF(half, half)), dd);
 }
 
-HFLOAT distj_hfloat(HFLOATCOMPLEX z, HFLOATCOMPLEX dzj) { return distm_hfloat(z, dzj); }
+HFLOAT distjsquaredHF(HFLOATCOMPLEX z, HFLOATCOMPLEX dzj) { return distmsquaredHF(z, dzj); }
 
 bool calciterenvironment(OVCONTEXT*, ENVIRONMENT* e, int depth, HFLOATCOMPLEX c, ITER iter,
                          HFLOATCOMPLEX* value) {
