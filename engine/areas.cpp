@@ -119,8 +119,11 @@ void removea(OVCONTEXT* context, AREA* a) {
     removea(context, c);
     c = nullptr;
   }
-  // Tiles and PREPIXELS blocks are released here by the texture and Julia
-  // cache operations; no area can hold either before those exist.
+  // Each tile lets go of the area first: a list or a worker may hold it
+  // beyond the area's end, and it must not name a freed record then.
+  for (int i = 0; i < NCHANNELS; i++) droptexture(context, a, i);
+  // The PREPIXELS block is given back here by the Julia cache operations; no
+  // area can hold one before those exist.
   if (a->flags & A_INDELCHAIN) takeoffchain(context, a);
   detache(context, a->e);
   a->e = nullptr;
@@ -166,17 +169,23 @@ void subdivide(OVCONTEXT* context, AREA* a) {
 }
 
 void resetarea(OVCONTEXT* context, AREA* a, bool all) {
-  (void)context;
-  (void)all;
   if (a->flags & A_INPPPROGRAM) return;
   WORKER* worker = a->worker;
   if (worker) {
     atomicstore(&worker->stop, true);
     a->worker = nullptr;
   }
-  // The tiles (all of them, or the unfinished ones without `all`) and the
-  // PREPIXELS block are given back here by the texture and Julia cache
-  // operations; no area can hold either before those exist.
+  // All tiles, or without `all` those that never became drawable.
+  bool dropped = false;
+  for (int i = 0; i < NCHANNELS; i++) {
+    TEXTURE* t = a->texture[i];
+    if (!t || (!all && (t->flags & T_GLVALID))) continue;
+    droptexture(context, a, i);
+    dropped = true;
+  }
+  if (dropped) updatedelchain(context, a);
+  // The PREPIXELS block is given back here by the Julia cache operations; no
+  // area can hold one before those exist.
   if (a->flags & A_WAITFORJULIASTACK) {
     chainrem(&a->waitforjuliastack);
     initchain(&a->waitforjuliastack);
