@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 
 #include "Array.h"
 #include "mathext.h"
@@ -80,6 +81,9 @@ constexpr unsigned int VX_CALCULATED = 0x40000;
 // A vertex with any of these bits was iterated directly and may adopt a new
 // reference; only VX_CALCULATED has a name of its own.
 constexpr unsigned int VX_CALCULATEDMASK = 0x1C0000;
+// A kernel has run on the vertex in this job: counted once in the canvas's
+// `statvertices`.
+constexpr unsigned int VX_ITERATED = 0x200000;
 
 // ---------------------------------------------------------------- CANVAS.flags
 
@@ -237,6 +241,9 @@ struct CANVASLAYOUT {
   CANVASLAYOUT* next;
   unsigned int flags;  // CF_*, or 2 when free
   WORKER* __worker;
+  // The job's work: vertices that ran a kernel, iterations they advanced.
+  int64_t statvertices;
+  int64_t statiterations;
 };
 
 // Where the format's own members end.

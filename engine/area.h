@@ -74,6 +74,8 @@ struct AREA {
   uint32_t computecycle;
   HPVALUE* m;
   uint32_t itermax;
+  int64_t statvertices;    // the work that made the present tiles: vertices
+  int64_t statiterations;  // that ran a kernel and the iterations they took
   unsigned int channels;
   TEXTURE* texture[NCHANNELS];
   PREPIXELS* prepixels;
@@ -238,3 +240,17 @@ bool isvalid(OVCONTEXT* context, AREA* a);
 // The nearest ancestor (or `a` itself) with an `hpvalue`, and in `c` the
 // corner of `a` relative to that value's corner.
 HPVALUE* getcoordarel(AREA* a, HFLOATCOMPLEX* c);
+
+// ---------------------------------------------------------------- canvas jobs
+//
+// canvasjob.cpp. `processarea` and the returns run on the main thread,
+// `worker_canvas_calc` on a worker thread with that thread's canvas.
+
+// Starts a canvas job for `a` when one is due: a priority, no job yet, no
+// wait for the Julia stack, and tiles missing or of an older cycle. Always 1.
+bool processarea(OVCONTEXT* context, AREA* a);
+void worker_canvas_calc(OVCONTEXT* context, WORKER* worker);
+void worker_canvas_calc_return(OVCONTEXT* context, WORKER* worker);
+void worker_canvas_calc_fail(OVCONTEXT* context, WORKER* worker);
+// Gives back everything a canvas job holds, and the job itself.
+void freecanvascalcworker(OVCONTEXT* context, WORKER* worker);

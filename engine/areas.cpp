@@ -99,6 +99,8 @@ AREA* adda(OVCONTEXT* context, AREA* parent, int depth) {
   a->worker = nullptr;
   a->priority = -1;
   a->itermax = 0;
+  a->statvertices = 0;
+  a->statiterations = 0;
   a->jst = 0;
   initchain(&a->viewportchain);
   // Self-linked, so that taking the area off a chain it never joined is

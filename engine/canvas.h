@@ -52,6 +52,9 @@ constexpr int JOB_INTERPOLITER = 12;  // idata
 // it has none. The kernels' trap and the interior counts of the output read
 // the same slot.
 constexpr int JOB_ATTRACTOR = 4;    // idata
+constexpr int JOB_STATITERLOW = 5;   // idata: iterations the job's kernels advanced, low 32 bits
+constexpr int JOB_STATITERHIGH = 6;  // idata: the high 32 bits
+constexpr int JOB_STATVERTICES = 7;  // idata: vertices on which a kernel ran
 constexpr int JOB_PREPIXELDEPTH = 10;  // idata: highest `depth` the job's PREPIXELs name
 constexpr int JOB_CT = 0;           // hdata: origin relative to the corner
 constexpr int JOB_JULIAPOINT = 1;   // hdata: the Julia parameter, rounded

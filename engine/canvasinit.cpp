@@ -86,6 +86,8 @@ void initcanvas(OVCONTEXT* context, typename T::CANVAS* canvas, WORKER* worker, 
   canvas->oldenvironmenthpvalue2 = nullptr;
   canvas->next = nullptr;
   canvas->__worker = worker;
+  canvas->statvertices = 0;
+  canvas->statiterations = 0;
   canvas->__n = 0;
   canvas->flags = word | CF_ACTIVE;
   canvas->depth = depth;
@@ -177,18 +179,16 @@ void initcanvas(OVCONTEXT* context, typename T::CANVAS* canvas, WORKER* worker, 
     mpf_add(canvas->c[k], canvas->c[k], canvas->dummyvalue);
     if (corner) mpf_add(canvas->c[k], canvas->c[k], corner->v[k]);
   }
-  if (general) {
-    canvas->cf = N::czero();
-    canvas->cr = N::czero();
-    if (e && e->c) {
-      mpf_sub(canvas->dummyvalue, canvas->c[0], e->c->v[0]);
-      FLOAT rx = N::frommpf(canvas->dummyvalue);
-      mpf_sub(canvas->dummyvalue, canvas->c[1], e->c->v[1]);
-      FLOAT ry = N::frommpf(canvas->dummyvalue);
-      if constexpr (std::is_same_v<FLOAT, HFLOAT>) canvas->cr = cHF(rx, ry);
-      else canvas->cr = COMPLEX(rx, ry);
-      canvas->cf = canvas->cr;
-    }
+  // Over an environment the origin is kept relative to its point; without
+  // one (the Mandelbrot realm shares the general realm's bit) it is absolute.
+  if (general && e && e->c) {
+    mpf_sub(canvas->dummyvalue, canvas->c[0], e->c->v[0]);
+    FLOAT rx = N::frommpf(canvas->dummyvalue);
+    mpf_sub(canvas->dummyvalue, canvas->c[1], e->c->v[1]);
+    FLOAT ry = N::frommpf(canvas->dummyvalue);
+    if constexpr (std::is_same_v<FLOAT, HFLOAT>) canvas->cr = cHF(rx, ry);
+    else canvas->cr = COMPLEX(rx, ry);
+    canvas->cf = canvas->cr;
   } else {
     FLOAT fx = N::frommpf(canvas->c[0]);
     FLOAT fy = N::frommpf(canvas->c[1]);

@@ -155,8 +155,11 @@ int glworker_eventloop(OVCONTEXT* context, int* count) {
     if (t == 0) return false;
   } while (!atomiccompareandswapint(t, t - 1, &g->todo));
   WORKER* worker = static_cast<WORKER*>(atomicfifodequeue(&context->wworkergl, ONGLWORKER));
+  // Read before the call: the worker goes on to another thread, which may
+  // free its record before this one looks again.
+  bool stopped = atomicload(&worker->stop);
   worker->workerproc(context, worker);
-  if (count && !atomicload(&worker->stop)) (*count)++;
+  if (count && !stopped) (*count)++;
   return true;
 }
 

@@ -181,7 +181,10 @@ bool computetile(const TILEARGS& args, TILERESULT* result, std::string* error) {
     });
     result->ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
     onmain(context, [&](OVCONTEXT*) {
-      result->format = formatname(area->modeprec ? area->modeprec : 0);
+      unsigned int word = (realm->flags & R_PRECMASK) | (args.julia ? CF_JULIA : CF_GENERAL);
+      result->format = formatname(canvasformat(word, area->depth));
+      result->verticesiterated = area->statvertices;
+      result->iterations = area->statiterations;
       for (int ch = 0; ch < NCHANNELS; ch++) {
         if (!(channels >> ch & 1)) continue;
         const float* p = static_cast<const float*>(area->texture[ch]->pixels);

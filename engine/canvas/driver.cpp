@@ -8,6 +8,7 @@
 #include "canvas/interpol.h"
 #include "canvas/kernels.h"
 #include "canvas/period.h"
+#include "canvas/runkernel.h"
 #include "environment.h"
 
 namespace canvasdriver {
@@ -75,20 +76,6 @@ bool periodtestable(const typename T::CANVAS* canvas) {
   if (!(canvas->flags & CF_GENERAL) || !e) return true;
   if (e->flags & E_SERIES) return true;
   return (e->flags & E_PERIODIC) != 0;
-}
-
-// One run of the kernel that goes on with a vertex's state.
-template <typename T>
-int runkernel(OVCONTEXT* context, typename T::CANVAS* canvas, typename T::CVERTEX* vx,
-              typename T::CVALUE* value, ITER limit, int self, int idepth) {
-  if (canvas->flags & CF_JULIA)
-    return canvaskernels::calcitercanvas0julia<T>(context, canvas, vx->x, vx->y, self, value,
-                                                  limit, nullptr, false, idepth);
-  // joins calcitercanvashyperbolic: the hyperbolic realm has no kernel in
-  // this tree yet, and its vertices stay open.
-  if (canvas->flags & CF_HYPERBOLIC) return CALC_MORE;
-  return canvaskernels::calcitercanvas0general<T>(canvas, vx->x, vx->y, self, value, limit,
-                                                  nullptr, false, idepth);
 }
 
 template <typename T>

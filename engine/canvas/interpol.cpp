@@ -15,6 +15,7 @@
 
 #include "canvas/driver.h"
 #include "canvas/kernels.h"
+#include "canvas/runkernel.h"
 #include "environment.h"
 
 namespace canvasinterpol {
@@ -57,16 +58,6 @@ void cellcorners(int i, int w, int c[4]) {
   c[1] = i + w;
   c[2] = i + w * R + w;
   c[3] = i + w * R;
-}
-
-template <typename T>
-int runkernel(OVCONTEXT* context, typename T::CANVAS* canvas, typename T::CVERTEX* vx, ITER limit) {
-  if (canvas->flags & CF_JULIA)
-    return canvaskernels::calcitercanvas0julia<T>(context, canvas, vx->x, vx->y, vx->index,
-                                                  &vx->interpolv, limit, nullptr, false,
-                                                  vx->interpoldepth);
-  return canvaskernels::calcitercanvas0general<T>(canvas, vx->x, vx->y, vx->index, &vx->interpolv,
-                                                  limit, nullptr, false, vx->interpoldepth);
 }
 
 template <typename T>
@@ -389,7 +380,8 @@ void interpolcanvascalc(OVCONTEXT* context, typename T::CANVAS* canvas, typename
       if (iv->iter == static_cast<UITER>(canvas->oldinterpoliter2)) canvasmodel::copyvalue<T>(canvas, &vx->oldv2, iv);
       bool toold = static_cast<UITER>(canvas->oldinterpoliter) > iv->iter;
       ITER target = toold ? canvas->oldinterpoliter : canvas->interpoliter;
-      int r = runkernel<T>(context, canvas, vx, target);
+      int r = canvasdriver::runkernel<T>(context, canvas, vx, &vx->interpolv, target, vx->index,
+                                            vx->interpoldepth);
       if (r != CALC_MORE) {
         if (!(iv->flags & CV_INFTY) && static_cast<ITER>(iv->iter) > canvas->maxiter &&
             iv->iter <= static_cast<UITER>(NOLIMIT))
