@@ -126,10 +126,16 @@ TEST(CheckEnvironment, ASeriesThatReachesAPixelWithItsLastTermsIsRefused) {
   s.e->taylor[0 + 7 * 6] = huge();
   EXPECT_EQ(s.check(0, 1e-2 * r1), -6);
   s.e->taylor[0 + 7 * 6] = keep;
-  // A column above the depth reached is never read.
+  // A column above the depth reached is never read: column 5 is made one
+  // that needs its last term, and the depth is what it was.
+  HFLOATCOMPLEX keep1 = s.e->taylor[5 + 7];
   keep = s.e->taylor[5 + 7 * 6];
+  s.e->taylor[5 + 7] = CONEH;
   s.e->taylor[5 + 7 * 6] = huge();
+  HFLOATCOMPLEX zoom = cHF(HFd(1 / (1e-2 * r1)), ZEROH);
+  ASSERT_EQ(accurateprec(&s.e->taylor[5], 7, CZEROH, cdivHF(zoom, s.e->scalec), 7, 64), -1);
   EXPECT_EQ(s.check(0, 1e-2 * r1), ok);
+  s.e->taylor[5 + 7] = keep1;
   s.e->taylor[5 + 7 * 6] = keep;
   EXPECT_EQ(s.check(0, 1e-2 * r1), ok);
 }
