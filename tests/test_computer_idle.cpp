@@ -218,6 +218,7 @@ void checkorbit(Engine& e, mp_bitcnt_t bits, bool split) {
     EXPECT_TRUE(sameseries(g->hdata[0], ref.tj[n]));
     EXPECT_TRUE(sameseries(g->hdata[1], ref.tm[n]));
     EXPECT_EQ(g->idata[1], n);
+    EXPECT_EQ(g->idata[0], COMPUTER_NOESCAPE);  // no escape, nothing lowered it
     EXPECT_EQ(g->stop, 0);
     // The stored orbit.
     int bad = 0;

@@ -85,8 +85,9 @@ struct NEWTON {
   mpf_t c0[2];  // the start point at the environment's precision
 
   NEWTON(Engine& eng, mpf_srcptr cre, mpf_srcptr cim, unsigned n, mp_bitcnt_t precision,
-         ITER steps, bool split, bool stopfirst = false)
+         ITER steps, bool split, bool stopfirst = false, int stopat = -1)
       : engine(eng) {
+    hooks.log.stopat = stopat;
     mpf_init2(c0[0], precision);
     mpf_init2(c0[1], precision);
     mpf_set(c0[0], cre);
@@ -339,9 +340,7 @@ TEST(NewtonGraph, TheTaskCountsEveryStretchAndTheOwnerCanStopTheRun) {
   insidepoint(cre, cim, 384, 12);
   {
     // Three stretches to a pass; the owner stops at the end of the second.
-    NEWTON run(eng, cre, cim, 1500, 384, NEWTONSTEPS, true);
-    EXPECT_EQ(run.e->task->due, 1);
-    run.hooks.log.stopat = 2;
+    NEWTON run(eng, cre, cim, 1500, 384, NEWTONSTEPS, true, false, 2);
     run.wait(false);
     EXPECT_EQ(run.hooks.log.accomplished, (std::vector<int>{1, 2}));
     EXPECT_EQ(run.e->timesrun, 0);
