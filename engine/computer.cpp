@@ -18,6 +18,9 @@
 #include <cstring>
 
 #include "Mandelbrot.h"
+#include "computer_internal.h"
+
+using namespace computerdetail;
 
 namespace {
 
@@ -39,44 +42,6 @@ void saturate(mpf_ptr d, mpf_srcptr a, mpf_srcptr b) {
   else
     mpf_set_ui(d, 0);
 }
-
-void pushready(OVCONTEXT* context, COMPUTER* c) {
-  atomicfifoenqueue(&context->computer, c, ONCOMPUTING);
-  atomicincrementint(&context->icomputer);
-}
-
-// Delivers a finished node to its successors. The first that becomes ready
-// is returned to run on this thread; any further one is queued.
-COMPUTER* finishcomputer(COMPUTER* c) {
-  COMPUTER* first = nullptr;
-  memorybarrier();
-  for (int k = 0; k < c->noutput; k++) {
-    COMPUTER* s = c->output[k].ptr;
-    for (;;) {
-      int w = atomicload(&s->inputwait);
-      if (w >= 2) {
-        if (atomiccompareandswapint(w, w - 1, &s->inputwait)) break;
-        continue;
-      }
-      if (!first)
-        first = s;
-      else
-        pushready(c->computergroup->context, s);
-      break;
-    }
-  }
-  return first;
-}
-
-void postend(COMPUTERGROUP* group) {
-  OVCONTEXT* context = group->context;
-  WORKER* w = addworker(context, THREAD_MAIN, worker_compute_end);
-  if (!w) return;
-  w->pdata[0] = group;
-  dispatch(context, w);
-}
-
-mpf_srcptr in(COMPUTER* c, int k) { return c->input[k]->data; }
 
 int limbs(mpf_srcptr a) { return a->_mp_size < 0 ? -a->_mp_size : a->_mp_size; }
 
@@ -151,6 +116,46 @@ void formxs(COMPUTER* c, mpf_srcptr x, mp_size_t h) {
 }
 
 }  // namespace
+
+namespace computerdetail {
+
+void pushready(OVCONTEXT* context, COMPUTER* c) {
+  atomicfifoenqueue(&context->computer, c, ONCOMPUTING);
+  atomicincrementint(&context->icomputer);
+}
+
+// Delivers a finished node to its successors. The first that becomes ready
+// is returned to run on this thread; any further one is queued.
+COMPUTER* finishcomputer(COMPUTER* c) {
+  COMPUTER* first = nullptr;
+  memorybarrier();
+  for (int k = 0; k < c->noutput; k++) {
+    COMPUTER* s = c->output[k].ptr;
+    for (;;) {
+      int w = atomicload(&s->inputwait);
+      if (w >= 2) {
+        if (atomiccompareandswapint(w, w - 1, &s->inputwait)) break;
+        continue;
+      }
+      if (!first)
+        first = s;
+      else
+        pushready(c->computergroup->context, s);
+      break;
+    }
+  }
+  return first;
+}
+
+void postend(COMPUTERGROUP* group) {
+  OVCONTEXT* context = group->context;
+  WORKER* w = addworker(context, THREAD_MAIN, worker_compute_end);
+  if (!w) return;
+  w->pdata[0] = group;
+  dispatch(context, w);
+}
+
+}  // namespace computerdetail
 
 // ---------------------------------------------------------------- views
 
@@ -548,7 +553,7 @@ void iter(COMPUTERGROUP* g, COMPUTER** h, ITER iteration) {
   h[1] = yn;
 }
 
-namespace {
+namespace computerdetail {
 
 COMPUTER* splitsqr(COMPUTERGROUP* g, COMPUTER* x) {
   COMPUTER* p = standardcomputer(g, __sqrcomputerclamplo, x);
@@ -563,7 +568,36 @@ COMPUTER* splitmul(COMPUTERGROUP* g, COMPUTER* x, COMPUTER* y) {
   return standardcomputer(g, __mulcomputerclamp, x, m, p, q);
 }
 
-}  // namespace
+COMPUTER* headcomputer(COMPUTERGROUP* g) {
+  COMPUTER* c = &g->computer[atomicincrementint(&g->icomputer) - 1];
+  c->compute = nullptr;
+  c->noutput = 0;
+  c->inputwait = c->inputwaitsaved = 0;
+  for (COMPUTER*& x : c->input) x = nullptr;
+  return c;
+}
+
+bool checkstore(COMPUTERGROUP* group, int nodes) {
+  if (group->ncomputer >= nodes) return true;
+  fputs("COMPUTER overflow.\n", stderr);
+  atomicstore(&group->stop, 1);
+  postend(group);
+  return false;
+}
+
+void startstretch(OVCONTEXT* context, COMPUTERGROUP* group, int nheads) {
+  atomicstore(&group->activecomputer, group->icomputer);
+  // The heads have no work: their successors are counted down here, and the
+  // ready ones go to whichever thread is free.
+  for (int k = 0; k < nheads; k++) {
+    COMPUTER* head = &group->computer[k];
+    COMPUTER* first = finishcomputer(head);
+    if (first) pushready(context, first);
+    removecomputer(head);
+  }
+}
+
+}  // namespace computerdetail
 
 void iterclamp(COMPUTERGROUP* g, COMPUTER** h, ITER iteration) {
   COMPUTER *x = h[0], *y = h[1], *dx = h[2], *dy = h[3];
@@ -589,14 +623,7 @@ void setupitercomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, bool split
   bool reuse = group->endcompute && group->width == width && group->icomputer == nodes;
   group->width = width;
   addcomputerwidth(context, width);
-  if (group->ncomputer < nodes) {
-    // The stretch cannot start; the end path still runs, so the owner hears
-    // of it where it would have heard of a finished stretch.
-    fputs("COMPUTER overflow.\n", stderr);
-    atomicstore(&group->stop, 1);
-    postend(group);
-    return;
-  }
+  if (!checkstore(group, nodes)) return;
   if (reuse) {
     // The cores carry the iteration of their round: they move on to the
     // rounds this stretch counts from, wherever the owner left `idata[1]`.
@@ -615,14 +642,7 @@ void setupitercomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, bool split
     group->icomputer = 0;
     group->activecomputer = 0;
     COMPUTER* h[4];
-    for (int k = 0; k < 4; k++) {
-      COMPUTER* c = &group->computer[atomicincrementint(&group->icomputer) - 1];
-      c->compute = nullptr;
-      c->noutput = 0;
-      c->inputwait = c->inputwaitsaved = 0;
-      for (COMPUTER*& x : c->input) x = nullptr;
-      h[k] = c;
-    }
+    for (int k = 0; k < 4; k++) h[k] = headcomputer(group);
     for (int r = 0; r < NCOMPUTERSTRETCH; r++) {
       if (split)
         iterclamp(group, h, group->idata[1]);
@@ -633,13 +653,5 @@ void setupitercomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, bool split
     for (int k = 0; k < 4; k++) standardcomputerd(group, __output, 2 + k, h[k]);
   }
   for (int k = 0; k < 4; k++) mpf_set(group->computer[k].data, group->data[2 + k]);
-  atomicstore(&group->activecomputer, group->icomputer);
-  // The heads have no work: their successors are counted down here, and the
-  // ready ones go to whichever thread is free.
-  for (int k = 0; k < 4; k++) {
-    COMPUTER* head = &group->computer[k];
-    COMPUTER* first = finishcomputer(head);
-    if (first) pushready(context, first);
-    removecomputer(head);
-  }
+  startstretch(context, group, 4);
 }

@@ -32,6 +32,7 @@ typedef int ITER;
 typedef unsigned int UITER;
 
 struct OVCONTEXT;
+struct REALM;
 struct VIEWPORT;
 struct WORKER;
 struct TASK;
@@ -225,6 +226,24 @@ bool isenvironmentvalid(mpf_ptr scratch, const ENVIRONMENT* e, mpf_srcptr x, mpf
 bool isenvironmentclose(mpf_ptr scratch, const ENVIRONMENT* e, mpf_srcptr x, mpf_srcptr y,
                         HFLOATCOMPLEX zoom);
 
+// Series depth a periodic environment gives a Mandelbrot view at (x, y) of
+// scale `zoom` and pixel scale `resolution`; negative when it cannot serve:
+// -1 not periodic or the series too short, -2 the atom too shallow, -3 the
+// centre outside the trusted disc, -4 the view larger than that disc, -5 the
+// atom too far, -6 a column of the series needs its last terms. 2 for a
+// period of one.
+int checkenvironment(mpf_ptr scratch, const ENVIRONMENT* e, mpf_srcptr x, mpf_srcptr y,
+                     HFLOATCOMPLEX zoom, double resolution);
+// The same for Julia stack level s, the disc of radius 2^-s in the Julia
+// plane, with `resolution` the tile size: -1, -2, -3, -4 as above, -5 for a
+// column that needs its last terms.
+int checkenvironmentjulia(mpf_ptr scratch, const ENVIRONMENT* e, mpf_srcptr x, mpf_srcptr y,
+                          int s, double resolution);
+// Anchors level i of the realm's Julia stack to e (main thread): true when
+// the level is e's, with `mr` its seed relative to e; false, the level
+// untouched but for `mr`, when it has no seed or e cannot carry it.
+bool setenvironment(OVCONTEXT* context, REALM* realm, int i, ENVIRONMENT* e);
+
 // ---------------------------------------------------------------- dataflow computers
 //
 // computer.cpp. Groups are built, started, reset and freed on the main thread
@@ -239,6 +258,38 @@ constexpr int COMPUTERWIDTH_ITERSPLIT = 8;
 // Nodes of one stretch of the plain iteration graph, ordinary and split.
 constexpr int NCOMPUTER_ITER = 4 + NCOMPUTERSTRETCH * 11 + 4;
 constexpr int NCOMPUTER_ITERSPLIT = 4 + NCOMPUTERSTRETCH * 31 + 4;
+// The store of the idle and Newton graphs: a split stretch with its head and
+// tail fits.
+constexpr int NCOMPUTER_ENV = 24576;
+constexpr int COMPUTERWIDTH_IDLE = 4;
+constexpr int COMPUTERWIDTH_IDLESPLIT = 8;
+constexpr int COMPUTERWIDTH_NEWTON = 3;
+constexpr int COMPUTERWIDTH_NEWTONSPLIT = 10;
+// Nodes per round, ordinary and split; the last round of a Newton pass keeps
+// only the squares and the core.
+constexpr int NCOMPUTERROUND_IDLE = 13;
+constexpr int NCOMPUTERROUND_IDLESPLIT = 33;
+constexpr int NCOMPUTERROUND_NEWTON = 11;
+constexpr int NCOMPUTERROUND_NEWTONSPLIT = 31;
+constexpr int NCOMPUTERROUND_NEWTONLAST = 3;
+constexpr int NCOMPUTERROUND_NEWTONLASTSPLIT = 7;
+// Head and tail of a stretch: x, y, dx, dy, the two series and the core
+// chain's start for idle; x, y, dx, dy and the core for Newton.
+constexpr int NCOMPUTERHEAD_IDLE = 7;
+constexpr int NCOMPUTERTAIL_IDLE = 6;
+constexpr int NCOMPUTERHEAD_NEWTON = 5;
+constexpr int NCOMPUTERTAIL_NEWTON = 5;
+// An idle orbit's arrays grow by this many points when a stretch could reach
+// their end; the first allocation of the idle search is the same size.
+constexpr int NIDLEREFDATA = 0x100000;
+// Newton steps a run may take after its first: `idata[2]` at the start.
+constexpr ITER NEWTONSTEPS = 100;
+
+// Group slots of the idle graph besides the viewport in pdata[0]: the
+// standard environment whose orbit it stores, and the task that counts its
+// stretches.
+constexpr int COMPUTER_IDLESTANDARD = 1;
+constexpr int COMPUTER_IDLETASK = 2;
 
 void initcomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, int ncomputer,
                        mp_bitcnt_t precision);
@@ -282,6 +333,45 @@ void iterclamp(COMPUTERGROUP* group, COMPUTER** handles, ITER iteration);
 // the last one re-runs the built graph.
 void setupitercomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, bool split = false);
 
+// The idle iteration: z, dz and the series of z_k in dz (group hdata[0]) and
+// in dc (hdata[1]), one stretch from the registers, started at once. The
+// standard environment in pdata[COMPUTER_IDLESTANDARD] (may be null) gets the
+// orbit, its arrays and checkpoints made room for first; the task in
+// pdata[COMPUTER_IDLETASK] (may be null) is told of the stretch. The end
+// procedure is the owner's, set before the first stretch.
+void idleiter(COMPUTERGROUP* group, COMPUTER** handles);
+void idleiterclamp(COMPUTERGROUP* group, COMPUTER** handles);
+void setupidlecomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, bool split);
+
+// One pass of Newton's method for the periodic environment in pdata[0]:
+// rounds 0..n of its orbit from the registers (c in data[0..1]), stored in
+// its arrays, with the cycle's multiplier in hdata[0]; cut into stretches of
+// at most NCOMPUTERSTRETCH rounds. `last` marks round n, which keeps only
+// what the core needs, so that the registers end at z_n and dz_n/dc.
+void newtoniter(COMPUTERGROUP* group, COMPUTER** handles, bool last);
+void newtoniterclamp(COMPUTERGROUP* group, COMPUTER** handles, bool last);
+void setupnewtoncomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, bool split);
+// The end of a Newton stretch on the main thread: the next stretch, or the
+// step of c and the next pass, or the end of the run, converged (the series
+// is made next on a worker) or given up (the environment is released).
+void __newtonendcompute(COMPUTERGROUP* group);
+
+// The viewport's share of one idle round (stack levels, Newton candidates),
+// called in iteration order by the cores with z_iter, dz_iter, and the old
+// and new series; null while no idle search is linked.
+typedef void (*IDLESTEPPROC)(COMPUTERGROUP* group, ITER iter, HFLOAT a, mpf_srcptr x,
+                             mpf_srcptr y, mpf_srcptr dx, mpf_srcptr dy,
+                             const HFLOATCOMPLEX* tj, const HFLOATCOMPLEX* ntj,
+                             const HFLOATCOMPLEX* tm, const HFLOATCOMPLEX* ntm);
+extern IDLESTEPPROC idlestephook;
+// The owner's share of a Newton run: whether it is being stopped, and its
+// bookkeeping when the run ends (before a given-up environment is released).
+// Null: nobody to ask or tell.
+typedef bool (*NEWTONSTOPPROC)(ENVIRONMENT* e);
+typedef void (*NEWTONENDPROC)(OVCONTEXT* context, ENVIRONMENT* e, bool converged);
+extern NEWTONSTOPPROC newtonstophook;
+extern NEWTONENDPROC newtonendhook;
+
 void removecomputer(COMPUTER* computer);
 void worker_compute_end(OVCONTEXT* context, WORKER* worker);
 
@@ -310,3 +400,7 @@ COMPUTER* __mulcomputerclamphi(COMPUTER* c);
 COMPUTER* __mulcomputerclamplo(COMPUTER* c);
 COMPUTER* __mulcomputerclampmid(COMPUTER* c);
 COMPUTER* __mulcomputerclamp(COMPUTER* c);
+COMPUTER* __idlecore(COMPUTER* c);
+COMPUTER* __newtonitercore(COMPUTER* c);
+COMPUTER* __taylormstep(COMPUTER* c);
+COMPUTER* __taylorjstep(COMPUTER* c);

@@ -1,0 +1,123 @@
+// Reference orbit iterations per second: the idle graph (z, dz and the two
+// HFLOAT series), plain and split, on a live engine with two worker threads
+// lent to it beside the main thread, against one thread iterating z and dz
+// in mpf with the same operations.
+#include <benchmark/benchmark.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <thread>
+
+#include "Mandelbrot.h"
+
+namespace {
+
+struct CALL {
+  std::function<void(OVCONTEXT*)> fn;
+  std::atomic<bool> done{false};
+};
+
+void worker_call(OVCONTEXT* context, WORKER* worker) {
+  CALL* call = static_cast<CALL*>(worker->pdata[0]);
+  call->fn(context);
+  freeworker(context, worker);
+  call->done.store(true);
+}
+
+void onmain(OVCONTEXT* context, std::function<void(OVCONTEXT*)> fn) {
+  CALL call;
+  call.fn = std::move(fn);
+  WORKER* w = addworker(context, THREAD_MAIN, worker_call);
+  w->pdata[0] = &call;
+  dispatch(context, w);
+  while (!call.done.load()) std::this_thread::yield();
+}
+
+void pointin(mpf_ptr cre, mpf_ptr cim) {
+  mpf_set_d(cre, 0.35054);
+  mpf_set_d(cim, 0.19454);
+}
+
+std::atomic<int> stretchends{0};
+
+void countend(COMPUTERGROUP*) { stretchends.fetch_add(1); }
+
+// Seven threads: the main thread and four workers, of which two are lent to
+// a running graph (the three fixed threads are main, GL and helper).
+struct ENGINE {
+  OVCONTEXT* context;
+  ENGINE() {
+    context = static_cast<OVCONTEXT*>(calloc(1, sizeof(OVCONTEXT)));
+    initcontext(context, int64_t(2) << 30, 7, 8, 0, nullptr, nullptr, nullptr, nullptr, nullptr,
+                nullptr, "/tmp/", 0);
+  }
+  ~ENGINE() {
+    freecontext(context);
+    free(context);
+  }
+};
+
+void graph(benchmark::State& state, bool split) {
+  mp_bitcnt_t bits = static_cast<mp_bitcnt_t>(state.range(0));
+  ENGINE engine;
+  COMPUTERGROUP* g = static_cast<COMPUTERGROUP*>(calloc(1, sizeof(COMPUTERGROUP)));
+  initcomputergroup(engine.context, g, NCOMPUTER_ENV, bits);
+  pointin(g->data[0], g->data[1]);
+  g->endcompute = countend;
+  int64_t rounds = 0;
+  for (auto _ : state) {
+    int before = stretchends.load();
+    onmain(engine.context, [&](OVCONTEXT* c) { setupidlecomputergroup(c, g, split); });
+    while (stretchends.load() == before) std::this_thread::yield();
+    rounds += NCOMPUTERSTRETCH;
+  }
+  onmain(engine.context, [](OVCONTEXT*) {});
+  state.counters["iter/s"] = benchmark::Counter(static_cast<double>(rounds), benchmark::Counter::kIsRate);
+  freecomputergroup(g);
+  free(g);
+}
+
+void BM_IdleGraph(benchmark::State& state) { graph(state, false); }
+void BM_IdleGraphSplit(benchmark::State& state) { graph(state, true); }
+
+void BM_SequentialMpf(benchmark::State& state) {
+  mp_bitcnt_t bits = static_cast<mp_bitcnt_t>(state.range(0));
+  mpf_t cre, cim, x, y, dx, dy, x2, y2, xn, yn, p1, p2, p3, p4;
+  for (mpf_ptr v : {cre, cim, x, y, dx, dy, x2, y2, xn, yn, p1, p2, p3, p4}) mpf_init2(v, bits);
+  pointin(cre, cim);
+  int64_t rounds = 0;
+  for (auto _ : state) {
+    for (int k = 0; k < NCOMPUTERSTRETCH; k++) {
+      mpf_mul(x2, x, x);
+      mpf_mul(y2, y, y);
+      mpf_sub(xn, x2, y2);
+      mpf_add(xn, xn, cre);
+      mpf_mul(yn, x, y);
+      mpf_mul_2exp(yn, yn, 1);
+      mpf_add(yn, yn, cim);
+      mpf_mul(p1, x, dx);
+      mpf_mul(p2, y, dy);
+      mpf_mul(p3, x, dy);
+      mpf_mul(p4, y, dx);
+      mpf_sub(p1, p1, p2);
+      mpf_mul_2exp(dx, p1, 1);
+      mpf_add_ui(dx, dx, 1);
+      mpf_add(p3, p3, p4);
+      mpf_mul_2exp(dy, p3, 1);
+      mpf_swap(x, xn);
+      mpf_swap(y, yn);
+    }
+    rounds += NCOMPUTERSTRETCH;
+    benchmark::DoNotOptimize(x->_mp_d);
+  }
+  state.counters["iter/s"] = benchmark::Counter(static_cast<double>(rounds), benchmark::Counter::kIsRate);
+  for (mpf_ptr v : {cre, cim, x, y, dx, dy, x2, y2, xn, yn, p1, p2, p3, p4}) mpf_clear(v);
+}
+
+}  // namespace
+
+BENCHMARK(BM_SequentialMpf)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();
+BENCHMARK(BM_IdleGraph)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();
+BENCHMARK(BM_IdleGraphSplit)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();
