@@ -65,8 +65,8 @@ void escaped(COMPUTER* c, ENVIRONMENT* e) {
   HFLOATCOMPLEX z = hfz(in(c, IC_X), in(c, IC_Y));
   HFLOATCOMPLEX dz = hfz(in(c, IC_DX), in(c, IC_DY));
   const HFLOATCOMPLEX* ntj = c->input[IC_NTJ]->hdata;
-  HFLOAT dj = distj_hfloat(z, ntj[1]);
-  HFLOAT dm = distm_hfloat(z, dz);
+  HFLOAT dj = distjsquaredHF(z, ntj[1]);
+  HFLOAT dm = distmsquaredHF(z, dz);
   e->flags |= E_ESCAPED;
   e->r2 = dj.mantissa == 0 ? ZEROH : sqrtHF(dj);
   e->r4 = dm.mantissa == 0 ? ZEROH : sqrtHF(dm);
