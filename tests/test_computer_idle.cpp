@@ -339,8 +339,8 @@ TEST(IdleGraph, AnEscapeStopsTheOrbitAndLeavesTheDistances) {
     // Nothing past the escape was stored.
     EXPECT_EQ(run.env->refdatah[m].value.mantissax, 0);
     EXPECT_EQ(run.env->refdatah[m].a.mantissa, 0);
-    HFLOAT dm = distm_hfloat(t.z(), t.dz());
-    HFLOAT dj = distj_hfloat(t.z(), j[1]);
+    HFLOAT dm = distmsquaredHF(t.z(), t.dz());
+    HFLOAT dj = distjsquaredHF(t.z(), j[1]);
     EXPECT_TRUE(same(run.env->r4, sqrtHF(dm)));
     EXPECT_TRUE(same(run.env->r2, sqrtHF(dj)));
     EXPECT_GT(dHF(run.env->r4), 0.0);
