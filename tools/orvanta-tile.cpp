@@ -10,7 +10,7 @@ int main(int argc, char** argv) {
   TILEARGS args;
   std::string error;
   if (!parsetileargs(argc, argv, &args, &error)) {
-    fprintf(stderr, "orvanta-tile: %s\n%s\n", error.c_str(), TILEUSAGE);
+    fprintf(stderr, "orvanta-tile: %s; %s\n", error.c_str(), TILEUSAGE);
     return 2;
   }
   TILERESULT result;

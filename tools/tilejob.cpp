@@ -138,6 +138,7 @@ bool computetile(const TILEARGS& args, TILERESULT* result, std::string* error) {
       setcorner(top->hpvalue->v[0], args.depth, index[0], &result->cornerre);
       setcorner(top->hpvalue->v[1], args.depth, index[1], &result->cornerim);
       if (args.hasflags) realm->flags = args.flags;
+      if (args.format) realm->flags = (realm->flags & ~R_PRECMASK) | args.format;
       if (args.julia) {
         realm->info.c = addhpv(c, 64 + 2 * static_cast<mp_bitcnt_t>(args.depth) + 64);
         mpq_t q;
