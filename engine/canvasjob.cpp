@@ -263,7 +263,7 @@ void worker_canvas_calc_return(OVCONTEXT* context, WORKER* worker) {
         static_cast<uint64_t>(static_cast<uint32_t>(worker->idata[JOB_STATITERHIGH])) << 32);
     handtiles(context, worker, a);
   }
-  // areacheckvacount (the active list) joins here.
+  areacheckvacount(context, a);
   freecanvascalcworker(context, worker);
 }
 
