@@ -200,6 +200,9 @@ bool processarea(OVCONTEXT* context, AREA* a) {
   a->computecycle = r->computecycle;
   WORKER* w = addworker(context, THREAD_WORKER, worker_canvas_calc);
   if (!w) return true;
+  // A record keeps the payload of its last use; the job's release reads
+  // every slot, so none may be left over.
+  for (void*& p : w->pdata) p = nullptr;
   w->prio = a->priority;
   w->pdata[JOB_AREA] = a;
   w->pdata[JOB_AREAREALM] = r;
