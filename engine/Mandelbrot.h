@@ -308,3 +308,4 @@ void worker_nop(OVCONTEXT* context, WORKER* worker);
 #include "juliacache.h"
 #include "texture.h"
 #include "canvas.h"
+#include "viewport.h"

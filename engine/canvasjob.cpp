@@ -200,6 +200,9 @@ bool processarea(OVCONTEXT* context, AREA* a) {
   a->computecycle = r->computecycle;
   WORKER* w = addworker(context, THREAD_WORKER, worker_canvas_calc);
   if (!w) return true;
+  // A record keeps the payload of its last use; the job's release reads
+  // every slot, so none may be left over.
+  for (void*& p : w->pdata) p = nullptr;
   w->prio = a->priority;
   w->pdata[JOB_AREA] = a;
   w->pdata[JOB_AREAREALM] = r;
@@ -263,7 +266,7 @@ void worker_canvas_calc_return(OVCONTEXT* context, WORKER* worker) {
         static_cast<uint64_t>(static_cast<uint32_t>(worker->idata[JOB_STATITERHIGH])) << 32);
     handtiles(context, worker, a);
   }
-  // areacheckvacount (the active list) joins here.
+  areacheckvacount(context, a);
   freecanvascalcworker(context, worker);
 }
 

@@ -235,8 +235,14 @@ void freecanvas(OVCONTEXT* context, int i) {
   context->threadcontext[i].canvas = nullptr;
 }
 
-// The swap file is opened if it exists; a missing one is made at first need.
+// The views that were active before a stop come back on with their old
+// priorities. The swap file is opened if it exists; a missing one is made at
+// first need.
 void worker_relaunch(OVCONTEXT* context, WORKER* worker) {
+  for (CHAIN* l = context->vpactivechain.next; l != &context->vpactivechain; l = l->next) {
+    VIEWPORT* v = activeviewport(l);
+    __activateviewport(context, v, v->oldpriority);
+  }
   if (context->juliacachetmpfile < 0)
     context->juliacachetmpfile = open(context->juliacachetmpfilename, O_RDWR, 0600);
   freeworker(context, worker);
@@ -373,6 +379,13 @@ void shutdowncontext(OVCONTEXT* context, bool cachejc) {
   wakeall(&context->grmain);
   if (!hascontextflag(context, OVCONTEXT_NO_GLTHREAD)) wakeall(&context->grworkergl);
   join(context, 0);
+  // The views stay known but are off; a relaunch brings them back.
+  for (CHAIN* l = context->vpactivechain.next; l != &context->vpactivechain; l = l->next) {
+    VIEWPORT* v = activeviewport(l);
+    v->oldpriority = v->priority;
+    v->priority = 0;
+    __deactivateviewport(context, v, false);
+  }
   join(context, 2);
   for (int i = 3; i < context->nthread; i++) {
     join(context, i);

@@ -35,6 +35,7 @@ bool quiet(OVCONTEXT* context) {
 
 // The status text of every active viewport, then the application's callback.
 void publishstrings(OVCONTEXT* context) {
+  composeallstrings(context);
   if (context->stringscallback) context->stringscallback(context, context->glthreadpdata);
 }
 
@@ -113,7 +114,10 @@ void* thread_main(void* ctxt) {
     clearcontextflag(context, OVCONTEXT_DORENDER);
     publishstrings(context);
     t0 = t;
-    if (hascontextflag(context, OVCONTEXT_DIRTY)) clearcontextflag(context, OVCONTEXT_DIRTY);
+    if (hascontextflag(context, OVCONTEXT_DIRTY)) {
+      clearcontextflag(context, OVCONTEXT_DIRTY);
+      drawdirty(context);
+    }
   }
   pthread_exit(nullptr);
 }
@@ -131,6 +135,8 @@ void run(OVCONTEXT* context) {
     if (hascontextflag(context, OVCONTEXT_DORENDER)) {
       clearcontextflag(context, OVCONTEXT_DORENDER);
       publishstrings(context);
+      // The flag stays: nothing after this late stage depends on it.
+      if (hascontextflag(context, OVCONTEXT_DIRTY)) drawdirty(context);
     }
     if (!done) return;
   }

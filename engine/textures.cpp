@@ -352,8 +352,7 @@ void worker_canvas_gentexture_return(OVCONTEXT* context, WORKER* worker) {
   } else {
     a->worker = nullptr;
     installtiles(context, worker, a);
-    // areacheckvacount (the active list) joins here: it marks the viewports
-    // that see the area dirty and counts the area as done for them.
+    areacheckvacount(context, a);
     setcontextflag(context, OVCONTEXT_DIRTY);
   }
   __detachrealm(context, realm);
