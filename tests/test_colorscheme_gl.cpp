@@ -5,8 +5,11 @@
 
 #include "glcontext.h"
 // after the loader
+#include <turbojpeg.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
 #include <array>
 #include <cmath>
 #include <cstring>
@@ -300,6 +303,61 @@ TEST_F(ColorschemeGlTest, DistanceDrawsAWhiteOutlineThatFadesWithPixelDistance) 
     expectnear(px.at(32 * block + 16, 64), {level, level, level}, 2, "outline");
   }
   releasejobject(d);
+}
+
+// The atlas of the "Texture" scheme: 4 x 4 cells of 16 pixels, each of one
+// colour that names its column and row (rows counted from the top).
+std::array<int, 3> cellcolor(int column, int row) { return {40 + 60 * column, 40 + 60 * row, 128}; }
+
+std::string writeatlas() {
+  const int w = 64;
+  std::vector<unsigned char> rgb(w * w * 3);
+  for (int y = 0; y < w; y++)
+    for (int x = 0; x < w; x++) {
+      std::array<int, 3> c = cellcolor(x / 16, y / 16);
+      for (int k = 0; k < 3; k++) rgb[(y * w + x) * 3 + k] = static_cast<unsigned char>(c[k]);
+    }
+  tjhandle tj = tjInitCompress();
+  unsigned char* jpeg = NULL;
+  unsigned long size = 0;
+  EXPECT_EQ(tjCompress2(tj, rgb.data(), w, 0, w, TJPF_RGB, &jpeg, &size, TJSAMP_444, 100, 0), 0);
+  tjDestroy(tj);
+  std::string path = "/tmp/orvanta-atlas-" + std::to_string(getpid()) + ".jpg";
+  std::ofstream(path, std::ios::binary).write(reinterpret_cast<char*>(jpeg), size);
+  tjFree(jpeg);
+  return path;
+}
+
+TEST_F(ColorschemeGlTest, TextureTakesTheAtlasCellOfTheFinalCount) {
+  std::string atlas = writeatlas();
+  JDICT* d = builtincolorschemes(NULL, atlas.c_str());
+  Colorscheme* cs = builtin(d, "Texture");
+  activateColorscheme(cs, readimagefct);
+  ASSERT_NE(cs->auxtexture, 0u);
+  EXPECT_EQ(cs->auxwidth, 64);
+  // z already beyond the limit (param 0 is 0: limit e^1.65), so the shader
+  // does not iterate: |z|^2 = limit e^(pi/6) and arg z = pi/12 put the
+  // sample in the middle of a cell. Count b in the b-th block of 16 texels,
+  // inside on the last rows.
+  const double limit = std::exp(1.65), r = std::sqrt(limit * std::exp(M_PI / 6));
+  const float zx = static_cast<float>(r * std::cos(M_PI / 12)), zy = static_cast<float>(r * std::sin(M_PI / 12));
+  TILE iter = filled([](int x, int y) { return itertexel(y < 240 ? x / 16 : -9); });
+  TILE valuex(SIZE * SIZE, zx), valuey(SIZE * SIZE, zy);
+  Params p;
+  initParams(&p);
+  Uniforms u = {};
+  PIXELS px = draw(cs, {iter, valuex, valuey}, p, u);
+  for (int b = 0; b < 16; b++) {
+    int fi = b % 15;
+    // Column fi mod 4; texture rows run from the image's top, and the cell
+    // row is 3 - fi/4 of them.
+    expectnear(px.at(16 * b + 8, 100), cellcolor(fi % 4, 3 - fi / 4), 6, ("block " + std::to_string(b)).c_str());
+  }
+  expectnear(px.at(100, 250), cpupal(p, 9.5f, 1 / brightnessfactor(p)), 2, "interior");
+  deactivateColorscheme(cs);
+  EXPECT_EQ(cs->auxtexture, 0u);
+  releasejobject(d);
+  unlink(atlas.c_str());
 }
 
 TEST_F(ColorschemeGlTest, OneSampleReadsEachTexelExactly) {
