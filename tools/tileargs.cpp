@@ -8,7 +8,7 @@
 #include <cstring>
 
 const char* const TILEUSAGE =
-    "usage: orvanta-tile --depth D --re X --im Y [--realm mandelbrot|julia] [--julia-re A "
+    "usage: orvanta-tile --depth D --re X --im Y [--realm mandelbrot|julia|general] [--julia-re A "
     "--julia-im B] [--format auto|float|double|longdouble|hfloat] [--channels 3,8] "
     "[--flags HEX] --out PREFIX";
 
@@ -178,8 +178,9 @@ bool parsetileargs(int argc, const char* const* argv, TILEARGS* args, std::strin
       else if (opt == "--julia-re") args->juliare = v, hasjulia = true;
       else args->juliaim = v, hasjulia = true;
     } else if (opt == "--realm") {
-      if (!strcmp(v, "mandelbrot")) args->julia = false;
-      else if (!strcmp(v, "julia")) args->julia = true;
+      if (!strcmp(v, "mandelbrot")) args->julia = false, args->general = false;
+      else if (!strcmp(v, "julia")) args->julia = true, args->general = false;
+      else if (!strcmp(v, "general")) args->julia = false, args->general = true;
       else {
         *error = std::string("unknown realm: \"") + v + "\"";
         return false;

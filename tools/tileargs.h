@@ -12,6 +12,7 @@ struct TILEARGS {
   std::string re;  // the point whose area is computed, as given
   std::string im;
   bool julia = false;
+  bool general = false;  // the general realm: perturbation against a reference
   std::string juliare = "0";
   std::string juliaim = "0";
   unsigned int format = 0;    // 0 automatic, else the MODE of a canvas format
@@ -19,6 +20,11 @@ struct TILEARGS {
   bool hasflags = false;
   unsigned int flags = 0;     // the realm's flag word, when given
   std::string out;
+  // The general realm's reference: the most iterations its orbit is
+  // followed, and whether it stands at the tile's centre instead of at the
+  // longest-lived of a few points of the tile. Not on the command line.
+  long referencelimit = 100000;
+  bool referenceatcentre = false;
 };
 
 // The usage line printed with every argument error.

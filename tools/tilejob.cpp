@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "Mandelbrot.h"
+#include "tileenv.h"
 
 namespace {
 
@@ -84,23 +85,111 @@ bool areaindex(const mpq_t v, mpf_srcptr corner, int depth, mpz_t index) {
 }
 
 // The exact corner of area `index`: corner + index * 2^(4 - depth).
-void setcorner(mpf_srcptr corner, int depth, const mpz_t index, std::string* out) {
-  mpq_t t, c;
-  mpq_inits(t, c, nullptr);
-  mpq_set_z(t, index);
-  if (depth >= 4) mpq_div_2exp(t, t, depth - 4);
-  else mpq_mul_2exp(t, t, 4 - depth);
+void cornerof(mpf_srcptr corner, int depth, const mpz_t index, mpq_t out) {
+  mpq_t c;
+  mpq_init(c);
+  mpq_set_z(out, index);
+  if (depth >= 4) mpq_div_2exp(out, out, depth - 4);
+  else mpq_mul_2exp(out, out, 4 - depth);
   mpq_set_f(c, corner);
-  mpq_add(t, t, c);
-  *out = dyadicdecimal(t);
-  mpq_clears(t, c, nullptr);
+  mpq_add(out, out, c);
+  mpq_clear(c);
+}
+
+// Levels between an area and the ancestor that holds its exact corner: the
+// path below it sums exactly in an HFLOAT, whose mantissa a longer path
+// from the realm's top would overflow.
+constexpr int EFFECTIVETOPLEVELS = 10;
+
+// Makes the ancestor `a` at depth `depth` an effective top: its own exact
+// corner, which the corner of every area below it is reckoned from.
+bool makeeffectivetop(OVCONTEXT* context, AREA* a, mpf_srcptr top[2], const mpz_t index[2],
+                      int depth, int shift) {
+  if (a->hpvalue) return true;
+  HPVALUE* h = addhpv(context, referenceprecision(depth + shift));
+  if (!h) return false;
+  mpz_t i;
+  mpq_t q;
+  mpz_init(i);
+  mpq_init(q);
+  for (int k = 0; k < 2; k++) {
+    mpz_fdiv_q_2exp(i, index[k], shift);
+    cornerof(top[k], depth, i, q);
+    mpf_set_q(h->v[k], q);
+  }
+  mpz_clear(i);
+  mpq_clear(q);
+  a->hpvalue = h;
+  a->nhpvalue = 1;
+  updatedelchain(context, a);
+  return true;
+}
+
+// Main thread: the area of depth `depth` at `index` under the realm's top,
+// subdividing on the way; null when the tree ran out of records.
+AREA* walkto(OVCONTEXT* context, REALM* realm, int depth, const mpz_t index[2]) {
+  AREA* top = realm->top;
+  mpf_srcptr corner[2] = {top->hpvalue->v[0], top->hpvalue->v[1]};
+  int etop = depth - EFFECTIVETOPLEVELS;
+  AREA* a = top;
+  for (int level = depth - 1; level >= 0; level--) {
+    if (a->depth == etop && etop > 0 && !makeeffectivetop(context, a, corner, index, etop, depth - etop))
+      return nullptr;
+    subdivide(context, a);
+    int bx = mpz_tstbit(index[0], level), by = mpz_tstbit(index[1], level);
+    a = a->child[by ? (bx ? 2 : 3) : (bx ? 1 : 0)];
+    if (!a) return nullptr;
+  }
+  return a;
+}
+
+// The general realm's reference: chosen in the tile, its orbit run by the
+// engine's graph, then handed to the area as an invalidation would hand the
+// viewport's environment: attached, no series (prec -1), the corner relative
+// to the reference as `ct`, no cubic start.
+bool attachreference(OVCONTEXT* context, REALM* realm, AREA* area, const TILEARGS& args,
+                     const mpq_t corner[2], std::string* error) {
+  mp_bitcnt_t bits = referenceprecision(args.depth);
+  mpf_t point[2];
+  mpf_init2(point[0], bits);
+  mpf_init2(point[1], bits);
+  choosereference(corner, args.depth, args.referencelimit, args.referenceatcentre, point);
+  REFERENCERUN run;
+  onmain(context, [&](OVCONTEXT* c) { startreference(c, realm, point, bits, args.referencelimit, &run); });
+  while (!run.done.load()) std::this_thread::sleep_for(std::chrono::microseconds(200));
+  bool ok = run.ok;
+  onmain(context, [&](OVCONTEXT* c) {
+    if (!ok) {
+      detache(c, run.e);
+      return;
+    }
+    detache(c, area->e);
+    area->e = run.e;
+    area->prec = -1;
+    mpf_t d;
+    mpf_init2(d, bits);
+    HFLOAT ct[2];
+    for (int k = 0; k < 2; k++) {
+      mpf_set_q(d, corner[k]);
+      mpf_sub(d, d, run.e->c->v[k]);
+      ct[k] = mpf_get_HF(d);
+    }
+    mpf_clear(d);
+    area->ct = cHF(ct[0], ct[1]);
+    area->interpoliter = 0;
+    for (HFLOATCOMPLEX& t : area->interpoltaylor) t = CZEROH;
+  });
+  mpf_clear(point[0]);
+  mpf_clear(point[1]);
+  if (!ok) *error = "the reference orbit could not be computed";
+  return ok;
 }
 
 }  // namespace
 
 bool computetile(const TILEARGS& args, TILERESULT* result, std::string* error) {
-  mpq_t point[2];
-  mpq_inits(point[0], point[1], nullptr);
+  mpq_t point[2], corner[2];
+  mpq_inits(point[0], point[1], corner[0], corner[1], nullptr);
   parsedecimal(args.re, point[0]);
   parsedecimal(args.im, point[1]);
 
@@ -115,12 +204,13 @@ bool computetile(const TILEARGS& args, TILERESULT* result, std::string* error) {
     *error = "the engine could not start";
     free(tiles);
     free(context);
-    mpq_clears(point[0], point[1], nullptr);
+    mpq_clears(point[0], point[1], corner[0], corner[1], nullptr);
     return false;
   }
 
+  REALMTYPE type = args.julia ? JULIA : args.general ? GENERAL : MANDELBROT;
   REALM* realm = nullptr;
-  onmain(context, [&](OVCONTEXT* c) { realm = addrealm(c, args.julia ? JULIA : MANDELBROT); });
+  onmain(context, [&](OVCONTEXT* c) { realm = addrealm(c, type); });
   bool ok = realm != nullptr;
   if (!ok) *error = "no realm could be made";
   if (ok) waitonmain(context, [&](OVCONTEXT*) { return realm->top && realm->top->hpvalue; });
@@ -135,8 +225,9 @@ bool computetile(const TILEARGS& args, TILERESULT* result, std::string* error) {
         if (!areaindex(point[k], top->hpvalue->v[k], args.depth, index[k])) ok = false;
       }
       if (!ok) return;
-      setcorner(top->hpvalue->v[0], args.depth, index[0], &result->cornerre);
-      setcorner(top->hpvalue->v[1], args.depth, index[1], &result->cornerim);
+      for (int k = 0; k < 2; k++) cornerof(top->hpvalue->v[k], args.depth, index[k], corner[k]);
+      result->cornerre = dyadicdecimal(corner[0]);
+      result->cornerim = dyadicdecimal(corner[1]);
       if (args.hasflags) realm->flags = args.flags;
       if (args.format) realm->flags = (realm->flags & ~R_PRECMASK) | args.format;
       if (args.julia) {
@@ -149,20 +240,19 @@ bool computetile(const TILEARGS& args, TILERESULT* result, std::string* error) {
         mpf_set_q(realm->info.c->v[1], q);
         mpq_clear(q);
       }
-      AREA* a = top;
-      for (int level = args.depth - 1; level >= 0; level--) {
-        subdivide(c, a);
-        int bx = mpz_tstbit(index[0], level), by = mpz_tstbit(index[1], level);
-        a = a->child[by ? (bx ? 2 : 3) : (bx ? 1 : 0)];
-        if (!a) {
-          ok = false;
-          return;
-        }
-      }
-      area = a;
+      area = walkto(c, realm, args.depth, index);
+      if (!area) ok = false;
     });
     if (!ok && error->empty())
-      *error = area ? "the area tree ran out of records" : "the point lies outside the realm's square";
+      *error = result->cornerre.empty() ? "the point lies outside the realm's square"
+                                        : "the area tree ran out of records";
+  }
+
+  if (ok && args.general) {
+    auto start = std::chrono::steady_clock::now();
+    ok = attachreference(context, realm, area, args, corner, error);
+    result->referencems =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   }
 
   auto start = std::chrono::steady_clock::now();
@@ -205,7 +295,7 @@ bool computetile(const TILEARGS& args, TILERESULT* result, std::string* error) {
   free(context);
   free(tiles);
   mpz_clears(index[0], index[1], nullptr);
-  mpq_clears(point[0], point[1], nullptr);
+  mpq_clears(point[0], point[1], corner[0], corner[1], nullptr);
   return ok;
 }
 
@@ -228,10 +318,16 @@ bool writetiles(const TILEARGS& args, const TILERESULT& result, std::string* err
 
 std::string tilejson(const TILEARGS& args, const TILERESULT& r) {
   char buffer[512];
+  std::string reference;
+  if (args.general) {
+    char ref[64];
+    snprintf(ref, sizeof ref, ",\"reference_ms\":%.3f", r.referencems);
+    reference = ref;
+  }
   snprintf(buffer, sizeof buffer,
-           ",\"ms\":%.3f,\"vertices_iterated\":%lld,\"iterations\":%lld,\"escaped\":%d,"
+           ",\"ms\":%.3f%s,\"vertices_iterated\":%lld,\"iterations\":%lld,\"escaped\":%d,"
            "\"interior\":%d,\"unknown\":%d}",
-           r.ms, static_cast<long long>(r.verticesiterated), static_cast<long long>(r.iterations),
+           r.ms, reference.c_str(), static_cast<long long>(r.verticesiterated), static_cast<long long>(r.iterations),
            r.escaped, r.interior, r.unknown);
   return "{\"depth\":" + std::to_string(args.depth) + ",\"format\":\"" + r.format +
          "\",\"corner_re\":\"" + r.cornerre + "\",\"corner_im\":\"" + r.cornerim + "\"" + buffer;

@@ -14,7 +14,8 @@ struct TILERESULT {
   std::string format;    // "float", "double", "longdouble", "hfloat"
   std::string cornerre;  // the area's lower-left corner, every digit
   std::string cornerim;
-  double ms = 0;
+  double ms = 0;           // the area's job, from processarea to its tiles
+  double referencems = 0;  // the general realm's reference, chosen and iterated
   int64_t verticesiterated = 0;
   int64_t iterations = 0;
   int escaped = 0;

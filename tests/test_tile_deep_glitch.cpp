@@ -1,0 +1,40 @@
+// General-realm tiles around a minibrot of period 107 at depth about 265,
+// next to c = i: the pixels' orbits come back near 0 every 107 iterations,
+// where the difference to the reference orbit is far larger than z itself
+// and loses the pixel's precision. The precision test must catch that and a
+// reference of the canvas take over; a pixel inside the minibrot must never
+// get an escape count.
+//
+// These fail at present: the finite pass runs its kernels with no vertex
+// that may become a reference, so a failed precision test ends the vertex
+// as CV_FAILED at that iteration, and the tile shows that iteration (a
+// multiple of 107) as its count.
+#include "test_tile_deep.h"
+
+namespace {
+
+// The nucleus of the period-107 component, from Newton at 700 bits.
+constexpr const char* NUCLEUSRE =
+    "0.0000000000000000000000000000000000000007662152187612233298944653160079554680485275858964886"
+    "6539814761122518085010471182625767209978066676748413353946659737925252341681552168097282763201"
+    "305511863149973215843388785712";
+constexpr const char* NUCLEUSIM =
+    "1.0000000000000000000000000000000000000003759662335232353407824070973796581837705336186929111"
+    "1054644035052504264774773122605725668118312447680846525846834750104257456441584088598645051873"
+    "829525218546972573501084339000";
+
+TEST(TileDeepGlitch, MinibrotAt262) {
+  deeptile::checkdeeptile({"minibrot at 262", 262, NUCLEUSRE, NUCLEUSIM, 20000, 512, "double"});
+}
+
+TEST(TileDeepGlitch, MinibrotAt266) {
+  deeptile::checkdeeptile({"minibrot at 266", 266, NUCLEUSRE, NUCLEUSIM, 20000, 512, "double"});
+}
+
+// The reference at the tile's centre rather than inside the minibrot.
+TEST(TileDeepGlitch, MinibrotAt266FromTheCentre) {
+  deeptile::checkdeeptile({"minibrot at 266, centre", 266, NUCLEUSRE, NUCLEUSIM, 20000, 512, "double"},
+                          true);
+}
+
+}  // namespace
