@@ -89,13 +89,15 @@ void numberrecords(OVCONTEXT* context) {
     t->pixels = nullptr;
     t->texture = -1;
   }
-  for (int i = 0; i < context->njuliacache; i++) {
-    context->juliacache[i].ijuliacache = i;
-    context->juliacache[i].flags = JCF_FREE;
-  }
-  for (int i = 0; i < context->njuliacachefile; i++) {
-    context->juliacachefile[i].ijuliacache = i + context->njuliacache;
-    context->juliacachefile[i].flags = JCF_FREE;
+  // A record owns no memory slot until the cache gives it one.
+  for (int i = 0; i < context->njuliacache + context->njuliacachefile; i++) {
+    JULIACACHE* jc = i < context->njuliacache ? &context->juliacache[i]
+                                              : &context->juliacachefile[i - context->njuliacache];
+    jc->ijuliacache = i;
+    jc->flags = JCF_FREE;
+    jc->_data = jc->data = nullptr;
+    jc->file = nullptr;
+    jc->count = jc->memcount = 0;
   }
 }
 
