@@ -12,6 +12,7 @@
 
 #include "canvas/render.h"
 #include "enginefixture.h"
+#include "test_textures.h"
 
 using enginetest::Engine;
 
@@ -527,12 +528,14 @@ TEST(JuliaCorrectJobs, FreeingAJobGivesBackItsBufferChainAndTile) {
   });
 }
 
-TEST(JuliaCorrectJobs, AJuliaAreaIsRenderedAsPrepixelsAndComesHome) {
-  Engine e;
+TEST(JuliaCorrectJobs, AJuliaAreaGoesThroughPrepixelsToItsChannels) {
+  texturetest::TileEngine e(16, false);
   e.waitidle();
-  REALM* r = newrealm(e, JULIA);
+  REALM* r = addrealm(e.context, JULIA);
+  e.onmain([](OVCONTEXT*) {});
   AREA* a = nullptr;
   COUNTS start{};
+  bool sent = false;
   e.onmain([&](OVCONTEXT* c) {
     start = counts(c);
     JULIASTACKDATA* levels = static_cast<JULIASTACKDATA*>(calloc(8, sizeof(JULIASTACKDATA)));
@@ -545,43 +548,45 @@ TEST(JuliaCorrectJobs, AJuliaAreaIsRenderedAsPrepixelsAndComesHome) {
     r->info.c = addhpv(c, 64);
     mpf_set_d(r->info.c->v[0], 0.0);
     mpf_set_d(r->info.c->v[1], 0.0);
-    // An area of side 2^-1 around 0.5: under z -> z^2 the orbits fall to 0.
+    // The square [1, 2]^2: under z -> z^2 every orbit leaves at once.
     AREA* x = r->top;
-    for (int d = 0; d < 5; d++) {
+    for (int k : {2, 0, 0, 2}) {
       subdivide(c, x);
-      x = x->child[d < 4 ? 2 : 0];
+      x = x->child[k];
     }
     a = x;
-    a->channels = CHANNELMASK_COUNT;
+    a->channels = CHANNELMASK_COUNT | CHANNELMASK_ITER;
     a->priority = 3;
     processarea(c, a);
-    EXPECT_NE(a->worker, nullptr);
+    sent = a->worker && a->worker->workerproc == worker_canvas_calc_juliacorrect;
   });
-  // Home on the main thread: the pixels name levels beyond the ready one,
-  // so the area waits with its buffer.
+  EXPECT_TRUE(sent);
+  // The pixels come home, need no level, and become channels on a worker,
+  // then tiles in the area.
   enginetest::waitfor([&] {
     bool done = false;
-    e.onmain([&](OVCONTEXT*) { done = !a->worker; });
+    e.onmain([&](OVCONTEXT*) { done = a->texture[CHANNEL_COUNT] && !a->worker; });
     return done;
-  });
-  e.onmain([&](OVCONTEXT* c) {
-    ASSERT_NE(a->prepixels, nullptr);
-    EXPECT_GT(a->jst, 0);
-    EXPECT_TRUE(a->flags & A_WAITFORJULIASTACK);
-    int named = 0;
-    for (const PREPIXEL& p : a->prepixels->pixels) named += p.depth > 0;
-    EXPECT_GT(named, 0);
-    EXPECT_GT(a->statvertices, 0);
-    resetarea(c, a, true);
-    EXPECT_EQ(a->prepixels, nullptr);
   });
   e.waitidle();
   e.onmain([&](OVCONTEXT* c) {
+    EXPECT_TRUE(a->flags & A_PRECALCULATED);
+    EXPECT_FALSE(a->flags & A_JULIACORRECT);
+    EXPECT_EQ(a->prepixels, nullptr);
+    EXPECT_EQ(a->jst, -1);
+    EXPECT_GT(a->statvertices, 0);
+    const float* count = static_cast<const float*>(a->texture[CHANNEL_COUNT]->pixels);
+    const float* iter = static_cast<const float*>(a->texture[CHANNEL_ITER]->pixels);
+    for (int k = 0; k < NPREPIXEL; k += 97) {
+      // z0 at least sqrt 2 from 0: out within three steps.
+      EXPECT_GE(count[k], 0.0f) << k;
+      EXPECT_LE(count[k], 3.0f) << k;
+      EXPECT_FLOAT_EQ(iter[k], count[k] * 9.313226e-10f) << k;
+    }
     COUNTS end = counts(c);
     EXPECT_EQ(end.iworkerall, start.iworkerall);
-    EXPECT_EQ(end.itexture, start.itexture);
     EXPECT_EQ(end.ijuliacache, start.ijuliacache);
-    EXPECT_EQ(end.chained, start.chained + 1);
+    EXPECT_EQ(end.chained, start.chained + 1);  // the one buffer, free again
     free(r->juliastack);
     r->juliastack = nullptr;
   });
