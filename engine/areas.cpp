@@ -124,8 +124,9 @@ void removea(OVCONTEXT* context, AREA* a) {
   // Each tile lets go of the area first: a list or a worker may hold it
   // beyond the area's end, and it must not name a freed record then.
   for (int i = 0; i < NCHANNELS; i++) droptexture(context, a, i);
-  // The PREPIXELS block is given back here by the Julia cache operations; no
-  // area can hold one before those exist.
+  if (a->flags & A_INPPPROGRAM) juliacorrectforget(context, a);
+  removeprepixels(context, a->prepixels);
+  a->prepixels = nullptr;
   if (a->flags & A_INDELCHAIN) takeoffchain(context, a);
   detache(context, a->e);
   a->e = nullptr;
@@ -186,8 +187,8 @@ void resetarea(OVCONTEXT* context, AREA* a, bool all) {
     dropped = true;
   }
   if (dropped) updatedelchain(context, a);
-  // The PREPIXELS block is given back here by the Julia cache operations; no
-  // area can hold one before those exist.
+  removeprepixels(context, a->prepixels);
+  a->prepixels = nullptr;
   if (a->flags & A_WAITFORJULIASTACK) {
     chainrem(&a->waitforjuliastack);
     initchain(&a->waitforjuliastack);

@@ -4,7 +4,14 @@
 // thread's canvas; its return on the main thread installs the tiles through
 // the upload step. Everything a job holds comes back through
 // `freecanvascalcworker`, whichever way the job ends.
+//
+// The Julia path: an area whose realm corrects through a stack with a ready
+// level renders PREPIXELs into a pixel buffer instead
+// (`worker_canvas_calc_juliacorrect`), which the correction resolves before
+// the channels are made from it (`worker_prepixel2pixel`); a stack level's
+// tile is rendered the same way into the tile (`worker_canvas_calc_inner`).
 #include <cstdio>
+#include <cstring>
 
 #include "Mandelbrot.h"
 #include "canvas/model.h"
@@ -132,6 +139,80 @@ void removejobcanvas(OVCONTEXT* context, WORKER* worker, unsigned int mode) {
   }
 }
 
+template <typename T>
+int prepixelformat(OVCONTEXT* context, CANVAS0* canvas, PREPIXEL* pixels) {
+  return canvasrender::rendercanvasprepixel<T>(context, reinterpret_cast<typename T::CANVAS*>(canvas),
+                                               pixels, PREPIXELTILESIZE, true);
+}
+
+// Renders the finished canvas as PREPIXELs, corrected at once where the
+// stack's tiles are in memory; the correction's answer.
+int renderprepixels(OVCONTEXT* context, WORKER* worker, unsigned int mode, PREPIXEL* pixels) {
+  switch (mode) {
+    case CANVASTEMPLATE_float::MODE: return prepixelformat<CANVASTEMPLATE_float>(context, worker->canvas, pixels);
+    case CANVASTEMPLATE_double::MODE: return prepixelformat<CANVASTEMPLATE_double>(context, worker->canvas, pixels);
+    case CANVASTEMPLATE_longdouble::MODE: return prepixelformat<CANVASTEMPLATE_longdouble>(context, worker->canvas, pixels);
+    case CANVASTEMPLATE_hfloat::MODE: return prepixelformat<CANVASTEMPLATE_hfloat>(context, worker->canvas, pixels);
+  }
+  return 0;
+}
+
+// Where an inner job writes: the stack tile it locked, or its pixel buffer.
+PREPIXEL* innertarget(WORKER* worker) {
+  if (JULIACACHE* jc = static_cast<JULIACACHE*>(worker->pdata[JOB_JULIACACHE])) return jc->data;
+  return worker->prepixels ? worker->prepixels->pixels : nullptr;
+}
+
+// The stack an area's job corrects through: its realm's own, or for the
+// general realm that of its Julia realm, once a level of it is ready.
+REALM* correctingrealm(const AREA* a) {
+  REALM* r = a->realm;
+  if (!(r->flags & R_JULIACORRECT)) return nullptr;
+  REALM* s = r->type == GENERAL ? a->juliarealm : r;
+  if (!s || s->type != JULIA || !s->juliastack) return nullptr;
+  return atomicload(&s->readyjuliastack) >= 0 ? s : nullptr;
+}
+
+// What the channels of an area made from PREPIXELs need to know: the
+// pixel's size, c of its first pixel or the Julia parameter, and the seed's
+// attractor.
+void fillchannelparams(AREA* a, WORKER* w) {
+  const REALM* r = a->realm;
+  bool julia = r->type == JULIA;
+  w->idata[JOB_WORD] = julia ? static_cast<ITER>(CF_JULIA) : 0;
+  w->idata[JOB_PIXELSIZE] = 4 - a->depth - PREPIXELTILESIZESHIFT;
+  HFLOATCOMPLEX base;
+  if (julia && r->info.c) {
+    base = cHF(mpf_get_HF(r->info.c->v[0]), mpf_get_HF(r->info.c->v[1]));
+  } else {
+    HFLOATCOMPLEX ct;
+    HPVALUE* corner = getcoordarel(a, &ct);
+    base = corner ? caddHF(cHF(mpf_get_HF(corner->v[0]), mpf_get_HF(corner->v[1])), ct) : ct;
+  }
+  w->hdata[JOB_BASE] = base;
+  w->hdata[JOB_TRAPCENTRE] = r->info.z;
+  w->hdata[JOB_TRAPRADIUS] = HFLOATCOMPLEX{r->info.dj.mantissa, 0, r->info.dj.exponent};
+  w->idata[JOB_MITER] = r->info.iter;
+}
+
+int jobprio(const AREA* a) {
+  return a->priority > 0 && a->priority < NWORKERPRIO ? a->priority : NWORKERPRIO - 1;
+}
+
+// The stack tile an area of a Julia realm shows at its level and place.
+JULIACACHE* innertile(OVCONTEXT* context, const AREA* a) {
+  const REALM* r = a->realm;
+  if (r->type != JULIA || !r->juliastack || a->xinner < 0 || a->yinner < 0) return nullptr;
+  int level = a->depth - (context->juliasizeshift - 6);
+  if (level < 0) level = 0;
+  if (level >= r->njuliastack || level > atomicload(&r->readyjuliastack)) return nullptr;
+  const JULIASTACKDATA& L = r->juliastack[level];
+  int n = 1 << L.sizeshift;
+  if (a->xinner >= n || a->yinner >= n || a->xinner >= MAXJULIASTACKSIZE || a->yinner >= MAXJULIASTACKSIZE)
+    return nullptr;
+  return L.c[a->yinner][a->xinner];
+}
+
 // The canvas's count of work goes home with the job.
 void recordwork(WORKER* worker) {
   const CANVAS0* canvas = worker->canvas;
@@ -198,11 +279,14 @@ bool processarea(OVCONTEXT* context, AREA* a) {
 
   takemodes(a, r);
   a->computecycle = r->computecycle;
-  WORKER* w = addworker(context, THREAD_WORKER, worker_canvas_calc);
+  REALM* stack = correctingrealm(a);
+  WORKER* w = addworker(context, THREAD_WORKER, stack ? worker_canvas_calc_juliacorrect : worker_canvas_calc);
   if (!w) return true;
   // A record keeps the payload of its last use; the job's release reads
   // every slot, so none may be left over.
   for (void*& p : w->pdata) p = nullptr;
+
+  clearjob(w);
   w->prio = a->priority;
   w->pdata[JOB_AREA] = a;
   w->pdata[JOB_AREAREALM] = r;
@@ -218,7 +302,11 @@ bool processarea(OVCONTEXT* context, AREA* a) {
   }
   fillword(a, w);
   filljulia(a, w);
-  if (!taketiles(context, a, w)) {
+  if (stack) {
+    // The tiles are taken once the pixels are final.
+    attachrealm(stack);
+    w->pdata[JOB_REALM] = stack;
+  } else if (!taketiles(context, a, w)) {
     freecanvascalcworker(context, w);
     return true;
   }
@@ -279,8 +367,18 @@ void worker_canvas_calc_fail(OVCONTEXT* context, WORKER* worker) {
 }
 
 void freecanvascalcworker(OVCONTEXT* context, WORKER* worker) {
-  // The PREPIXELS block, the chain and the Julia cache tile of a Julia-stack
-  // job are given back here by the Julia cache.
+  removeprepixels(context, worker->prepixels);
+  worker->prepixels = nullptr;
+  if (worker->chain.next && !chainempty(&worker->chain)) {
+    chainrem(&worker->chain);
+    initchain(&worker->chain);
+  }
+  if (JULIACACHE* jc = static_cast<JULIACACHE*>(worker->pdata[JOB_JULIACACHE])) {
+    if (worker->idata[JOB_JULIACACHELOCKED]) unlockmemjuliacache(context, jc, 0);
+    worker->idata[JOB_JULIACACHELOCKED] = 0;
+    detachjc(context, jc);
+    worker->pdata[JOB_JULIACACHE] = nullptr;
+  }
   for (int i = 0; i < NCHANNELS; i++) {
     TEXTURE* t = static_cast<TEXTURE*>(worker->pdata[JOB_TEXTURE + i]);
     if (!t) continue;
@@ -294,4 +392,188 @@ void freecanvascalcworker(OVCONTEXT* context, WORKER* worker) {
   if (REALM* jr = static_cast<REALM*>(worker->pdata[JOB_REALM])) __detachrealm(context, jr);
   if (REALM* r = static_cast<REALM*>(worker->pdata[JOB_AREAREALM])) __detachrealm(context, r);
   freeworker(context, worker);
+}
+
+// ---------------------------------------------------------------- the Julia path
+
+void clearjob(WORKER* w) {
+  memset(w->pdata, 0, sizeof w->pdata);
+  w->idata[JOB_PREPIXELDEPTH] = -1;
+  w->idata[JOB_PREPIXELRESULT] = 0;
+  w->idata[JOB_JULIACACHELOCKED] = 0;
+  initchain(&w->chain);
+  w->prepixels = nullptr;
+}
+
+void worker_canvas_calc_juliacorrect(OVCONTEXT* context, WORKER* worker) {
+  if (!atomicload(&worker->stop) && !worker->prepixels) {
+    worker->prepixels = addprepixels(context);
+    if (!worker->prepixels) {
+      worker->workerproc = worker_waitforprepixels;
+      worker->recipient = THREAD_MAIN;
+      dispatch(context, worker);
+      return;
+    }
+  }
+  worker_canvas_calc_inner(context, worker);
+}
+
+void worker_waitforprepixels(OVCONTEXT* context, WORKER* worker) {
+  worker->workerproc = worker_canvas_calc_juliacorrect;
+  worker->recipient = THREAD_WORKER;
+  if (!atomicload(&worker->stop) && !worker->prepixels) worker->prepixels = addprepixels(context);
+  if (atomicload(&worker->stop) || worker->prepixels)
+    dispatch(context, worker);
+  else
+    waitforprepixels(context, worker);
+}
+
+void worker_canvas_calc_inner(OVCONTEXT* context, WORKER* worker) {
+  bool rendered = false;
+  if (!atomicload(&worker->stop)) {
+    if (!worker->canvas) {
+      fprintf(stderr, "worker_canvas_calc_inner: FATAL ERROR: !canvas\n");
+      return;
+    }
+    PREPIXEL* pixels = innertarget(worker);
+    unsigned int mode = pixels ? canvas_calc_init(context, worker) : 0;
+    if (mode) recordwork(worker);
+    if (mode && !atomicload(&worker->stop)) {
+      worker->idata[JOB_PREPIXELRESULT] = renderprepixels(context, worker, mode, pixels);
+      rendered = true;
+    }
+    if (mode) removejobcanvas(context, worker, mode);
+  }
+  worker->workerproc = rendered ? worker_canvas_calc_inner_return : worker_canvas_calc_fail;
+  worker->recipient = THREAD_MAIN;
+  dispatch(context, worker);
+}
+
+void worker_canvas_calc_inner_return(OVCONTEXT* context, WORKER* worker) {
+  AREA* a = static_cast<AREA*>(worker->pdata[JOB_AREA]);
+  if (atomicload(&worker->stop)) {
+    freecanvascalcworker(context, worker);
+    return;
+  }
+  if (JULIACACHE* jc = static_cast<JULIACACHE*>(worker->pdata[JOB_JULIACACHE])) {
+    // A stack level's tile: its contents are new. The level's own count of
+    // tiles in work belongs to the stack.
+    unlockmemjuliacache(context, jc, JCUNLOCK_DIRTY);
+    worker->idata[JOB_JULIACACHELOCKED] = 0;
+    freecanvascalcworker(context, worker);
+    return;
+  }
+  a->worker = nullptr;
+  REALM* r = a->realm;
+  if (a->computecycle != r->computecycle && !isvalid(context, a)) {
+    resetarea(context, a, false);
+    processarea(context, a);
+    freecanvascalcworker(context, worker);
+    return;
+  }
+  a->statvertices = worker->idata[JOB_STATVERTICES];
+  a->statiterations = static_cast<int64_t>(
+      static_cast<uint64_t>(static_cast<uint32_t>(worker->idata[JOB_STATITERLOW])) |
+      static_cast<uint64_t>(static_cast<uint32_t>(worker->idata[JOB_STATITERHIGH])) << 32);
+  removeprepixels(context, a->prepixels);
+  a->prepixels = worker->prepixels;
+  worker->prepixels = nullptr;
+  a->jst = worker->idata[JOB_PREPIXELDEPTH];
+  int result = worker->idata[JOB_PREPIXELRESULT];
+  freecanvascalcworker(context, worker);
+  // A level that was not ready may be by now; a tile that was not in memory
+  // is read by the program.
+  if (result == 0)
+    areajuliacorrectok(context, a);
+  else
+    prejuliacorrect(context, a, result == 2);
+}
+
+WORKER* prepixel2pixeljob(OVCONTEXT* context, AREA* a, PREPIXELS* pixels, WORKERPROC proc) {
+  WORKER* w = addworker(context, THREAD_WORKER, proc);
+  if (!w) {
+    removeprepixels(context, pixels);
+    return nullptr;
+  }
+  clearjob(w);
+  w->prio = jobprio(a);
+  w->prepixels = pixels;
+  w->pdata[JOB_AREA] = a;
+  w->pdata[JOB_AREAREALM] = a->realm;
+  attachrealm(a->realm);
+  fillchannelparams(a, w);
+  if (!taketiles(context, a, w)) {
+    freecanvascalcworker(context, w);
+    return nullptr;
+  }
+  return w;
+}
+
+void worker_renderinner(OVCONTEXT* context, WORKER* worker) {
+  AREA* a = static_cast<AREA*>(worker->pdata[JOB_AREA]);
+  JULIACACHE* jc = atomicload(&worker->stop) ? nullptr : innertile(context, a);
+  if (!jc || !lockmemjuliacache(context, jc, JCLOCK_READ)) {
+    if (!atomicload(&worker->stop) && a->worker == worker) a->worker = nullptr;
+    freecanvascalcworker(context, worker);
+    return;
+  }
+  attachjc(jc);
+  worker->pdata[JOB_JULIACACHE] = jc;
+  worker->idata[JOB_JULIACACHELOCKED] = 1;
+  if (!worker->pdata[JOB_AREAREALM]) {
+    worker->pdata[JOB_AREAREALM] = a->realm;
+    attachrealm(a->realm);
+  }
+  fillchannelparams(a, worker);
+  if (!taketiles(context, a, worker)) {
+    if (a->worker == worker) a->worker = nullptr;
+    freecanvascalcworker(context, worker);
+    return;
+  }
+  worker->workerproc = worker_prepixel2pixeljc;
+  worker->recipient = THREAD_WORKER;
+  worker->prio = 0;
+  a->worker = worker;
+  dispatch(context, worker);
+}
+
+namespace {
+
+void pixelsdone(OVCONTEXT* context, WORKER* worker, bool made) {
+  worker->workerproc = made ? worker_prepixel2pixel_return : worker_canvas_calc_fail;
+  worker->recipient = THREAD_MAIN;
+  dispatch(context, worker);
+}
+
+}  // namespace
+
+void worker_prepixel2pixel(OVCONTEXT* context, WORKER* worker) {
+  bool made = !atomicload(&worker->stop) && worker->prepixels;
+  if (made) prepixel2pixelofjob(context, worker, worker->prepixels->pixels);
+  pixelsdone(context, worker, made);
+}
+
+void worker_prepixel2pixeljc(OVCONTEXT* context, WORKER* worker) {
+  JULIACACHE* jc = static_cast<JULIACACHE*>(worker->pdata[JOB_JULIACACHE]);
+  bool made = !atomicload(&worker->stop) && jc && jc->data;
+  if (made) prepixel2pixelofjob(context, worker, jc->data);
+  pixelsdone(context, worker, made);
+}
+
+void worker_prepixel2pixel_return(OVCONTEXT* context, WORKER* worker) {
+  AREA* a = static_cast<AREA*>(worker->pdata[JOB_AREA]);
+  if (atomicload(&worker->stop)) {
+    freecanvascalcworker(context, worker);
+    return;
+  }
+  a->worker = nullptr;
+  REALM* r = a->realm;
+  if (a->computecycle != r->computecycle && !isvalid(context, a)) {
+    resetarea(context, a, false);
+    processarea(context, a);
+  } else {
+    a->flags |= A_PRECALCULATED;
+    handtiles(context, worker, a);
+  }
+  freecanvascalcworker(context, worker);
 }

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "Mandelbrot.h"
+#include "canvas/render.h"
 #include "pool.h"
 
 namespace {
@@ -88,13 +89,15 @@ void numberrecords(OVCONTEXT* context) {
     t->pixels = nullptr;
     t->texture = -1;
   }
-  for (int i = 0; i < context->njuliacache; i++) {
-    context->juliacache[i].ijuliacache = i;
-    context->juliacache[i].flags = JCF_FREE;
-  }
-  for (int i = 0; i < context->njuliacachefile; i++) {
-    context->juliacachefile[i].ijuliacache = i + context->njuliacache;
-    context->juliacachefile[i].flags = JCF_FREE;
+  // A record owns no memory slot until the cache gives it one.
+  for (int i = 0; i < context->njuliacache + context->njuliacachefile; i++) {
+    JULIACACHE* jc = i < context->njuliacache ? &context->juliacache[i]
+                                              : &context->juliacachefile[i - context->njuliacache];
+    jc->ijuliacache = i;
+    jc->flags = JCF_FREE;
+    jc->_data = jc->data = nullptr;
+    jc->file = nullptr;
+    jc->count = jc->memcount = 0;
   }
 }
 
@@ -277,19 +280,27 @@ void clearlimbs(OVCONTEXT* context, HPVALUE* h) {
 // Writes a tile's unwritten contents to its slot of the swap file, which is
 // created (or emptied) the first time it is needed here.
 void spilltile(OVCONTEXT* context, JULIACACHE* jc) {
-  if (context->juliacachetmpfile < 0)
-    context->juliacachetmpfile =
-        open(context->juliacachetmpfilename, O_RDWR | O_CREAT | O_TRUNC, 0600);
-  ssize_t n = -1;
-  if (context->juliacachetmpfile >= 0)
-    n = pwrite(context->juliacachetmpfile, jc->_data, JULIACACHETILEBYTES,
-               static_cast<off_t>(jc->ijuliacache) * JULIACACHETILEBYTES);
-  if (n != JULIACACHETILEBYTES) fputs("shutdowncontext: fatal I/O error.\n", stderr);
+  if (!juliaswapwrite(context, jc, jc->_data)) fputs("shutdowncontext: fatal I/O error.\n", stderr);
+}
+
+// A tile still locked holds a slot too; it goes out the same way, so that no
+// record keeps a pointer into a freed block.
+void swapoutlocked(OVCONTEXT* context, JULIACACHE* records, int n) {
+  for (int i = 0; records && i < n; i++) {
+    JULIACACHE* jc = &records[i];
+    if (!jc->_data || (jc->flags & JCF_INMEMCHAIN)) continue;
+    if ((jc->flags & JCF_DIRTY) && jc->data) spilltile(context, jc);
+    jc->flags &= ~JCF_DIRTY;
+    jc->_data = nullptr;
+    jc->data = nullptr;
+  }
 }
 
 // Every Julia tile in memory goes to the swap file, and the memory is given
 // back: a stopped engine then holds no tile memory at all.
 void swapoutjuliacache(OVCONTEXT* context) {
+  swapoutlocked(context, context->juliacache, context->njuliacache);
+  swapoutlocked(context, context->juliacachefile, context->njuliacachefile);
   CHAIN* head = &context->juliacachememchain;
   for (CHAIN* l = head->next; l != head; l = l->next) {
     JULIACACHE* jc = CHAINRECORD(l, JULIACACHE, memchain);
@@ -308,8 +319,7 @@ void swapoutjuliacache(OVCONTEXT* context) {
     block = nullptr;
   }
   context->imemjuliacache = 0;
-  if (context->juliacachetmpfile >= 0) close(context->juliacachetmpfile);
-  context->juliacachetmpfile = -1;
+  juliaswapclose(context);
 }
 
 // The count of blocks made falls with them, so a relaunched engine may make
@@ -350,6 +360,8 @@ bool initcontext(OVCONTEXT* context, int64_t totalmemory, int nthread, int julia
   context->njuliacacheprogram = context->njuliapp * 65536;
   if (!textureuploadcallback) context->flags |= OVCONTEXT_NO_GLTHREAD | OVCONTEXT_TEXTURE_MEM;
 
+  // Canvases resolve their pixels against the Julia stack through this.
+  juliacorrectphook = juliacorrectp;
   sizepools(context, ntexture, tmpdirectory);
   if (!allocpools(context)) return false;
   numberrecords(context);
@@ -386,12 +398,16 @@ void shutdowncontext(OVCONTEXT* context, bool cachejc) {
     v->priority = 0;
     __deactivateviewport(context, v, false);
   }
+
+  // Pending corrections hold areas that the views' deactivation may reset.
+  while (context->ijuliacachepp != 0) finishjuliacorrect(context);
   join(context, 2);
   for (int i = 3; i < context->nthread; i++) {
     join(context, i);
     if (i > 3) freecanvas(context, i);
   }
   if (!hascontextflag(context, OVCONTEXT_NO_GLTHREAD)) join(context, 1);
+  releaseprepixelwaiters(context);
   run(context);  // what is still queued runs to its end, on the canvas of index 3
   freecanvas(context, 3);
   for (int i = 0; i < context->nhpvalue; i++) {

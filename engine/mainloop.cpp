@@ -76,6 +76,7 @@ bool drainpriotable(OVCONTEXT* context) {
 }  // namespace
 
 bool idleonce(OVCONTEXT* context);
+void idlejuliacorrect(OVCONTEXT* context);
 
 void worker_nop(OVCONTEXT* context, WORKER* worker) { freeworker(context, worker); }
 
@@ -94,7 +95,19 @@ bool idleonce(OVCONTEXT* context) {
   return true;
 }
 
-void idle(OVCONTEXT* context) { idleonce(context); }
+// Corrections wait for a quiet moment; a program that is still not empty
+// asks for another turn.
+void idlejuliacorrect(OVCONTEXT* context) {
+  if (context->ijuliacachepp == 0) return;
+  finishjuliacorrect(context);
+  if (context->ijuliacachepp == 0) return;
+  if (WORKER* nop = addworker(context, THREAD_MAIN, worker_nop)) dispatch(context, nop);
+}
+
+void idle(OVCONTEXT* context) {
+  idleonce(context);
+  idlejuliacorrect(context);
+}
 
 void* thread_main(void* ctxt) {
   THREADCONTEXT* tc = static_cast<THREADCONTEXT*>(ctxt);
@@ -132,6 +145,7 @@ void run(OVCONTEXT* context) {
     // An idle worker handed out here is work too: a worker is never left
     // unrun at the end.
     done |= idleonce(context);
+    idlejuliacorrect(context);
     if (hascontextflag(context, OVCONTEXT_DORENDER)) {
       clearcontextflag(context, OVCONTEXT_DORENDER);
       publishstrings(context);

@@ -69,9 +69,10 @@ void detachrealm(OVCONTEXT* context, REALM* realm) {
 
 void __detachrealm(OVCONTEXT* context, REALM* realm) {
   if (atomicdecrementint(&realm->count) != 0) return;
-  // The Julia cache's finishjuliacorrect joins here: while `ijuliacachepp`
-  // is at least `njuliapp`, pending corrections may hold this realm and may
-  // raise its count again, which is why the count is read once more below.
+  // Pending corrections may hold this realm and raise its count again,
+  // which is why the count is read once more below.
+  while (context->ijuliacachepp >= context->njuliapp && context->ijuliacachepp != 0)
+    finishjuliacorrect(context);
   if (atomicload(&realm->count) != 0) return;
   __removerealm(context, realm);
   free(realm);
