@@ -282,10 +282,6 @@ bool processarea(OVCONTEXT* context, AREA* a) {
   REALM* stack = correctingrealm(a);
   WORKER* w = addworker(context, THREAD_WORKER, stack ? worker_canvas_calc_juliacorrect : worker_canvas_calc);
   if (!w) return true;
-  // A record keeps the payload of its last use; the job's release reads
-  // every slot, so none may be left over.
-  for (void*& p : w->pdata) p = nullptr;
-
   clearjob(w);
   w->prio = a->priority;
   w->pdata[JOB_AREA] = a;

@@ -301,9 +301,6 @@ struct SCHEMEHOOKS {
 };
 extern SCHEMEHOOKS schemehooks;
 
-// The Julia cache's turn of PREPIXELs into tile values; null frees the
-// message.
-extern WORKERPROC prepixel2pixelhook;
 
 // ---------------------------------------------------------------- life (viewports.cpp)
 

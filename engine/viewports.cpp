@@ -14,7 +14,6 @@
 IDLEHOOKS idlehooks = {};
 JULIAHOOKS juliahooks = {};
 SCHEMEHOOKS schemehooks = {};
-WORKERPROC prepixel2pixelhook = nullptr;
 
 namespace {
 
@@ -495,11 +494,6 @@ void worker_mark(OVCONTEXT* context, WORKER* worker) {
   }
   __detachviewport(context, v);
   freeworker(context, worker);
-}
-
-void worker_prepixel2pixel(OVCONTEXT* context, WORKER* worker) {
-  if (prepixel2pixelhook) prepixel2pixelhook(context, worker);
-  else freeworker(context, worker);
 }
 
 // ---------------------------------------------------------------- the status line

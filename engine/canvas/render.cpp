@@ -161,9 +161,13 @@ RENDER<T> renderof(OVCONTEXT* context, typename T::CANVAS* canvas) {
 // The count of a vertex: positive escaped, negative interior, 0 unknown. A
 // Julia point with an attracting cycle counts its trapped orbits by the phase
 // of the cycle at which they were caught.
+//
+// An orbit given up by the precision test (CV_FAILED) neither escaped nor
+// was proved interior: its iteration is where the arithmetic failed, not an
+// escape, so it shows as unknown rather than as a wrong count.
 template <typename T>
 ITER countof(const RENDER<T>& R, const typename T::CVERTEX* vx) {
-  if (!(vx->flags & VX_FINISHED)) return 0;
+  if (!(vx->flags & VX_FINISHED) || (vx->v.flags & CV_FAILED)) return 0;
   ITER iter = static_cast<ITER>(vx->v.iter);
   if (!(vx->v.flags & CV_INFTY)) return iter;
   if (R.period > 0) {
