@@ -222,19 +222,39 @@ void placejuliachildren(OVCONTEXT* context, AREA* a) {
     if (a->child[i]) __initjuliatop(context, a->child[i], x0 + CHILDX[i], y0 + CHILDY[i]);
 }
 
+namespace {
+
+// Marks the tiles of level 0 below `a`, whose lower-left tile would be
+// (x0, y0) when it lies above level 0, and leaves alone what lies outside
+// the grid.
+void markgrid(OVCONTEXT* context, AREA* a, int x0, int y0) {
+  int n = 1 << a->realm->juliastacksizeshift;
+  int k = juliabasedepth(context) - a->depth;
+  int span = 1 << k;
+  if (x0 + span <= 0 || y0 + span <= 0 || x0 >= n || y0 >= n) return;
+  if (k == 0) {
+    __initjuliatop(context, a, x0, y0);
+    return;
+  }
+  subdivide(context, a);
+  for (int i = 0; i < 4; i++)
+    if (a->child[i])
+      markgrid(context, a->child[i], x0 + CHILDX[i] * span / 2, y0 + CHILDY[i] * span / 2);
+}
+
+}  // namespace
+
 void initjuliatop(OVCONTEXT* context, AREA* a, int xinner, int yinner, int maxdepth) {
   int q = childindex(a);
-  if (q < 0) return;
-  // The corner of the quadrant that touches 0 is the opposite one.
-  int inward = (q + 2) & 3;
   int base = juliabasedepth(context);
-  while (a && a->depth < base) {
-    subdivide(context, a);
-    a = a->child[inward];
-  }
-  if (!a) return;
-  __initjuliatop(context, a, xinner, yinner);
-  // Subdividing a marked area marks its children.
+  if (q < 0 || a->depth > base) return;
+  // The corner of the quadrant that touches 0 is the opposite one; the tile
+  // there is (xinner, yinner).
+  int inward = (q + 2) & 3;
+  int span = 1 << (base - a->depth);
+  markgrid(context, a, xinner - CHILDX[inward] * (span - 1), yinner - CHILDY[inward] * (span - 1));
+  while (a && a->depth < base) a = a->child[inward];
+  // Below level 0, subdividing a marked area marks its children.
   while (a && a->xinner != -1 && a->depth < maxdepth) {
     subdivide(context, a);
     a = a->child[inward];

@@ -23,14 +23,15 @@ void copyjuliastack(OVCONTEXT* context, REALM* to, const REALM* from);
 // stopped.
 void freejuliastack(OVCONTEXT* context, REALM* realm);
 
-// Subdivides the realm's top and marks, from the middle outward, the four
-// tiles of the stack's grid that touch 0, building each quadrant's path to
-// them down to the depth of level d.
+// Subdivides the realm's top and marks the stack's grid in its four
+// quadrants, from the tiles at 0 outward, down to the depth of level d.
 void juliaprepare(OVCONTEXT* context, REALM* realm, int d);
 
-// `a` is a quadrant of its realm's top. Walks from it towards 0 to the
-// depth of level 0, subdividing on the way, marks the area there with
-// (xinner, yinner), and goes on marking the areas at 0 down to `maxdepth`.
+// `a` is a quadrant of its realm's top, and (xinner, yinner) the tile of
+// level 0 at its corner at 0. Subdivides down to the depth of level 0 where
+// the quadrant meets the stack's square and marks every tile of level 0 in
+// it, then builds the path of the tiles at 0 down to `maxdepth`, subdivision
+// marking each level's tiles.
 void initjuliatop(OVCONTEXT* context, AREA* a, int xinner, int yinner, int maxdepth);
 
 // Marks `a` with its place in the stack's grid, -1 for both when the place
