@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "Mandelbrot.h"
+#include "juliastack.h"
 #include "pool.h"
 
 namespace {
@@ -167,8 +168,7 @@ void subdivide(OVCONTEXT* context, AREA* a) {
     }
   // A subdivision is a sign of interest: the children count as the youngest.
   for (int i = 0; i < nnoted; i++) putonchain(context, noted[i]);
-  // The Julia stack's __initjuliatop joins here, for children of an area in
-  // the stack's grid (`xinner` set, `depth` at least juliasizeshift - 6).
+  placejuliachildren(context, a);
 }
 
 void resetarea(OVCONTEXT* context, AREA* a, bool all) {

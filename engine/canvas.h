@@ -68,6 +68,10 @@ constexpr int JOB_JULIA = 3;        // pdata: HPVALUE*, the Julia parameter (Jul
 constexpr int JOB_REALM = 4;        // pdata: REALM* whose Julia stack serves the job, or null
 constexpr int JOB_TEXTURE = 5;      // pdata 5..13: the locked tile of each channel, or null
 constexpr int JOB_AREAREALM = 14;   // pdata: the area's realm, held by the job
+// Julia realm, a job for an area (not for a tile of a stack level, bit
+// 0x800000 of the word): the level whose series starts the vertices, or
+// null. Read, never held.
+constexpr int JOB_JULIAFRAME = 16;  // pdata: const JULIASTACKDATA*
 
 // The number format of a job: CF_MODEPREC of its word, or by its depth when
 // that is 0. Returns the format's MODE (16, 32, 48, 64), or 0 after printing

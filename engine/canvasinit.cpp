@@ -36,6 +36,9 @@ constexpr HFLOAT SBOUNDFACTOR = {0x20C49BA5E353F800, -8};
 constexpr ITER JULIAMAXITER = 200000000;
 constexpr ITER HYPERBOLICMAXITER = 10000000;
 
+// Bit of a job's word for a tile of a stack level: such a job has no frame.
+constexpr unsigned int CF_STACKTILE = 0x800000;
+
 // A change of precision within this many bits keeps the scratch storage.
 constexpr long PRECISIONSLACK = 10;
 
@@ -57,6 +60,21 @@ void emptyvalue(typename T::CVALUE* v, unsigned int flags) {
   v->flags = flags;
 }
 
+// The frame's series at delta, and its derivative, by Horner.
+void frameseries(const JULIASTACKDATA* frame, HFLOATCOMPLEX delta, HFLOATCOMPLEX* value,
+                 HFLOATCOMPLEX* derivative) {
+  const HFLOATCOMPLEX* t = frame->taylorj;
+  constexpr int n = NINTERPOLTAYLOR;
+  HFLOATCOMPLEX v = t[n - 1];
+  HFLOATCOMPLEX d = cmulHF2(t[n - 1], HFd(n - 1));
+  for (int k = n - 2; k >= 0; k--) {
+    v = caddHF(cmulHF(v, delta), t[k]);
+    if (k >= 1) d = caddHF(cmulHF(d, delta), cmulHF2(t[k], HFd(k)));
+  }
+  *value = v;
+  *derivative = d;
+}
+
 }  // namespace
 
 template <typename T>
@@ -73,6 +91,10 @@ void initcanvas(OVCONTEXT* context, typename T::CANVAS* canvas, WORKER* worker, 
   bool julia = (word & CF_JULIA) != 0;
   bool general = (word & CF_GENERAL) != 0;
   bool hyperbolic = (word & CF_HYPERBOLIC) != 0;
+  const JULIASTACKDATA* frame =
+      (word & (CF_JULIA | CF_STACKTILE)) == CF_JULIA
+          ? static_cast<const JULIASTACKDATA*>(worker->pdata[JOB_JULIAFRAME])
+          : nullptr;
 
   canvas->canvassizeshift = sizeshift;
   canvas->canvasinterpol = interpol;
@@ -196,7 +218,7 @@ void initcanvas(OVCONTEXT* context, typename T::CANVAS* canvas, WORKER* worker, 
     else canvas->cf = COMPLEX(fx, fy);
     canvas->cr = N::czero();
   }
-  canvas->ct = ct;
+  canvas->ct = frame ? frame->mr : ct;
 
   int size = 1 << sizeshift;
   FLOAT step = N::pow2(s);
@@ -232,7 +254,14 @@ void initcanvas(OVCONTEXT* context, typename T::CANVAS* canvas, WORKER* worker, 
       v->next5 = -1;
       v->dummy = 0;
       v->flags = 0;
-      if (startatpoint) {
+      if (frame) {
+        // The level's series carries the orbit `iter` steps on at once.
+        HFLOATCOMPLEX z, dz;
+        frameseries(frame, N::ctoHF(N::cadd(canvas->cf, N::cscaled(x, y, step))), &z, &dz);
+        v->v.value = N::cfromHF(z);
+        v->v.d = N::cfromHF(cmulHF2(dz, canvas->dfactor));
+        v->v.iter = static_cast<UITER>(frame->iter);
+      } else if (startatpoint) {
         v->v.value = N::cadd(canvas->cf, N::cscaled(x, y, step));
         v->v.d = dstart;
       }

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "Mandelbrot.h"
+#include "juliastack.h"
 
 namespace {
 
@@ -89,9 +90,7 @@ void __removerealm(OVCONTEXT* context, REALM* realm) {
   realm->jsttask = nullptr;
   detachhpv(context, realm->info.c);
   realm->info.c = nullptr;
-  // The Julia stack's levels are freed here, with "removerealm: FATAL ERROR.
-  // Still computing.\n" for a tile still computing; no realm has levels
-  // before the stack exists.
+  freejuliastack(context, realm);
 }
 
 void __createtop(OVCONTEXT* context, REALM* realm, bool withjulia) {
@@ -114,7 +113,8 @@ void __createtop(OVCONTEXT* context, REALM* realm, bool withjulia) {
     }
   }
   if (realm->type == JULIA && withjulia) {
-    // The Julia stack's initjuliastack and juliaprepare join here.
+    initjuliastack(context, realm);
+    juliaprepare(context, realm, context->juliasizeshift - 3);
     realm->jsttask = __addtask(context, TASKTYPE_JST, 0);
   }
 }
@@ -141,9 +141,11 @@ void worker_realm_copy(OVCONTEXT* context, WORKER* worker) {
     if (realm->info.c) attachhpv(realm->info.c);
     realm->e = source->e;
     if (realm->e) attache(realm->e);
-    // The Julia stack's level-by-level copy, the refill of `bypassjc` and
-    // juliaprepare join here.
-    if (realm->type == JULIA) realm->jsttask = __addtask(context, TASKTYPE_JST, 0);
+    if (realm->type == JULIA) {
+      copyjuliastack(context, realm, source);
+      juliaprepare(context, realm, context->juliasizeshift - 3);
+      realm->jsttask = __addtask(context, TASKTYPE_JST, 0);
+    }
   }
   __detachrealm(context, source);
   __detachrealm(context, realm);
