@@ -311,12 +311,24 @@ void paintinterior(const RENDER<T>& R, const TILE& t, int i, ITER c, int x0, int
   }
 }
 
+// The count a tile shows. An orbit stopped by the derivative bound is
+// finished for the canvas (only a finer grid, the Julia stack, can go on with
+// it) but neither escaped nor proved interior; its iteration is where its
+// derivative outgrew the format, so a tile shows it as unknown. The PREPIXEL
+// road keeps the count: that is how such a pixel reaches the stack.
+template <typename T>
+ITER tilecount(const RENDER<T>& R, const typename T::CVERTEX* vx) {
+  ITER c = countof<T>(R, vx);
+  if (c > 0 && !R.hyperbolic && !(vx->v.flags & (CV_ESCAPED | CV_INFTY))) return 0;
+  return c;
+}
+
 template <typename T>
 void paintleaf(const RENDER<T>& R, const TILE& t, int i, int level) {
   const typename T::CVERTEX* vx = &R.canvas->v[i];
   int w = 1 << (R.canvas->canvassizeshift - level);
   int x0 = i % CANVASSIZE, y0 = i / CANVASSIZE;
-  ITER c = countof<T>(R, vx);
+  ITER c = tilecount<T>(R, vx);
   fill(t, CHANNEL_ITER, x0, y0, w, static_cast<float>(c) * CHANNELITERSCALE);
   fill(t, CHANNEL_COUNT, x0, y0, w, static_cast<float>(c));
   if (R.hyperbolic) {
