@@ -123,8 +123,10 @@ TEST(CalcIterEnvironment, LostAccuracyAtAFinePixel) {
   // At pixels of 2^-60 a deviation of 10^-3 swamps the point near 0.
   EXPECT_FALSE(calciterenvironment(s.bc.context, s.env.e, -60, c, 6, &v));
   EXPECT_TRUE(calciterenvironment(s.bc.context, s.env.e, 0, c, 6, &v));
+  REFDATAH* saved = s.env.e->refdatah;
   s.env.e->refdatah = nullptr;
   EXPECT_FALSE(calciterenvironment(s.bc.context, s.env.e, 0, c, 6, &v));
+  s.env.e->refdatah = saved;
 }
 
 // ---------------------------------------------------------------- calciterenvironmentex
@@ -247,8 +249,10 @@ TEST(CalcIterEnvironmentEx2, ValueAndDerivativeAgainstMpf) {
   }
   HFLOATCOMPLEX v, d;
   EXPECT_FALSE(calciterenvironmentex2(s.bc.context, -30, s.env.e, 2, 5, cHFd(dc), &v, &d));
+  REFDATAH* saved = s.env.e->refdatah;
   s.env.e->refdatah = nullptr;
   EXPECT_FALSE(calciterenvironmentex2(s.bc.context, -30, s.env.e, 7, 5, cHFd(dc), &v, &d));
+  s.env.e->refdatah = saved;
 }
 
 }  // namespace
