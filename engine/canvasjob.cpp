@@ -251,6 +251,33 @@ bool handtiles(OVCONTEXT* context, WORKER* worker, AREA* a) {
   return true;
 }
 
+// The common road of a canvas job on its worker thread: the format and the
+// driver (`canvas_calc_init`), `render` unless the job was stopped meanwhile,
+// the canvas given up, and home to the main thread: to `done` when rendered,
+// else to `worker_canvas_calc_fail`. `usable` false skips the canvas (no
+// target for the output). A job without a canvas is lost, with the line.
+template <typename RENDER>
+void runcanvasjob(OVCONTEXT* context, WORKER* worker, const char* name, bool usable,
+                  WORKERPROC done, RENDER render) {
+  bool rendered = false;
+  if (!atomicload(&worker->stop)) {
+    if (!worker->canvas) {
+      fprintf(stderr, "%s: FATAL ERROR: !canvas\n", name);
+      return;
+    }
+    unsigned int mode = usable ? canvas_calc_init(context, worker) : 0;
+    if (mode) recordwork(worker);
+    if (mode && !atomicload(&worker->stop)) {
+      render(mode);
+      rendered = true;
+    }
+    if (mode) removejobcanvas(context, worker, mode);
+  }
+  worker->workerproc = rendered ? done : worker_canvas_calc_fail;
+  worker->recipient = THREAD_MAIN;
+  dispatch(context, worker);
+}
+
 }  // namespace
 
 bool processarea(OVCONTEXT* context, AREA* a) {
@@ -312,23 +339,8 @@ bool processarea(OVCONTEXT* context, AREA* a) {
 }
 
 void worker_canvas_calc(OVCONTEXT* context, WORKER* worker) {
-  bool rendered = false;
-  if (!atomicload(&worker->stop)) {
-    if (!worker->canvas) {
-      fprintf(stderr, "worker_canvas_calc: FATAL ERROR: !canvas\n");
-      return;
-    }
-    unsigned int mode = canvas_calc_init(context, worker);
-    if (mode) recordwork(worker);
-    if (mode && !atomicload(&worker->stop)) {
-      renderjob(context, worker, mode);
-      rendered = true;
-    }
-    if (mode) removejobcanvas(context, worker, mode);
-  }
-  worker->workerproc = rendered ? worker_canvas_calc_return : worker_canvas_calc_fail;
-  worker->recipient = THREAD_MAIN;
-  dispatch(context, worker);
+  runcanvasjob(context, worker, "worker_canvas_calc", true, worker_canvas_calc_return,
+               [&](unsigned int mode) { renderjob(context, worker, mode); });
 }
 
 void worker_canvas_calc_return(OVCONTEXT* context, WORKER* worker) {
@@ -425,24 +437,11 @@ void worker_waitforprepixels(OVCONTEXT* context, WORKER* worker) {
 }
 
 void worker_canvas_calc_inner(OVCONTEXT* context, WORKER* worker) {
-  bool rendered = false;
-  if (!atomicload(&worker->stop)) {
-    if (!worker->canvas) {
-      fprintf(stderr, "worker_canvas_calc_inner: FATAL ERROR: !canvas\n");
-      return;
-    }
-    PREPIXEL* pixels = innertarget(worker);
-    unsigned int mode = pixels ? canvas_calc_init(context, worker) : 0;
-    if (mode) recordwork(worker);
-    if (mode && !atomicload(&worker->stop)) {
-      worker->idata[JOB_PREPIXELRESULT] = renderprepixels(context, worker, mode, pixels);
-      rendered = true;
-    }
-    if (mode) removejobcanvas(context, worker, mode);
-  }
-  worker->workerproc = rendered ? worker_canvas_calc_inner_return : worker_canvas_calc_fail;
-  worker->recipient = THREAD_MAIN;
-  dispatch(context, worker);
+  PREPIXEL* pixels = atomicload(&worker->stop) ? nullptr : innertarget(worker);
+  runcanvasjob(context, worker, "worker_canvas_calc_inner", pixels != nullptr,
+               worker_canvas_calc_inner_return, [&](unsigned int mode) {
+                 worker->idata[JOB_PREPIXELRESULT] = renderprepixels(context, worker, mode, pixels);
+               });
 }
 
 void worker_canvas_calc_inner_return(OVCONTEXT* context, WORKER* worker) {
