@@ -119,6 +119,15 @@ inline typename T::COMPLEX absolutec(const typename T::CANVAS* canvas, int x, in
 
 // Sample k of the environment's orbit in the format: the hfloat canvas reads
 // the wide array, the others the double one.
+//
+// The margin a = 4 - |X|^2 is another matter for long double. Near the
+// boundary of the disc it is as small as the deltas of the depth (an orbit
+// next to -2 sits at 2 - 4^n eps), and past a depth of about a thousand it
+// underflows in double to 0, which turns the exact escape test into a guess
+// on the side of the delta: most points of a deep tile would then "escape"
+// at their first step. Long double holds the margins of every depth it
+// serves, so it takes them from the wide array. The value itself may round:
+// its error is relative, as in any perturbation step.
 template <typename T>
 inline void envsample(const ENVIRONMENT* e, UITER k, typename T::COMPLEX* X,
                       typename T::FLOAT* a) {
@@ -130,7 +139,11 @@ inline void envsample(const ENVIRONMENT* e, UITER k, typename T::COMPLEX* X,
     const REFDATAD& r = e->refdatad[k];
     *X = cmake<T>(static_cast<typename T::FLOAT>(r.value.real()),
                   static_cast<typename T::FLOAT>(r.value.imag()));
-    *a = N::fromd(r.a);
+    if constexpr (std::is_same_v<typename T::FLOAT, long double>) {
+      *a = e->refdatah ? N::fromHF(e->refdatah[k].a) : N::fromd(r.a);
+    } else {
+      *a = N::fromd(r.a);
+    }
   }
 }
 
