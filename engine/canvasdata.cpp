@@ -195,6 +195,59 @@ void refdetachhpvalue(typename T::CANVAS* canvas, int vertex, CHPVALUE* value) {
   if (v->firstdata == -1) v->lastdata = -1;
 }
 
+namespace {
+
+// Whether a state still follows the vertex's present orbit. Such a state
+// names its reference by the vertex alone, so a new orbit of the vertex
+// would slide under it: another iteration, another start, another result.
+// The chain's own count on its first checkpoint is not a follower.
+template <typename T>
+bool orbitfollowed(typename T::CVERTEX* v) {
+  bool first = true;
+  for (CHAIN* l = v->hpvchain.next; l != &v->hpvchain; l = l->next) {
+    if (CHAINRECORD(l, CHPVALUE, chain)->count > (first ? 1 : 0)) return true;
+    first = false;
+  }
+  return false;
+}
+
+// The vertex's orbit, followed by no state, back to the pools: its chain
+// (which holds a count on its first checkpoint only) and its blocks.
+template <typename T>
+void releaseorbit(typename T::CANVAS* canvas, typename T::CVERTEX* v) {
+  bool first = true;
+  while (!chainempty(&v->hpvchain)) {
+    CHPVALUE* old = CHAINRECORD(v->hpvchain.next, CHPVALUE, chain);
+    chainrem(&old->chain);
+    initchain(&old->chain);
+    if (first) detachhpvalue<T>(canvas, old, false);
+    first = false;
+  }
+  while (v->firstdata != -1) {
+    int b = v->firstdata;
+    v->firstdata = canvas->data[b].next;
+    removecdata<T>(canvas, b);
+  }
+  v->lastdata = -1;
+  v->refiter = 0;
+}
+
+// Every orbit on the canvas that no state follows any more, back to the
+// pools: near a minibrot many vertices become references, and the orbits of
+// the finished ones would otherwise fill the pools for the later ones.
+template <typename T>
+void reclaimorbits(typename T::CANVAS* canvas) {
+  const int size = 1 << canvas->canvassizeshift;
+  for (int y = 0; y <= size; y++) {
+    for (int x = 0; x <= size; x++) {
+      typename T::CVERTEX* v = &canvas->v[y * CANVASSIZE + x];
+      if (!chainempty(&v->hpvchain) && !orbitfollowed<T>(v)) releaseorbit<T>(canvas, v);
+    }
+  }
+}
+
+}  // namespace
+
 template <typename T>
 CHPVALUE* refgethpvalue(typename T::CANVAS* canvas, int vertex, ITER* iter, int flag) {
   typename T::CVERTEX* v = &canvas->v[vertex];
@@ -220,6 +273,11 @@ CHPVALUE* refgethpvalue(typename T::CANVAS* canvas, int vertex, ITER* iter, int 
   // Orbits are only followed forward: a request below the lowest
   // checkpoint cannot be served.
   if (!lower) return nullptr;
+  // An orbit cut short by a full pool would read as one that escaped, and
+  // its followers would go on absolutely, where the format cannot carry
+  // them: the orbits no state follows any more make room first.
+  const long need = (static_cast<long>(*iter) - lower->iter) / CDATAGRAN + 2;
+  if (canvas->idata + need > NCDATA) reclaimorbits<T>(canvas);
   CHPVALUE* h = addhpvalue<T>(canvas, false);
   if (!h) {
     *iter = lower->iter;
@@ -341,18 +399,78 @@ void setcheckpoint(CHPVALUE* h, typename T::COMPLEX value) {
   mpf_set_HFexact(h->value[1], cimagHF(v));
 }
 
-}  // namespace
+// How far, in grid points, a restarted vertex looks for an orbit to share.
+constexpr int ROOTRADIUS = 16;
 
+// The nearest other vertex whose orbit is stored from z = 0 and still goes
+// on; -1 for none. Its orbit carries a difference from the very start, where
+// the difference is exactly zero.
 template <typename T>
-int makeref(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value,
-            [[maybe_unused]] int* limit) {
+int rootedneighbour(typename T::CANVAS* canvas, int vertex) {
+  const typename T::CVERTEX* vs = &canvas->v[vertex];
+  const int size = 1 << canvas->canvassizeshift;
+  int best = -1;
+  int bestdistance = INT_MAX;
+  for (int dy = -ROOTRADIUS; dy <= ROOTRADIUS; dy++) {
+    int y = vs->y + dy;
+    if (y < 0 || y > size) continue;
+    for (int dx = -ROOTRADIUS; dx <= ROOTRADIUS; dx++) {
+      int x = vs->x + dx;
+      if (x < 0 || x > size) continue;
+      int i = y * CANVASSIZE + x;
+      typename T::CVERTEX* c = &canvas->v[i];
+      CHPVALUE* lowest;
+      if (i == vertex || !chainhaslowest<T>(c, &lowest) || lowest->iter != 0) continue;
+      if (c->refiter || c->firstdata == -1 || canvas->data[c->firstdata].iter != 0) continue;
+      int distance = dx * dx + dy * dy;
+      if (distance < bestdistance) {
+        bestdistance = distance;
+        best = i;
+      }
+    }
+  }
+  return best;
+}
+
+// The state restarted at z = 0 as a difference to the orbit of `ref`.
+template <typename T>
+void sharerootedorbit(typename T::CANVAS* canvas, typename T::CVALUE* value, int ref) {
   typedef NUM<typename T::FLOAT> N;
-  if ((value->flags & CV_RELATIVE) && value->ref == vertex) return 0;
+  typename T::CVERTEX* r = &canvas->v[ref];
+  CHPVALUE* root = nullptr;
+  chainhaslowest<T>(r, &root);
+  attachhpvalue<T>(root);
+  freevalue<T>(canvas, value);
+  value->iter = 0;
+  value->value = N::czero();
+  value->d = N::czero();
+  value->Z = N::zero();
+  value->hpvalue = root;
+  value->ref = ref;
+  value->data = r->firstdata;
+  value->flags = CV_RELATIVE;
+}
+
+// The vertex's new orbit, made of the state, or with `restart` of z = 0 at
+// the state's parameter, the state going back to that start.
+template <typename T>
+int makeorbit(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value, bool restart) {
+  typedef NUM<typename T::FLOAT> N;
   CHPVALUE* h = addhpvalue<T>(canvas, false);
+  if (!h) {
+    reclaimorbits<T>(canvas);
+    h = addhpvalue<T>(canvas, false);
+  }
   if (!h) return 0;
   h->iter = static_cast<ITER>(value->iter);
   setcheckpoint<T>(h, value->value);
-  if (value->flags & CV_RELATIVE) {
+  if (restart) {
+    h->iter = 0;
+    mpf_set_ui(h->value[0], 0);
+    mpf_set_ui(h->value[1], 0);
+    value->iter = 0;
+    value->d = N::czero();
+  } else if (value->flags & CV_RELATIVE) {
     if (!value->hpvalue) {
       detachhpvalue<T>(canvas, h, false);
       return 0;
@@ -379,22 +497,15 @@ int makeref(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value,
   value->flags = CV_REFERENCE;
 
   typename T::CVERTEX* v = &canvas->v[vertex];
-  // An earlier orbit of this vertex gives up its chain; its blocks stay for
-  // whoever still reads them until the canvas is reset. The chain holds a
-  // count on its first checkpoint only; the others belong to their holders.
-  bool first = true;
-  while (!chainempty(&v->hpvchain)) {
-    CHPVALUE* old = CHAINRECORD(v->hpvchain.next, CHPVALUE, chain);
-    chainrem(&old->chain);
-    initchain(&old->chain);
-    if (first) detachhpvalue<T>(canvas, old, false);
-    first = false;
-  }
-  v->refiter = 0;
+  releaseorbit<T>(canvas, v);
   chaininsend(&v->hpvchain, &h->chain);
   attachhpvalue<T>(h);
 
   int b = addcdata<T>(canvas, static_cast<ITER>(value->iter), vertex);
+  if (b == -1) {
+    reclaimorbits<T>(canvas);
+    b = addcdata<T>(canvas, static_cast<ITER>(value->iter), vertex);
+  }
   v->firstdata = b;
   v->lastdata = b;
   value->data = b;
@@ -403,6 +514,29 @@ int makeref(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value,
 
   newref<T>(canvas, vertex);
   return 1;
+}
+
+}  // namespace
+
+template <typename T>
+int makeref(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value,
+            [[maybe_unused]] int* limit) {
+  if ((value->flags & CV_RELATIVE) && value->ref == vertex) return 0;
+  if (orbitfollowed<T>(&canvas->v[vertex])) return 0;
+  return makeorbit<T>(canvas, vertex, value, false);
+}
+
+template <typename T>
+int restartref(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value) {
+  if ((value->flags & (CV_RELATIVE | CV_ABSOLUTE | CV_REFERENCE)) || (canvas->flags & CF_JULIA))
+    return 0;
+  if (orbitfollowed<T>(&canvas->v[vertex])) return 0;
+  int r = rootedneighbour<T>(canvas, vertex);
+  if (r != -1) {
+    sharerootedorbit<T>(canvas, value, r);
+    return 1;
+  }
+  return makeorbit<T>(canvas, vertex, value, true);
 }
 
 template <typename T>
@@ -483,6 +617,7 @@ template void freevalue<CANVASTEMPLATE_float>(CANVAS_float*, CVALUE_float*);
 template void __transvalue<CANVASTEMPLATE_float>(CANVASTEMPLATE_float::COMPLEX*, CANVAS_float*, CANVASTEMPLATE_float::COMPLEX, const CHPVALUE*,
                                 const CHPVALUE*);
 template int makeref<CANVASTEMPLATE_float>(CANVAS_float*, int, CVALUE_float*, int*);
+template int restartref<CANVASTEMPLATE_float>(CANVAS_float*, int, CVALUE_float*);
 template void newref<CANVASTEMPLATE_float>(CANVAS_float*, int);
 template CHPVALUE* refgethpvalue<CANVASTEMPLATE_float>(CANVAS_float*, int, ITER*, int);
 template CHPVALUE* getenvironmenthpvalue<CANVASTEMPLATE_float>(CANVAS_float*, ITER, int);
@@ -501,6 +636,7 @@ template void freevalue<CANVASTEMPLATE_double>(CANVAS_double*, CVALUE_double*);
 template void __transvalue<CANVASTEMPLATE_double>(CANVASTEMPLATE_double::COMPLEX*, CANVAS_double*, CANVASTEMPLATE_double::COMPLEX, const CHPVALUE*,
                                 const CHPVALUE*);
 template int makeref<CANVASTEMPLATE_double>(CANVAS_double*, int, CVALUE_double*, int*);
+template int restartref<CANVASTEMPLATE_double>(CANVAS_double*, int, CVALUE_double*);
 template void newref<CANVASTEMPLATE_double>(CANVAS_double*, int);
 template CHPVALUE* refgethpvalue<CANVASTEMPLATE_double>(CANVAS_double*, int, ITER*, int);
 template CHPVALUE* getenvironmenthpvalue<CANVASTEMPLATE_double>(CANVAS_double*, ITER, int);
@@ -519,6 +655,7 @@ template void freevalue<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, CVALUE_lo
 template void __transvalue<CANVASTEMPLATE_longdouble>(CANVASTEMPLATE_longdouble::COMPLEX*, CANVAS_longdouble*, CANVASTEMPLATE_longdouble::COMPLEX, const CHPVALUE*,
                                 const CHPVALUE*);
 template int makeref<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, int, CVALUE_longdouble*, int*);
+template int restartref<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, int, CVALUE_longdouble*);
 template void newref<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, int);
 template CHPVALUE* refgethpvalue<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, int, ITER*, int);
 template CHPVALUE* getenvironmenthpvalue<CANVASTEMPLATE_longdouble>(CANVAS_longdouble*, ITER, int);
@@ -537,6 +674,7 @@ template void freevalue<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, CVALUE_hfloat*);
 template void __transvalue<CANVASTEMPLATE_hfloat>(CANVASTEMPLATE_hfloat::COMPLEX*, CANVAS_hfloat*, CANVASTEMPLATE_hfloat::COMPLEX, const CHPVALUE*,
                                 const CHPVALUE*);
 template int makeref<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, int, CVALUE_hfloat*, int*);
+template int restartref<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, int, CVALUE_hfloat*);
 template void newref<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, int);
 template CHPVALUE* refgethpvalue<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, int, ITER*, int);
 template CHPVALUE* getenvironmenthpvalue<CANVASTEMPLATE_hfloat>(CANVAS_hfloat*, ITER, int);

@@ -2,13 +2,8 @@
 // next to c = i: the pixels' orbits come back near 0 every 107 iterations,
 // where the difference to the reference orbit is far larger than z itself
 // and loses the pixel's precision. The precision test must catch that and a
-// reference of the canvas take over; a pixel inside the minibrot must never
-// get an escape count.
-//
-// These fail at present: the finite pass runs its kernels with no vertex
-// that may become a reference, so a failed precision test ends the vertex
-// as CV_FAILED at that iteration, and the tile shows that iteration (a
-// multiple of 107) as its count.
+// reference of the canvas take over, in the finite pass as much as in the
+// first one; a pixel inside the minibrot must never get an escape count.
 #include "test_tile_deep.h"
 
 namespace {
@@ -23,21 +18,16 @@ constexpr const char* NUCLEUSIM =
     "1054644035052504264774773122605725668118312447680846525846834750104257456441584088598645051873"
     "829525218546972573501084339000";
 
-// Open defect: a vertex of the finite pass whose difference to the
-// environment's orbit stops carrying the pixel cannot become a reference of
-// its own there, so it ends unknown (or, where an interpolated state was
-// handed on, with a count short by a multiple of the minibrot's period).
-// Enabled once the finite pass can re-reference such vertices.
-TEST(TileDeepGlitch, DISABLED_MinibrotAt262) {
+TEST(TileDeepGlitch, MinibrotAt262) {
   deeptile::checkdeeptile({"minibrot at 262", 262, NUCLEUSRE, NUCLEUSIM, 20000, 512, "double"});
 }
 
-TEST(TileDeepGlitch, DISABLED_MinibrotAt266) {
+TEST(TileDeepGlitch, MinibrotAt266) {
   deeptile::checkdeeptile({"minibrot at 266", 266, NUCLEUSRE, NUCLEUSIM, 20000, 512, "double"});
 }
 
 // The reference at the tile's centre rather than inside the minibrot.
-TEST(TileDeepGlitch, DISABLED_MinibrotAt266FromTheCentre) {
+TEST(TileDeepGlitch, MinibrotAt266FromTheCentre) {
   deeptile::checkdeeptile({"minibrot at 266, centre", 266, NUCLEUSRE, NUCLEUSIM, 20000, 512, "double"},
                           true);
 }

@@ -326,7 +326,11 @@ void processcanvasfinite(OVCONTEXT* context, typename T::CANVAS* canvas, int max
       }
       if (static_cast<int64_t>(vx->maxiter) >= Tlimit) continue;
       vx->maxiter = static_cast<UITER>(G);
-      int r = runkernel<T>(context, canvas, vx, &vx->v, G, -1, 0);
+      // A general-realm vertex may become a reference here too: its
+      // difference to the environment's orbit can stop carrying the point
+      // long after the main pass left it, next to a minibrot.
+      const int self = (canvas->flags & (CF_JULIA | CF_HYPERBOLIC)) ? -1 : vx->index;
+      int r = runkernel<T>(context, canvas, vx, &vx->v, G, self, 0);
       if (r == CALC_MORE) continue;
       vx->flags |= VX_FINISHED;
       if (!(vx->v.flags & CV_INFTY)) raisemaxiter<T>(canvas, vx->v.iter);

@@ -213,7 +213,14 @@ int envkernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int 
     n++;
     if ((n & 255) == 0 && jobstopped<T>(canvas)) return CALC_MORE;
     if (!SAT && n == period) {
-      // The environment's orbit ends here: absolute from now on.
+      // The environment's orbit ends here. Deep down the format cannot
+      // carry the point's own orbit once it comes back near 0, so a vertex
+      // that may become a reference does; otherwise absolute from now on.
+      if (testprecision && self != -1 && idepth < NCANVASLEVEL - 1) {
+        int f = precisionfailure<T, JULIA>(context, canvas, x, y, self, cvalue, maxiter, ii,
+                                           forced, idepth, nullptr, n, p.z, p.d);
+        if (f >= 0) return f;
+      }
       cvalue->Z = p.Z;
       storestate<T>(cvalue, n, p.z, p.d, CV_ABSOLUTE);
       return absolutekernel<T, JULIA>(context, canvas, x, y, self, cvalue, maxiter, ii, forced,

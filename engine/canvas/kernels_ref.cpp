@@ -63,7 +63,12 @@ int precisionfailure(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int 
   if (self == -1) return storeescape<T>(canvas, cvalue, h, n, z, d, CV_FAILED);
   typename T::CVALUE saved = *cvalue;
   if (saved.hpvalue) canvasmodel::attachhpvalue<T>(saved.hpvalue);
-  if (canvasmodel::makeref<T>(canvas, self, cvalue, ii)) {
+  // A start state away from the environment's checkpoints has nothing to
+  // make an orbit of: it begins again from z = 0, which is exact.
+  bool made = canvasmodel::makeref<T>(canvas, self, cvalue, ii);
+  if (!made && !JULIA && cvalue->flags == saved.flags && cvalue->hpvalue == saved.hpvalue)
+    made = canvasmodel::restartref<T>(canvas, self, cvalue);
+  if (made) {
     dropcheckpoint<T>(canvas, saved.hpvalue);
     dropcheckpoint<T>(canvas, h);
     if constexpr (JULIA)

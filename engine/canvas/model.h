@@ -206,6 +206,13 @@ void __transvalue(typename T::COMPLEX* result, typename T::CANVAS* canvas,
                   typename T::COMPLEX delta, const CHPVALUE* from, const CHPVALUE* to);
 template <typename T>
 int makeref(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value, int* limit);
+// A start state over the environment, at an iteration where the canvas keeps
+// no checkpoint of the environment's orbit, begun again from z = 0: as a
+// difference to a nearby orbit stored from there, else as the vertex's own
+// new orbit. 0 when neither can be had (a Julia canvas, another state, an
+// orbit of the vertex still followed, the pools full).
+template <typename T>
+int restartref(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value);
 template <typename T>
 void newref(typename T::CANVAS* canvas, int self);
 
