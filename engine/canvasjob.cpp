@@ -105,14 +105,21 @@ void filljulia(AREA* a, WORKER* w) {
   w->hdata[JOB_TRAPRADIUS] = HFLOATCOMPLEX{r->info.dj.mantissa, 0, r->info.dj.exponent};
 }
 
-template <typename T>
-void renderformat(OVCONTEXT* context, CANVAS0* canvas, float** pixels) {
-  canvasrender::rendercanvas<T>(context, reinterpret_cast<typename T::CANVAS*>(canvas), pixels, TEXTURESIZE);
+// Calls f with the canvas template of format `mode` (a value of the type),
+// so that each step of a job is written once over the formats.
+template <typename F>
+void withformat(unsigned int mode, F f) {
+  switch (mode) {
+    case CANVASTEMPLATE_float::MODE: f(CANVASTEMPLATE_float{}); break;
+    case CANVASTEMPLATE_double::MODE: f(CANVASTEMPLATE_double{}); break;
+    case CANVASTEMPLATE_longdouble::MODE: f(CANVASTEMPLATE_longdouble{}); break;
+    case CANVASTEMPLATE_hfloat::MODE: f(CANVASTEMPLATE_hfloat{}); break;
+  }
 }
 
 template <typename T>
-void removeformat(OVCONTEXT* context, CANVAS0* canvas) {
-  canvasmodel::removecanvas<T>(context, reinterpret_cast<typename T::CANVAS*>(canvas));
+typename T::CANVAS* canvasas(CANVAS0* canvas) {
+  return reinterpret_cast<typename T::CANVAS*>(canvas);
 }
 
 // Renders the finished canvas of format `mode` into the job's tiles.
@@ -122,39 +129,29 @@ void renderjob(OVCONTEXT* context, WORKER* worker, unsigned int mode) {
     TEXTURE* t = static_cast<TEXTURE*>(worker->pdata[JOB_TEXTURE + i]);
     pixels[i] = t ? static_cast<float*>(t->pixels) : nullptr;
   }
-  switch (mode) {
-    case CANVASTEMPLATE_float::MODE: renderformat<CANVASTEMPLATE_float>(context, worker->canvas, pixels); break;
-    case CANVASTEMPLATE_double::MODE: renderformat<CANVASTEMPLATE_double>(context, worker->canvas, pixels); break;
-    case CANVASTEMPLATE_longdouble::MODE: renderformat<CANVASTEMPLATE_longdouble>(context, worker->canvas, pixels); break;
-    case CANVASTEMPLATE_hfloat::MODE: renderformat<CANVASTEMPLATE_hfloat>(context, worker->canvas, pixels); break;
-  }
+  withformat(mode, [&](auto format) {
+    typedef decltype(format) T;
+    canvasrender::rendercanvas<T>(context, canvasas<T>(worker->canvas), pixels, TEXTURESIZE);
+  });
 }
 
 void removejobcanvas(OVCONTEXT* context, WORKER* worker, unsigned int mode) {
-  switch (mode) {
-    case CANVASTEMPLATE_float::MODE: removeformat<CANVASTEMPLATE_float>(context, worker->canvas); break;
-    case CANVASTEMPLATE_double::MODE: removeformat<CANVASTEMPLATE_double>(context, worker->canvas); break;
-    case CANVASTEMPLATE_longdouble::MODE: removeformat<CANVASTEMPLATE_longdouble>(context, worker->canvas); break;
-    case CANVASTEMPLATE_hfloat::MODE: removeformat<CANVASTEMPLATE_hfloat>(context, worker->canvas); break;
-  }
-}
-
-template <typename T>
-int prepixelformat(OVCONTEXT* context, CANVAS0* canvas, PREPIXEL* pixels) {
-  return canvasrender::rendercanvasprepixel<T>(context, reinterpret_cast<typename T::CANVAS*>(canvas),
-                                               pixels, PREPIXELTILESIZE, true);
+  withformat(mode, [&](auto format) {
+    typedef decltype(format) T;
+    canvasmodel::removecanvas<T>(context, canvasas<T>(worker->canvas));
+  });
 }
 
 // Renders the finished canvas as PREPIXELs, corrected at once where the
 // stack's tiles are in memory; the correction's answer.
 int renderprepixels(OVCONTEXT* context, WORKER* worker, unsigned int mode, PREPIXEL* pixels) {
-  switch (mode) {
-    case CANVASTEMPLATE_float::MODE: return prepixelformat<CANVASTEMPLATE_float>(context, worker->canvas, pixels);
-    case CANVASTEMPLATE_double::MODE: return prepixelformat<CANVASTEMPLATE_double>(context, worker->canvas, pixels);
-    case CANVASTEMPLATE_longdouble::MODE: return prepixelformat<CANVASTEMPLATE_longdouble>(context, worker->canvas, pixels);
-    case CANVASTEMPLATE_hfloat::MODE: return prepixelformat<CANVASTEMPLATE_hfloat>(context, worker->canvas, pixels);
-  }
-  return 0;
+  int result = 0;
+  withformat(mode, [&](auto format) {
+    typedef decltype(format) T;
+    result = canvasrender::rendercanvasprepixel<T>(context, canvasas<T>(worker->canvas), pixels,
+                                                   PREPIXELTILESIZE, true);
+  });
+  return result;
 }
 
 // Where an inner job writes: the stack tile it locked, or its pixel buffer.

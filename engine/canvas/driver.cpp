@@ -7,6 +7,7 @@
 
 #include "canvas/interpol.h"
 #include "canvas/kernels.h"
+#include "canvas/kernelsupport.h"
 #include "canvas/period.h"
 #include "canvas/runkernel.h"
 #include "environment.h"
@@ -26,22 +27,14 @@ constexpr ITER FAILURELIMITCAP = 429496728;
 // channels or interpolation every cell goes down to full depth.
 constexpr unsigned int NOCLOSURE = CF_JULIACORRECT | CF_JULIA | CF_DERIVATIVE | CF_INTERPOL;
 
-template <typename T>
-const ENVIRONMENT* jobenvironment(const typename T::CANVAS* canvas) {
-  if (!canvas->__worker) return nullptr;
-  return static_cast<const ENVIRONMENT*>(canvas->__worker->pdata[JOB_ENVIRONMENT]);
-}
-
-template <typename T>
-int gridshift(const typename T::CANVAS* canvas) {
-  return 4 - canvas->depth - canvas->canvassizeshift;
-}
+using canvaskernels::gridshift;
+using canvaskernels::jobenvironment;
 
 // The parameter of a vertex, in the frame the kernels use.
 template <typename T>
 typename T::COMPLEX vertexc(const typename T::CANVAS* canvas, int x, int y) {
   typedef canvasmodel::NUM<typename T::FLOAT> N;
-  return N::cadd(canvas->cf, N::cscaled(x, y, N::pow2(gridshift<T>(canvas))));
+  return N::cadd(canvas->cf, canvaskernels::gridoffset<T>(canvas, x, y));
 }
 
 template <typename T>

@@ -15,6 +15,7 @@
 
 #include "canvas/driver.h"
 #include "canvas/kernels.h"
+#include "canvas/kernelsupport.h"
 #include "canvas/runkernel.h"
 #include "environment.h"
 
@@ -46,11 +47,7 @@ int mantissabits() {
   else return 62;
 }
 
-template <typename T>
-const ENVIRONMENT* jobenvironment(const typename T::CANVAS* canvas) {
-  if (!canvas->__worker) return nullptr;
-  return static_cast<const ENVIRONMENT*>(canvas->__worker->pdata[JOB_ENVIRONMENT]);
-}
+using canvaskernels::jobenvironment;
 
 template <typename T>
 void cellcorners(int i, int w, int c[4]) {
