@@ -63,6 +63,15 @@ struct ORBIT {
   }
 };
 
+// A centre already kept: a candidate at a multiple of a component's period
+// comes back to that component, whose period is the smaller one.
+bool known(const SATINFO* satinfo, const SATRECORD& s, int depth) {
+  HFLOAT close = ldexpHF(ONEH, depth + 4);
+  for (int i = 0; i < satinfo->n; i++)
+    if (lessHF(cabsHF(csubHF(satinfo->sat[i].c, s.c)), close)) return true;
+  return false;
+}
+
 }  // namespace
 
 ITER satcandidates(OVCONTEXT*, ENVIRONMENT* e, ITER maxiter, HFLOATCOMPLEX delta,
@@ -120,7 +129,7 @@ void calcsat(OVCONTEXT* context, ENVIRONMENT* e, int prec, ITER maxiter, ITERINF
       if (steps >= NSATNEWTON) break;
       if (!zero(s.c) && o > -ze - 1) break;  // it has left the view
       if (depth >= s.precision) {
-        satinfo->sat[satinfo->n++] = s;
+        if (!known(satinfo, s, depth)) satinfo->sat[satinfo->n++] = s;
         break;
       }
       HFLOATCOMPLEX v, d;
