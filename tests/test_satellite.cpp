@@ -15,6 +15,7 @@
 
 #include "refiter.h"
 #include "satellite.h"
+#include "test_refiter_env.h"
 #include "test_viewport.h"
 
 using namespace viewporttest;
@@ -261,6 +262,111 @@ TEST(SatelliteSearch, AgainstAReferenceOrbitTheCentresAreTheSame) {
         }
     detache(c, env);
   });
+}
+
+namespace {
+
+// Newton on z_n in mpf from (x, y), in place; true when it settled on a
+// nucleus of least period n.
+bool mpfnucleus(mpf_ptr cx, mpf_ptr cy, int n) {
+  mpf_t zx, zy, dx, dy, q, t, u;
+  for (mpf_ptr m : {zx, zy, dx, dy, q, t, u}) mpf_init2(m, BITS);
+  for (int it = 0; it < 80; it++) {
+    iterate(cx, cy, n, zx, zy, dx, dy);
+    mpf_mul(q, dx, dx);
+    mpf_mul(t, dy, dy);
+    mpf_add(q, q, t);
+    mpf_mul(t, zx, dx);
+    mpf_mul(u, zy, dy);
+    mpf_add(t, t, u);
+    mpf_div(t, t, q);
+    mpf_sub(cx, cx, t);
+    mpf_mul(t, zy, dx);
+    mpf_mul(u, zx, dy);
+    mpf_sub(t, t, u);
+    mpf_div(t, t, q);
+    mpf_sub(cy, cy, t);
+  }
+  iterate(cx, cy, n, zx, zy, dx, dy);
+  long ez;
+  bool ok = mpf_sgn(zx) == 0 || (mpf_get_d_2exp(&ez, zx), ez < -150);
+  for (int d = 1; d < n && ok; d++) {
+    if (n % d) continue;
+    iterate(cx, cy, d, zx, zy, dx, dy);
+    if (mpf_sgn(zx) == 0 || (mpf_get_d_2exp(&ez, zx), ez < -120)) ok = false;
+  }
+  for (mpf_ptr m : {zx, zy, dx, dy, q, t, u}) mpf_clear(m);
+  return ok;
+}
+
+HFLOATCOMPLEX hfdiff(mpf_srcptr ax, mpf_srcptr ay, mpf_srcptr bx, mpf_srcptr by) {
+  mpf_t t;
+  mpf_init2(t, BITS);
+  mpf_sub(t, ax, bx);
+  HFLOAT x = mpf_get_HF(t);
+  mpf_sub(t, ay, by);
+  HFLOAT y = mpf_get_HF(t);
+  mpf_clear(t);
+  return cHF(x, y);
+}
+
+}  // namespace
+
+TEST(SatelliteSearch, DeepAgainstAPeriodicEnvironmentItsPeriodDoublingIsFound) {
+  // A period-22 nucleus on the antenna next to -2, its atom about 2^-90:
+  // deeper than HFLOAT's mantissa resolves around -2, so only offsets from
+  // the environment can show its satellites. The environment carries the
+  // series of its period, as the Newton run and the series step leave it.
+  refitertest::BARECONTEXT bare;
+  refitertest::ENV env(refitertest::nucleus(-1.9999999999, 0, 22), 22);
+  calctaylorenvironment(bare.context, env.e, nullptr);
+  ASSERT_TRUE(env.e->flags & E_SERIES);
+  const double r = dHF(env.e->r2);
+  ASSERT_GT(r, 0);
+  // Independently: the period-44 component that buds off it on the real
+  // axis, on one side or the other.
+  mpf_t x44, y44, off;
+  mpf_init2(x44, BITS);
+  mpf_init2(y44, BITS);
+  mpf_init2(off, BITS);
+  bool found = false;
+  for (double side : {-1.0, 1.0}) {
+    mpf_set_d(off, side * 1.5 * r);
+    mpf_add(x44, env.c.x, off);
+    mpf_set_ui(y44, 0);
+    if (mpfnucleus(x44, y44, 44) && std::fabs(dHF(crealHF(hfdiff(x44, y44, env.c.x, env.c.y)))) > 0.2 * r) {
+      found = true;
+      break;
+    }
+  }
+  ASSERT_TRUE(found);
+  HFLOATCOMPLEX n44 = hfdiff(x44, y44, env.c.x, env.c.y);
+  // The view: as wide as the distance of the two nuclei, its centre in the
+  // atom domain of period 44, 0.65 of the way: the orbit comes nearer 0 at
+  // 44 than at 22 (halfway it does not), and the nucleus is more than an
+  // eighth of the view away, so it is not taken for the view's own.
+  HFLOATCOMPLEX centre = cmulHF2(n44, HFd(0.65));
+  HFLOAT dist = cabsHF(n44);
+  HFLOATCOMPLEX zoom = cHF(divHF(ONEH, dist), ZEROH);
+  SATINFO s{};
+  ITERINFO info{};
+  const int depth = ilogbHF(dist) - 20;
+  calcsat(bare.context, env.e, 7, 20000, &info, &s, depth, centre, zoom, nullptr, 32);
+  bool has44 = false;
+  for (int i = 0; i < s.n; i++) {
+    if (s.sat[i].iter != 44) continue;
+    has44 = true;
+    HFLOAT err = cabsHF(csubHF(s.sat[i].c, n44));
+    EXPECT_LT(ilogbHF(err), depth + 2);
+  }
+  EXPECT_TRUE(has44);
+  // Centred on it, the satellite is the view's own and is left out.
+  calcsat(bare.context, env.e, 7, 20000, &info, &s, depth, cmulHF2(n44, HFd(0.95)), zoom, nullptr,
+          32);
+  for (int i = 0; i < s.n; i++) EXPECT_NE(s.sat[i].iter, 44);
+  mpf_clear(x44);
+  mpf_clear(y44);
+  mpf_clear(off);
 }
 
 // ---------------------------------------------------------------- changesate
