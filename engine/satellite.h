@@ -66,7 +66,8 @@ void getsat(OVCONTEXT* context, VIEWPORT* viewport, std::complex<double>* csat, 
 // of the realm's environment, at 0), framed so that the view stands on it.
 bool satellitetarget(OVCONTEXT* context, VIEWPORT* viewport, HFLOATCOMPLEX* zoom,
                      HPVALUE** point);
-// Installs `satellitetarget` as the movement's hook.
+// Installs `satellitetarget` as the movement's hook; done once before `main`
+// in every program that links the search, again after a test resets the hooks.
 void installsatellitehooks();
 
 // ---------------------------------------------------------------- Misiurewicz points

@@ -185,3 +185,10 @@ bool satellitetarget(OVCONTEXT*, VIEWPORT* v, HFLOATCOMPLEX* zoom, HPVALUE** poi
 }
 
 void installsatellitehooks() { idlehooks.sattarget = satellitetarget; }
+
+namespace {
+// Any program that can search satellites can also jump to them: the hook is
+// in place before `main`. `idlehooks` is constant-initialised, so it is
+// already there to be written.
+const bool satellitehooksinstalled = (installsatellitehooks(), true);
+}  // namespace
