@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <complex>
 #include <cstdlib>
@@ -262,6 +263,40 @@ TEST(SatelliteSearch, AgainstAReferenceOrbitTheCentresAreTheSame) {
         }
     detache(c, env);
   });
+}
+
+TEST(SatelliteSearch, AnEscapingCentreHasNoCandidatesAndGivesItsCount) {
+  SATINFO s{};
+  s.n = 5;
+  ITERINFO info{};
+  calcsat(nullptr, nullptr, -1, 1000, &info, &s, -30, cHFd({0.5, 0.5}), cHFd({4, 0}), nullptr, 32);
+  EXPECT_EQ(s.n, 0);
+  EXPECT_EQ(info.iter, 5);  // 0.5 + 0.5i leaves the disc of radius 2 at its fifth step
+}
+
+TEST(SatelliteSearch, AStoppedWorkerEndsTheSearch) {
+  WORKER w{};
+  w.stop = true;
+  SATINFO s{};
+  ITERINFO info{};
+  calcsat(nullptr, nullptr, -1, 100000, &info, &s, -30, cHFd({-0.75, 0}), cHFd({2, 0}), &w, 32);
+  EXPECT_EQ(s.n, 0);
+  w.stop = false;
+  calcsat(nullptr, nullptr, -1, 100000, &info, &s, -30, cHFd({-0.75, 0}), cHFd({2, 0}), &w, 32);
+  EXPECT_EQ(s.n, 2);
+}
+
+TEST(SatelliteSearch, ACandidateThatNeverBecomesFinalIsDroppedAfterItsSteps) {
+  // No step can be below 2^INT_MIN: every candidate uses up its eleven.
+  SATINFO s{};
+  ITERINFO info{};
+  calcsat(nullptr, nullptr, -1, 100000, &info, &s, INT_MIN, cHFd({-0.75, 0}), cHFd({2, 0}),
+          nullptr, 32);
+  EXPECT_EQ(s.n, 0);
+  // satsize caps the candidates looked at.
+  calcsat(nullptr, nullptr, -1, 100000, &info, &s, -30, cHFd({-0.75, 0}), cHFd({2, 0}), nullptr, 1);
+  ASSERT_EQ(s.n, 1);
+  EXPECT_EQ(s.sat[0].iter, 1);
 }
 
 namespace {
