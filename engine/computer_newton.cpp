@@ -14,6 +14,7 @@
 #include "Mandelbrot.h"
 #include "canvas/series.h"
 #include "computer_internal.h"
+#include "newton.h"
 #include "refiter.h"
 
 using namespace computerdetail;
@@ -161,6 +162,10 @@ void setdue(ENVIRONMENT* e, COMPUTERGROUP* g, HFLOATCOMPLEX dvld, int L) {
 
 }  // namespace
 
+bool newtonatomworthhaving(HFLOAT tmpr2) {
+  return subHF(tmpr2, HFd(NEWTONMAXTMPR2)).mantissa <= 0;
+}
+
 void newtoniter(COMPUTERGROUP* group, COMPUTER** handles, bool last) {
   newtonround(group, handles, last, false);
 }
@@ -248,7 +253,7 @@ void __newtonendcompute(COMPUTERGROUP* group) {
     group->prec = std::min<mp_bitcnt_t>(static_cast<mp_bitcnt_t>(need), e->precision);
     computergroupsetrawprecision(group);
   }
-  if (subHF(e->tmpr2, HFd(10)).mantissa > 0) return giveup(context, group, e);
+  if (!newtonatomworthhaving(e->tmpr2)) return giveup(context, group, e);
   ITER steps = group->idata[2];
   group->idata[2] = steps - 1;
   if (steps <= 0 || atomicload(&group->stop)) return giveup(context, group, e);
