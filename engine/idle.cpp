@@ -81,7 +81,6 @@ void startgeneral(OVCONTEXT* context, VIEWPORT* v) {
   v->idle_delta = v->delta;
   v->idle_zoom = v->zoom;
   v->idle_n0 = knownperiod(v);
-  if (v->idle_maxiter >= UNBOUNDED) v->idle_maxiter = idlebudget(v);
   v->idle_iter = 0;
   v->idle_oldvalue = CZEROH;
   v->idle_pause = 0;
@@ -132,7 +131,7 @@ void orbitover(OVCONTEXT* context, VIEWPORT* v) {
 }  // namespace
 
 ITER idlebudget(const VIEWPORT* viewport) {
-  int L = zoomexp(viewport->zoomabs);
+  int L = zoomexp(viewport->idle_delta ? cabsHF(viewport->idle_zoom) : viewport->zoomabs);
   if (L < 0) L = 0;
   int64_t b = int64_t(IDLEBUDGETBASE) + int64_t(IDLEBUDGETPERBIT) * L;
   return static_cast<ITER>(b < UNBOUNDED ? b : UNBOUNDED - 1);
@@ -160,7 +159,11 @@ void __idleendcompute(COMPUTERGROUP* group) {
   OVCONTEXT* context = group->context;
   VIEWPORT* v = static_cast<VIEWPORT*>(group->pdata[0]);
   if (v->flags & VP_IDLESTOP) atomicstore(&group->stop, 1);
-  if (!atomicload(&group->stop) && v->idle_maxiter >= v->idle_iter) {
+  // A run without a budget of its own ends where the view's depth needs
+  // no longer orbits: at an interior centre nothing else would end it.
+  bool within = v->idle_maxiter >= v->idle_iter &&
+                (v->idle_maxiter < UNBOUNDED || v->idle_iter < idlebudget(v));
+  if (!atomicload(&group->stop) && within) {
     if (v->idle_pause != 0 && v->idle_iter > v->idle_pause) {
       v->flags |= VP_IDLEPAUSE;  // the end message gave the width back
       return;

@@ -15,8 +15,8 @@
 
 #include "Mandelbrot.h"
 
-// A run whose budget is "unbounded" (0x3FFFFFFF and above) is given this many
-// iterations instead: enough for the depth of the view.
+// A run whose budget is "unbounded" (0x3FFFFFFF and above) ends after this
+// many iterations: enough for the depth of the view.
 ITER idlebudget(const VIEWPORT* viewport);
 
 void idlestart(OVCONTEXT* context, VIEWPORT* viewport);
