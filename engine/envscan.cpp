@@ -289,6 +289,9 @@ void movingfinish(OVCONTEXT* context, VIEWPORT* viewport) {
       if (jr && juliahooks.adjustjuliastack)
         juliahooks.adjustjuliastack(context, jr, v->idle_jst0 - 1, true);
     }
+    // Without any environment the view's areas have nothing to compute
+    // against: it waits for the idle run rather than complete empty.
+    if (!v->esat && !v->enonsat && v->priority) v->flags |= VP_MUSTWAITFORIDLE;
     idlestart(context, v);
   } else {
     v->flags &= ~VP_MUSTDOLOOP;  // no idle run of its own to wait for

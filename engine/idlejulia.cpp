@@ -43,7 +43,7 @@ int levelsholding(VIEWPORT* v, REALM* jr) {
     JULIASTACKDATA* jd = &jr->juliastack[count];
     if (jd->r.mantissa == 0 || subHF(jd->r, reach).mantissa < 0) break;
     if (!jd->m) {
-      fputs("moved: jstd->m==NULL", stderr);
+      fputs("moved: jstd->m==NULL\n", stderr);
       break;
     }
     if (!radtest_hfloat(nullptr, jd->m->v, v->delta->v, jd->r)) break;
@@ -68,8 +68,12 @@ void idlejulia(OVCONTEXT* context, VIEWPORT* viewport) {
     bound = true;
   }
   if (v->flags & VP_ADJUSTJULIASTACKAFTERMOVING) v->flags &= ~VP_ADJUSTJULIASTACKAFTERMOVING;
-  int count = levelsholding(v, jr);
-  if (!(v->flags & VP_IDLE)) v->idle_jst = v->idle_jst1 = v->idle_jst0 = count;
+  // While the idle run goes on, its own counts of levels stand.
+  int count = v->idle_jst;
+  if (!(v->flags & VP_IDLE)) {
+    count = levelsholding(v, jr);
+    v->idle_jst = v->idle_jst1 = v->idle_jst0 = count;
+  }
   if (jr->validjuliastack > count) adjust(context, jr, count - 1, false);
   if (v->esat && v->delta &&
       isenvironmentclose(v->dummy[0], v->esat, v->delta->v[0], v->delta->v[1], v->zoom)) {
