@@ -273,3 +273,88 @@ TEST(IdleSearch, AMoveStopsTheRunningOrbitAndTheNextRunIsAtTheNewCentre) {
   });
   dropview(e, v, realm);
 }
+
+TEST(IdleSearch, StackLevelsFoundAlongTheOrbitAreWrittenToTheJuliaRealm) {
+  TileEngine e{16, false};
+  REALM* realm = newrealm(e, GENERAL);
+  REALM* julia = newrealm(e, JULIA);
+  VIEWPORT* v = nullptr;
+  double js = 0;
+  mpf_t x, y, dx, dy;
+  for (mpf_ptr m : {x, y, dx, dy}) mpf_init2(m, 128);
+  mpf_set_ui(dx, 1);
+  e.onmain([&](OVCONTEXT* c) {
+    v = exactview(c, realm, "-1", "0", 4, 128);
+    ASSERT_NE(julia->juliastack, nullptr);
+    v->juliarealm = julia;
+    attachrealm(julia);
+    attachhpv(v->delta);
+    v->idle_delta = v->delta;
+    v->idle_zoom = v->zoom;
+    v->idle_computergroup.context = c;
+    v->idle_chain = &v->echain;
+    v->idle_nextenviter = 1000;  // no candidates in this test
+    v->idle_ncalculating = 1;
+    js = c->juliasize;
+    // |t3|^2 / (|t1|^2 js^4) = 2^80: the quadratic form holds for 80 / 8
+    // levels; nothing else has grown.
+    HFLOATCOMPLEX tj[NTAYLORDEGREE] = {}, tm[NTAYLORDEGREE] = {};
+    tj[1] = CONEH;
+    tj[3] = cHF(HFd(std::ldexp(js * js, 40)), ZEROH);
+    tm[1] = cHF(HFd(8.0), ZEROH);
+    idlestep(v, 10, TWOH, x, y, dx, dy, tj, tj, tm, tm);
+    EXPECT_EQ(v->idle_jst, 10);
+    EXPECT_EQ(v->idle_jst1, 0);
+    EXPECT_EQ(v->idle_jst0, 0);
+  });
+  e.onmain([&](OVCONTEXT*) {
+    for (int s = 0; s < 12; s++) {
+      double r = dHF(julia->juliastack[s].r);
+      if (s < 10)
+        EXPECT_DOUBLE_EQ(r, 0.5 / js * std::ldexp(8.0, -2 * s)) << "level " << s;
+      else
+        EXPECT_EQ(r, 0) << "level " << s;
+    }
+  });
+  auto send = [&](OVCONTEXT* c, WORKERPROC proc, int lo, int hi, ITER iter) {
+    WORKER* w = addworker(c, THREAD_MAIN, proc);
+    attachviewport(v);
+    w->pdata[0] = v;
+    w->idata[0] = lo;
+    w->idata[1] = hi;
+    w->idata[2] = iter;
+    for (int k = 0; k < NINTERPOLTAYLOR; k++) w->hdata[k] = cHF(HFd(k + 1.0), ZEROH);
+    proc(c, w);
+  };
+  e.onmain([&](OVCONTEXT* c) {
+    julia->juliastack[21].bypass = true;
+    send(c, worker_env_julia2, 20, 23, 77);
+    for (int s = 20; s < 23; s++) {
+      JULIASTACKDATA* jd = &julia->juliastack[s];
+      if (s == 21) {
+        EXPECT_EQ(jd->m, nullptr);  // a bypass level keeps what it has
+        EXPECT_EQ(jd->iter, 0);
+        continue;
+      }
+      EXPECT_EQ(jd->m, v->idle_delta);
+      EXPECT_EQ(jd->iter, 77);
+      for (int k = 0; k < NINTERPOLTAYLOR; k++) EXPECT_EQ(dHF(crealHF(jd->taylorj[k])), k + 1.0);
+    }
+    send(c, worker_env_julia_bypass, 30, 32, 150);
+    for (int s = 29; s < 33; s++) {
+      bool in = s >= 30 && s < 32;
+      EXPECT_EQ(julia->juliastack[s].bypass, in) << "level " << s;
+      EXPECT_EQ(julia->juliastack[s].m, in ? v->idle_delta : nullptr) << "level " << s;
+      EXPECT_EQ(julia->juliastack[s].iter, in ? 150 : 0) << "level " << s;
+    }
+    // A range that runs backwards changes nothing.
+    send(c, worker_env_julia2, 42, 40, 5);
+    for (int s = 39; s < 43; s++) EXPECT_EQ(julia->juliastack[s].m, nullptr);
+    detachhpv(c, v->idle_delta);
+    v->idle_delta = nullptr;
+  });
+  for (mpf_ptr m : {x, y, dx, dy}) mpf_clear(m);
+  dropview(e, v, realm);
+  detachrealm(e.context, julia);
+  e.onmain([](OVCONTEXT*) {});
+}
