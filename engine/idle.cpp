@@ -4,6 +4,7 @@
 // over.
 #include "idle.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -263,8 +264,12 @@ void standardinfo(OVCONTEXT* context, VIEWPORT* v) {
   attachhpv(v->delta);
   v->info.c = v->delta;
   v->info.zoom = v->zoom;
-  calciterenvironmentex(context, depth, v->enonsat, -1, v->idle_maxiter, &v->info, v->juliarealm,
-                        -1, 4.0 * v->resolution, 0, nullptr, 0, v->maxcalcdepth + depth + 5);
+  REALM* jr = v->juliarealm;
+  int level = jr ? std::min(jr->validjuliastack, static_cast<int>(jr->readyjuliastack)) : -1;
+  calciterenvironmentex(context, depth, v->enonsat, -1, v->idle_maxiter, &v->info, jr, level,
+                        4.0 * v->resolution, 0, nullptr, 0, v->maxcalcdepth + depth + 5);
+  if (jr && v->info.lookup && juliastacklookupexhook)
+    juliastacklookupexhook(context, jr, level, &v->info);
 }
 
 }  // namespace

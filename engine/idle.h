@@ -49,6 +49,12 @@ void movingfinish(OVCONTEXT* context, VIEWPORT* viewport);
 // it goes on in `investigateenvironment`.
 void worker_calciterenvironmentex(OVCONTEXT* context, WORKER* worker);
 
+// The Julia stack's operations the idle search calls, while the stack's own
+// code may not be linked in: null means the stack has nothing to do.
+extern void (*extendjuliastackhook)(OVCONTEXT* context, VIEWPORT* viewport);
+extern void (*environmentjuliastackhook)(OVCONTEXT* context, VIEWPORT* viewport, ENVIRONMENT* e);
+extern void (*juliastacklookupexhook)(OVCONTEXT* context, REALM* realm, int level, ITERINFO* info);
+
 // Internal to the idle files.
 struct IDLECANDIDATE {
   mpf_t c[2];

@@ -8,6 +8,10 @@
 #include "canvas/series.h"
 #include "idle.h"
 
+void (*extendjuliastackhook)(OVCONTEXT* context, VIEWPORT* viewport) = nullptr;
+void (*environmentjuliastackhook)(OVCONTEXT* context, VIEWPORT* viewport, ENVIRONMENT* e) = nullptr;
+void (*juliastacklookupexhook)(OVCONTEXT* context, REALM* realm, int level, ITERINFO* info) = nullptr;
+
 namespace {
 
 constexpr unsigned int R_NOLOOP = 0x2000;
@@ -67,7 +71,10 @@ void idlejulia(OVCONTEXT* context, VIEWPORT* viewport) {
     bindpoint(context, v, jr);
     bound = true;
   }
-  if (v->flags & VP_ADJUSTJULIASTACKAFTERMOVING) v->flags &= ~VP_ADJUSTJULIASTACKAFTERMOVING;
+  if (v->flags & VP_ADJUSTJULIASTACKAFTERMOVING) {
+    if (extendjuliastackhook) extendjuliastackhook(context, v);
+    v->flags &= ~VP_ADJUSTJULIASTACKAFTERMOVING;
+  }
   // While the idle run goes on, its own counts of levels stand.
   int count = v->idle_jst;
   if (!(v->flags & VP_IDLE)) {
@@ -94,6 +101,7 @@ void idlejulia(OVCONTEXT* context, VIEWPORT* viewport) {
       jr->neededjuliastack = needed(jr->info.dj);
       jr->computecycle++;
       bound = true;
+      if (environmentjuliastackhook) environmentjuliastackhook(context, v, v->esat);
     }
   } else {
     if (!(jr->flags & R_NOLOOP) && !v->idle_newenv) v->flags |= VP_MUSTDOLOOP;
