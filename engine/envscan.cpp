@@ -206,7 +206,9 @@ void envloop(OVCONTEXT* context, VIEWPORT* viewport) {
       return;
     }
     if (v->esat == e) v->esat = nullptr;
-    if (!(v->flags & VP_LOCK) &&
+    // An idle run still in flight may stand on the element: it goes at the
+    // next scan, when the run is over.
+    if (!(v->flags & (VP_LOCK | VP_IDLE)) &&
         !isenvironmentvalid(v->dummy[0], e, v->delta->v[0], v->delta->v[1],
                             cmulHF2(v->zoom, HFd(1.0 / big)))) {
       chainrem(l);

@@ -208,7 +208,13 @@ void parkonmove(VIEWPORT* viewport, WORKER* worker) { workeronchain(&viewport->m
 void insertenvironment(VIEWPORT* viewport, ENVIRONMENT* e) {
   CHAIN* l = viewport->echain.next;
   while (l != &viewport->echain && CHAINRECORD(l, ENVIRONMENT, chain)->n <= e->n) l = l->next;
-  chaininsbegin(l, &e->chain);
+  // The idle run's cores walk the chain forwards while this runs: the new
+  // element is complete before it is linked in.
+  e->chain.next = l;
+  e->chain.prev = l->prev;
+  __atomic_thread_fence(__ATOMIC_RELEASE);
+  l->prev->next = &e->chain;
+  l->prev = &e->chain;
 }
 
 // ---------------------------------------------------------------- the end of a run
