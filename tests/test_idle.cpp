@@ -8,6 +8,7 @@
 #include <complex>
 
 #include "idle.h"
+#include "refiter.h"
 #include "test_viewport.h"
 
 using namespace viewporttest;
@@ -357,4 +358,73 @@ TEST(IdleSearch, StackLevelsFoundAlongTheOrbitAreWrittenToTheJuliaRealm) {
   dropview(e, v, realm);
   detachrealm(e.context, julia);
   e.onmain([](OVCONTEXT*) {});
+}
+
+namespace {
+
+// A converged nucleus on the real axis as the series step hands it on: the
+// orbit of c = re from 0 for one period, its series made.
+ENVIRONMENT* convergedpoint(OVCONTEXT* c, VIEWPORT* owner, const char* re, unsigned period) {
+  mpf_t x, y;
+  mpf_init2(x, 384);
+  mpf_init2(y, 384);
+  mpf_set_str(x, re, 10);
+  ENVIRONMENT* e = adde(c, x, y, 384);
+  e->flags = E_PERIODIC;
+  e->n = period;
+  e->nrefdata = static_cast<int>(period) + 1;
+  e->refdatah = static_cast<REFDATAH*>(calloc(period + 1, sizeof(REFDATAH)));
+  e->refdatad = static_cast<REFDATAD*>(calloc(period + 1, sizeof(REFDATAD)));
+  __atomic_add_fetch(&c->mem_envrefdata, int64_t(64) * (period + 1), __ATOMIC_SEQ_CST);
+  double z = 0, cr = mpf_get_d(x);
+  for (unsigned k = 0; k <= period; k++) {
+    e->refdatah[k].value = cHF(HFd(z), ZEROH);
+    e->refdatah[k].a = HFd(4 - z * z);
+    e->refdatad[k].value = {z, 0};
+    e->refdatad[k].a = 4 - z * z;
+    z = z * z + cr;
+  }
+  e->task = __addtask(c, TASKTYPE_NEWTON, 1);
+  calctaylorenvironment(c, e, nullptr);
+  e->owner = owner;
+  mpf_clear(x);
+  mpf_clear(y);
+  return e;
+}
+
+}  // namespace
+
+TEST(IdleSearch, AConvergedPointWaitsForTheMoveAndIsAcceptedWhenItServesTheView) {
+  TileEngine e{16, false};
+  REALM* realm = newrealm(e, GENERAL);
+  VIEWPORT* v = nullptr;
+  e.onmain([&](OVCONTEXT* c) {
+    v = exactview(c, realm, "0", "0", 1, 128);
+    v->idle_ncalculating = 3;  // the orbit and two candidates
+    ENVIRONMENT* near = convergedpoint(c, v, "0", 1);
+    ENVIRONMENT* far = convergedpoint(c, v, "-1", 2);
+    int environments = atomicload(&c->ienvironment);
+    for (ENVIRONMENT* en : {near, far}) {
+      attachviewport(v);  // the candidate's hold on the view
+      WORKER* w = addworker(c, THREAD_MAIN, worker_newtonfinish);
+      w->pdata[0] = en;
+      v->flags |= VP_MOVING;
+      worker_newtonfinish(c, w);
+      EXPECT_EQ(v->movemsg, w);  // parked while the view moves
+      v->movemsg = nullptr;
+      v->flags &= ~VP_MOVING;
+      worker_newtonfinish(c, w);
+    }
+    EXPECT_EQ(near->task, nullptr);
+    EXPECT_EQ(atomicload(&c->ienvironment), environments - 1);
+    // The one at the view's centre joined the chain and serves; the one far
+    // outside the view was let go.
+    ASSERT_NE(v->echain.next, &v->echain);
+    EXPECT_EQ(CHAINRECORD(v->echain.next, ENVIRONMENT, chain), near);
+    EXPECT_EQ(v->echain.next->next, &v->echain);
+    EXPECT_TRUE(v->idle_newenv);
+    EXPECT_EQ(near->cf.mantissax, 0);
+    EXPECT_EQ(v->idle_ncalculating, 1);
+  });
+  dropview(e, v, realm);
 }
