@@ -298,11 +298,30 @@ void movingfinish(OVCONTEXT* context, VIEWPORT* viewport) {
   } else {
     v->flags &= ~VP_MUSTDOLOOP;  // no idle run of its own to wait for
   }
-  if (v->realm->type == JULIA && v->computecycle != v->realm->computecycle) {
-    // A new cycle of the realm: what was known of the old one goes.
-    detache(context, v->enonsat);
-    v->enonsat = nullptr;
-    v->idle_maxiter = 0;
+  if (v->realm->type == JULIA) {
+    if (v->computecycle != v->realm->computecycle) {
+      // A new cycle of the realm: what was known of the old one goes.
+      detache(context, v->enonsat);
+      v->enonsat = nullptr;
+      v->idle_maxiter = 0;
+    } else if (v->enonsat) {
+      int r = juliastandardprec(v, v->enonsat);
+      if (r >= 0) {
+        v->precsat = r + 1;
+        if (r > 5) v->flags |= VP_MUSTDOLOOP;
+      } else {
+        detache(context, v->enonsat);
+        v->enonsat = nullptr;
+      }
+    }
+    v->computecycle = v->realm->computecycle;
+    // A centre far out from 0 at this scale: the view's own orbit is worth
+    // a reference.
+    if (v->delta && v->zoomabs.mantissa) {
+      HFLOAT far = mulHF(cabsHF(cHF(mpf_get_HF(v->delta->v[0]), mpf_get_HF(v->delta->v[1]))),
+                         v->zoomabs);
+      if (far.mantissa && ilogbHF(far) + 1 > 7) idlestart(context, v);
+    }
   }
   v->computecycle = v->realm->computecycle;
   finishmoving(context, v);

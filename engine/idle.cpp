@@ -141,13 +141,15 @@ ITER idlebudget(const VIEWPORT* viewport) {
 void idlestart(OVCONTEXT* context, VIEWPORT* viewport) {
   VIEWPORT* v = viewport;
   if ((v->flags & VP_IDLE) || v->priority == 0 || !v->delta) return;
-  if (v->realm->type == GENERAL) startgeneral(context, v);
-  // A Julia realm's view keeps the environment its movingfinish chose; its
-  // own idle orbit is not made.
+  if (v->realm->type == GENERAL)
+    startgeneral(context, v);
+  else if (v->realm->type == JULIA)
+    idlestartjulia(context, v);
 }
 
 void idlestop(OVCONTEXT* context, VIEWPORT* viewport) {
   VIEWPORT* v = viewport;
+  if ((v->flags & VP_IDLE) && v->idle_worker) atomicstore(&v->idle_worker->stop, true);
   if ((v->flags & VP_IDLE) && (v->flags & VP_IDLEPAUSE)) {
     v->flags &= ~VP_IDLEPAUSE;
     v->flags |= VP_IDLESTOP;
@@ -314,7 +316,7 @@ void worker_idlefinish(OVCONTEXT* context, WORKER* worker) {
     if (v->priority == 0 && !(v->flags & VP_IDLE) && v->idle_computergroup.ncomputer)
       freecomputergroup(&v->idle_computergroup);
   } else {
-    clearrun(context, v);
+    idlefinishjulia(context, v);
   }
   __detachviewport(context, v);
   freeworker(context, worker);

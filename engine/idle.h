@@ -29,6 +29,9 @@ void idlestep(VIEWPORT* viewport, ITER iter, HFLOAT a, mpf_srcptr x, mpf_srcptr 
 void __idleendcompute(COMPUTERGROUP* group);
 void worker_idlefinish(OVCONTEXT* context, WORKER* worker);
 void idlejulia(OVCONTEXT* context, VIEWPORT* viewport);
+// The idle run of a Julia realm's view, on a worker: pdata[0] the view,
+// idata[0] the view's depth, idata[1] the budget.
+void worker_idlejulia(OVCONTEXT* context, WORKER* worker);
 
 // Stack data found by `idlestep`: pdata[0] the view, idata[0..1] the levels
 // lo..hi-1.
@@ -56,6 +59,11 @@ extern void (*environmentjuliastackhook)(OVCONTEXT* context, VIEWPORT* viewport,
 extern void (*juliastacklookupexhook)(OVCONTEXT* context, REALM* realm, int level, ITERINFO* info);
 
 // Internal to the idle files.
+void idlestartjulia(OVCONTEXT* context, VIEWPORT* viewport);
+void idlefinishjulia(OVCONTEXT* context, VIEWPORT* viewport);
+// The series depth the view's standard environment gives a Julia view now;
+// negative when it no longer serves.
+int juliastandardprec(const VIEWPORT* viewport, const ENVIRONMENT* e);
 struct IDLECANDIDATE {
   mpf_t c[2];
 };

@@ -120,3 +120,95 @@ TEST(EnvironmentScan, ADeepViewNearTheBoundaryGetsItsEnvironmentAfterAMoveAndCom
   mpf_clear(x);
   mpf_clear(y);
 }
+
+namespace {
+
+// The escape count of z0 under z^2 + c, or -1 within `limit`.
+int juliacount(std::complex<long double> z, std::complex<long double> c, int limit = 20000) {
+  for (int n = 1; n <= limit; n++) {
+    z = z * z + c;
+    if (std::norm(z) > 4) return n;
+  }
+  return -1;
+}
+
+}  // namespace
+
+TEST(EnvironmentScan, AJuliaViewFarFromTheCentreGetsItsOwnStandardEnvironment) {
+  TileEngine e{96, false};
+  REALM* julia = newrealm(e, JULIA);
+  const std::complex<double> c(-0.75, 0.1);
+  e.onmain([&](OVCONTEXT* cx) {
+    HPVALUE* p = addhpv(cx, 128);
+    mpf_set_d(p->v[0], c.real());
+    mpf_set_d(p->v[1], c.imag());
+    julia->info.c = p;
+  });
+  FINISHCOUNT count;
+  VIEWPORT* v = addviewport(e.context, julia, nullptr, RES, RES, countfinish, &count);
+  e.onmain([&](OVCONTEXT*) { v->channels = 1 | 8; });
+  activateviewport(e.context, v, 1);
+  waitfor([&] { return count.finish.load() >= 1; });
+  // A view of half-size 1/4096 around a point 0.6 out: its centre is far from
+  // 0 at this scale.
+  mpf_t x, y;
+  mpf_init2(x, 128);
+  mpf_init2(y, 128);
+  mpf_set_d(x, 0.375);
+  mpf_set_d(y, 0.46875);
+  moveviewportabsolute(e.context, v, x, y, cHF(HFd(4096), ZEROH), RES, RES);
+  waitfor([&] {
+    bool done = false;
+    e.onmain([&](OVCONTEXT*) {
+      done = !(v->flags & (VP_IDLE | VP_MOVING)) && v->enonsat && v->ivainvalid == 0;
+    });
+    return done;
+  });
+  waitfor([&] { return count.finish.load() >= 2; });
+  e.waitidle();
+  e.onmain([&](OVCONTEXT*) {
+    ENVIRONMENT* s = v->enonsat;
+    ASSERT_NE(s, nullptr);
+    EXPECT_FALSE(s->flags & E_PERIODIC);
+    EXPECT_EQ(pointof(s->c), std::complex<double>(0.375, 0.46875));
+    ASSERT_GT(s->n, 0u);
+    // Its orbit is that of the centre under the realm's parameter.
+    std::complex<long double> z(0.375L, 0.46875L), cl(c.real(), c.imag());
+    for (unsigned k = 0; k <= s->n && k < 40; k++) {
+      EXPECT_NEAR(s->refdatad[k].value.real(), static_cast<double>(z.real()), 1e-12) << k;
+      EXPECT_NEAR(s->refdatad[k].value.imag(), static_cast<double>(z.imag()), 1e-12) << k;
+      z = z * z + cl;
+    }
+    EXPECT_GE(v->precsat, 1);
+    // The picture made against it counts as a plain iteration does.
+    std::vector<RECTCOPY> rects = publishedlist(v);
+    ASSERT_FALSE(rects.empty());
+    int checked = 0;
+    for (const RECTCOPY& r : rects) {
+      ASSERT_EQ(r.ichannels, 2);
+      AREA* a = r.area[1];
+      const float* px = static_cast<const float*>(r.texture[1]->pixels);
+      long double step = areaside(a) / TEXTURESIZE;
+      for (int ty = 3; ty < TEXTURESIZE; ty += 29) {
+        for (int tx = 5; tx < TEXTURESIZE; tx += 31) {
+          std::complex<long double> p = areacorner(a) + std::complex<long double>(
+                                                            (tx + 0.5L) * step, (ty + 0.5L) * step);
+          float value = px[ty * TEXTURESIZE + tx];
+          int n = juliacount(p, cl);
+          if (value > 0) {
+            EXPECT_NEAR(value, n, 1.0) << "at " << p.real() << " " << p.imag();
+            checked++;
+          } else if (value < 0) {
+            EXPECT_EQ(n, -1) << "at " << p.real() << " " << p.imag();
+          }
+        }
+      }
+    }
+    EXPECT_GT(checked, 10);
+  });
+  mpf_clear(x);
+  mpf_clear(y);
+  detachviewport(e.context, v);
+  detachrealm(e.context, julia);
+  e.onmain([](OVCONTEXT*) {});
+}
