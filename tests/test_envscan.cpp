@@ -29,7 +29,7 @@ void countcompletion(OVCONTEXT* c, VIEWPORT* v, int event, void* pdata) {
 }
 
 struct GENERALVIEW {
-  TileEngine e{16, false};
+  TileEngine e{96, false};
   REALM* realm;
   REALM* julia;
   VIEWPORT* v;
@@ -40,6 +40,7 @@ struct GENERALVIEW {
     julia = newrealm(e, JULIA);
     v = addviewport(e.context, realm, julia, RES, RES, countcompletion, &count);
     EXPECT_NE(v, nullptr);
+    e.onmain([&](OVCONTEXT*) { v->channels = 1 | 8; });
     activateviewport(e.context, v, 1);
   }
   ~GENERALVIEW() {
@@ -61,6 +62,48 @@ std::complex<double> pointof(const HPVALUE* h) {
   return {mpf_get_d(h->v[0]), mpf_get_d(h->v[1])};
 }
 
+// The escape count (radius 2) of texel (tx, ty) of area a, iterated in mpf
+// at `bits`; -1 within `limit`.
+int exactcount(AREA* a, int tx, int ty, mp_bitcnt_t bits, int limit) {
+  HFLOATCOMPLEX off;
+  HPVALUE* base = getcoordarel(a, &off);
+  mpf_t cx, cy, x, y, t, u, s;
+  for (mpf_ptr m : {cx, cy, x, y, t, u, s}) mpf_init2(m, bits);
+  // The texel's centre: corner + (t + 1/2) side / TEXTURESIZE, exactly.
+  auto place = [&](mpf_ptr out, mpf_srcptr b, HFLOAT o, int k) {
+    mpf_set_HFexact(out, o);
+    mpf_add(out, out, b);
+    mpf_set_ui(s, 2 * k + 1);
+    int e = 4 - a->depth - TEXTURESIZESHIFT - 1;
+    if (e >= 0)
+      mpf_mul_2exp(s, s, e);
+    else
+      mpf_div_2exp(s, s, -e);
+    mpf_add(out, out, s);
+  };
+  place(cx, base->v[0], crealHF(off), tx);
+  place(cy, base->v[1], cimagHF(off), ty);
+  int n = -1;
+  for (int k = 1; k <= limit; k++) {
+    mpf_mul(t, x, x);
+    mpf_mul(u, y, y);
+    mpf_sub(s, t, u);
+    mpf_mul(u, x, y);
+    mpf_mul_2exp(u, u, 1);
+    mpf_add(x, s, cx);
+    mpf_add(y, u, cy);
+    mpf_mul(t, x, x);
+    mpf_mul(u, y, y);
+    mpf_add(t, t, u);
+    if (mpf_cmp_ui(t, 4) > 0) {
+      n = k;
+      break;
+    }
+  }
+  for (mpf_ptr m : {cx, cy, x, y, t, u, s}) mpf_clear(m);
+  return n;
+}
+
 }  // namespace
 
 TEST(EnvironmentScan, TheStartViewCompletesWithTheIdleSearchOn) {
@@ -77,6 +120,33 @@ TEST(EnvironmentScan, TheStartViewCompletesWithTheIdleSearchOn) {
     EXPECT_TRUE(g.v->esat->flags & E_PERIODIC);
     EXPECT_LT(std::abs(pointof(g.v->esat->c)), 1e-15);
     EXPECT_EQ(g.v->info.iter, -1);  // interior, attracted by the fixed point
+    // The picture counts as a plain iteration does.
+    std::vector<RECTCOPY> rects = publishedlist(g.v);
+    ASSERT_FALSE(rects.empty());
+    int escaped = 0, interior = 0;
+    for (const RECTCOPY& r : rects) {
+      ASSERT_EQ(r.ichannels, 2);
+      AREA* a = r.area[1];
+      const float* px = static_cast<const float*>(r.texture[1]->pixels);
+      long double step = areaside(a) / TEXTURESIZE;
+      for (int ty = 3; ty < TEXTURESIZE; ty += 29) {
+        for (int tx = 5; tx < TEXTURESIZE; tx += 31) {
+          std::complex<long double> p = areacorner(a) + std::complex<long double>(
+                                                            (tx + 0.5L) * step, (ty + 0.5L) * step);
+          float value = px[ty * TEXTURESIZE + tx];
+          int n = escapecount(p);
+          if (value > 0) {
+            EXPECT_NEAR(value, n, 1.0) << "at " << p.real() << " " << p.imag();
+            escaped++;
+          } else if (value < 0) {
+            EXPECT_EQ(n, -1) << "at " << p.real() << " " << p.imag();
+            interior++;
+          }
+        }
+      }
+    }
+    EXPECT_GT(escaped, 20);
+    EXPECT_GT(interior, 5);
   });
 }
 
@@ -116,6 +186,27 @@ TEST(EnvironmentScan, ADeepViewNearTheBoundaryGetsItsEnvironmentAfterAMoveAndCom
     // The run of the centre against it was made for this very position.
     EXPECT_EQ(g.v->info.c, g.v->delta);
     EXPECT_EQ(g.v->info.e, s);
+    // The picture made against it counts as an exact iteration does.
+    std::vector<RECTCOPY> rects = publishedlist(g.v);
+    ASSERT_FALSE(rects.empty());
+    int checked = 0;
+    for (const RECTCOPY& r : rects) {
+      ASSERT_EQ(r.ichannels, 2);
+      const float* px = static_cast<const float*>(r.texture[1]->pixels);
+      for (int ty = 7; ty < TEXTURESIZE; ty += 61) {
+        for (int tx = 11; tx < TEXTURESIZE; tx += 67) {
+          float value = px[ty * TEXTURESIZE + tx];
+          int n = exactcount(r.area[1], tx, ty, bits, 5000);
+          if (value > 0) {
+            EXPECT_NEAR(value, n, 1.0) << "texel " << tx << " " << ty;
+            checked++;
+          } else if (value < 0) {
+            EXPECT_EQ(n, -1) << "texel " << tx << " " << ty;
+          }
+        }
+      }
+    }
+    EXPECT_GT(checked, 10);
   });
   mpf_clear(x);
   mpf_clear(y);
