@@ -161,13 +161,13 @@ void movingstart(OVCONTEXT* context, VIEWPORT* viewport) {
   }
   v->flags |= VP_DONOTDRAW;
   if (v->flags & VP_MOVING) return;
+  // The run's centre is no longer the view's: it ends at its next stretch,
+  // unless the view waits for it.
+  if ((v->flags & VP_IDLE) && !(v->flags & VP_MUSTWAITFORIDLE)) idlestop(context, v);
   if (v->realm->type != GENERAL || v->priority == 0 || !v->delta) {
     movingfinish(context, v);
     return;
   }
-  // The run's centre is no longer the view's: it ends at its next stretch,
-  // unless the view waits for it.
-  if ((v->flags & VP_IDLE) && !(v->flags & VP_MUSTWAITFORIDLE)) idlestop(context, v);
   v->flags |= VP_MOVING;
   clearinfo(context, &v->info);
   v->mov_emergency = nullptr;

@@ -159,7 +159,8 @@ void idlefinishjulia(OVCONTEXT* context, VIEWPORT* v) {
   if (v->idle_task) __removetask(context, v->idle_task);
   v->idle_task = nullptr;
   bool taken = false;
-  if (s && !(v->flags & VP_IDLESTOP) && s->n > 0 && v->delta) {
+  bool stopped = (v->flags & VP_IDLESTOP) || v->idle_m != v->realm->info.c;
+  if (s && !stopped && s->n > 0 && v->delta) {
     s->cf = cHF(mpf_get_HF(s->c->v[0]), mpf_get_HF(s->c->v[1]));
     int r = juliastandardprec(v, s);
     if (r >= 0) {
@@ -175,6 +176,11 @@ void idlefinishjulia(OVCONTEXT* context, VIEWPORT* v) {
   v->idle_delta = nullptr;
   detachhpv(context, v->idle_m);
   v->idle_m = nullptr;
+  // A run stopped by a move starts again where the view is now.
+  if (stopped && v->priority && !(v->flags & VP_MOVING)) {
+    movingstart(context, v);
+    return;
+  }
   // The areas take the new environment when the view is filed again.
   if (taken && v->priority && !(v->flags & (VP_MOVING | VP_DONOTDRAW)) &&
       v->computecycle == v->realm->computecycle)

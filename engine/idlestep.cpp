@@ -126,7 +126,8 @@ void makecandidate(OVCONTEXT* context, VIEWPORT* v, ITER iter, mpf_srcptr x, mpf
   IDLECANDIDATE* cand = nullptr;
   if (ok) cand = static_cast<IDLECANDIDATE*>(malloc(sizeof(IDLECANDIDATE)));
   if (cand) {
-    mp_bitcnt_t cp = 3 * v->precision;
+    // The run's own precision: a move may change the view's meanwhile.
+    mp_bitcnt_t cp = 3 * mpf_get_prec(v->idle_delta->v[0]);
     for (int k = 0; k < 2; k++) {
       mpf_init2(cand->c[k], cp);
       mpf_sub(cand->c[k], v->idle_delta->v[k], q[k]);
