@@ -428,3 +428,37 @@ TEST(IdleSearch, AConvergedPointWaitsForTheMoveAndIsAcceptedWhenItServesTheView)
   });
   dropview(e, v, realm);
 }
+
+TEST(IdleSearch, TheOrbitPausesForItsCandidateAndGoesOnWhenNewtonHasAnswered) {
+  TileEngine e{16, false};
+  REALM* realm = newrealm(e, GENERAL);
+  VIEWPORT* v = nullptr;
+  e.onmain([&](OVCONTEXT* c) {
+    // At 0 the first round is a candidate of period 1; the run's budget is
+    // its own, so only a stop ends it.
+    v = exactview(c, realm, "0", "0", 1, 128);
+    v->idle_maxiter = 0x3FFFFFFE;
+    idlestart(c, v);
+  });
+  // The first stretch ends beyond the pause of 2 x 1: the orbit waits for
+  // Newton, and goes on once the nucleus is accepted.
+  waitfor([&] {
+    bool on = false;
+    e.onmain([&](OVCONTEXT*) {
+      on = v->echain.next != &v->echain && v->idle_iter > 4 * NCOMPUTERSTRETCH;
+    });
+    return on;
+  });
+  e.onmain([&](OVCONTEXT* c) {
+    ENVIRONMENT* found = CHAINRECORD(v->echain.next, ENVIRONMENT, chain);
+    EXPECT_EQ(found->n, 1u);
+    EXPECT_TRUE(v->idle_newenv);
+    EXPECT_EQ(v->idle_ncalculating, 1);  // no second candidate: its multiples are skipped
+    EXPECT_EQ(v->idle_pause, 0);
+    EXPECT_EQ(v->idle_n0, 1);
+    idlestop(c, v);
+  });
+  waitrest(e, v);
+  e.onmain([&](OVCONTEXT*) { EXPECT_FALSE(v->flags & (VP_IDLESTOP | VP_IDLEPAUSE)); });
+  dropview(e, v, realm);
+}
