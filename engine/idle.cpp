@@ -291,6 +291,8 @@ void worker_idlefinish(OVCONTEXT* context, WORKER* worker) {
   finishalljuliacorrect(context);
   if (v->realm->type == GENERAL) {
     bool gained = false;
+    // A run that never got its arrays is not tried again at once.
+    bool failed = !v->idle_standard;
     takestandard(context, v, &gained);
     clearrun(context, v);
     if (v->delta) standardinfo(context, v);
@@ -299,7 +301,10 @@ void worker_idlefinish(OVCONTEXT* context, WORKER* worker) {
       if (!jr || !(jr->flags & R_LOCKJULIAPOINT)) v->flags |= VP_MUSTDOLOOP;
       v->flags &= ~(VP_IDLESTOP | VP_MUSTWAITFORIDLE);
       if (jr) jr->flags &= ~R_MUSTWAITFORIDLE;
-      if (v->priority) movingstart(context, v);
+      if (failed)
+        finishmoving(context, v);
+      else if (v->priority)
+        movingstart(context, v);
     } else {
       v->flags |= VP_ADJUSTJULIASTACKAFTERMOVING;
       // A view that had no environment at all waits with its areas for one:
