@@ -331,22 +331,6 @@ void finishalljuliacorrect(OVCONTEXT* context) {
   while (context->ijuliacachepp != 0) juliahooks.finishjuliacorrect(context);
 }
 
-// Without an environments' scan the move has nothing to wait for: no idle
-// run will ever lift the waits it may have set, so they go here, and the
-// environment counts as set up for the realm's present cycle.
-void movingstart(OVCONTEXT* context, VIEWPORT* viewport) {
-  if (idlehooks.movingstart) {
-    idlehooks.movingstart(context, viewport);
-    return;
-  }
-  viewport->flags &= ~(VP_MUSTWAITFORIDLE | VP_MUSTDOLOOP);
-  if (viewport->juliarealm) viewport->juliarealm->flags &= ~R_MUSTWAITFORIDLE;
-  viewport->flags |= VP_DONOTDRAW;
-  if (viewport->flags & VP_MOVING) return;
-  viewport->computecycle = viewport->realm->computecycle;
-  finishmoving(context, viewport);
-}
-
 void finishmoving(OVCONTEXT* context, VIEWPORT* viewport) {
   finishalljuliacorrect(context);
   viewport->flags &= ~VP_MOVING;

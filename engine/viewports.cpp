@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "Mandelbrot.h"
+#include "idle.h"
 
 IDLEHOOKS idlehooks = {};
 JULIAHOOKS juliahooks = {};
@@ -358,7 +359,7 @@ void __deactivateviewport(OVCONTEXT* context, VIEWPORT* v, bool remove) {
   v->priority = 0;
   takedownlist(context, v);
   if (v->flags & VP_IDLE) {
-    if (idlehooks.idlestop) idlehooks.idlestop(context, v);
+    idlestop(context, v);
   } else if (v->idle_computergroup.ncomputer) {
     freecomputergroup(&v->idle_computergroup);
   }
@@ -443,7 +444,7 @@ void worker_recalc_env(OVCONTEXT* context, WORKER* worker) {
   VIEWPORT* v = static_cast<VIEWPORT*>(worker->pdata[0]);
   if (!atomicload(&worker->stop)) {
     if (v->flags & VP_IDLE) {
-      if (idlehooks.idlestop) idlehooks.idlestop(context, v);
+      idlestop(context, v);
     } else {
       v->flags |= VP_MUSTDOLOOP;
       movingstart(context, v);

@@ -24,6 +24,19 @@ struct SCENE {
     e.onmain([&](OVCONTEXT*) { v->channels = channels; });
     activateviewport(e.context, v, 1);
     e.onmain([](OVCONTEXT*) {});
+    settle();
+  }
+  // A general view is drawn once its environments' scan and, the first
+  // time, its idle run are through.
+  void settle() {
+    if (realm->type != GENERAL) return;
+    waitfor([&] {
+      bool done = false;
+      e.onmain([&](OVCONTEXT*) {
+        done = !(v->flags & (VP_MOVING | VP_MUSTWAITFORIDLE | VP_DONOTDRAW));
+      });
+      return done;
+    });
   }
   ~SCENE() {
     detachviewport(e.context, v);
@@ -33,13 +46,14 @@ struct SCENE {
   void move(std::complex<double> d, std::complex<double> z) {
     moveviewport(e.context, v, cHFd(d), cHFd(z), -1, -1, CZEROH, ZEROH, 0);
     e.onmain([](OVCONTEXT*) {});
+    settle();
   }
   int current() { return (v->flags & VP_SWAPVIEWPORTAREA) ? 0 : 1; }
 };
 
 }  // namespace
 
-// A general realm without environments files areas and computes nothing.
+// A general realm's view files its areas from the top or from effective tops.
 TEST(Invalidate, ShallowViewsWalkFromTheTopAndDeepOnesFromEffectiveTops) {
   SCENE s(GENERAL);
   std::vector<AREA*> first;

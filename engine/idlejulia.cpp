@@ -1,0 +1,112 @@
+// The general view's Julia realm follows the view: its point, its
+// environment, and how many of its stack levels the view's centre still
+// lies within.
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include "canvas/series.h"
+#include "idle.h"
+
+void (*extendjuliastackhook)(OVCONTEXT* context, VIEWPORT* viewport) = nullptr;
+void (*environmentjuliastackhook)(OVCONTEXT* context, VIEWPORT* viewport, ENVIRONMENT* e) = nullptr;
+void (*juliastacklookupexhook)(OVCONTEXT* context, REALM* realm, int level, ITERINFO* info) = nullptr;
+
+namespace {
+
+constexpr unsigned int R_NOLOOP = 0x2000;
+
+int needed(HFLOAT d) {
+  if (d.mantissa == 0) return 2;
+  return 64 - (ilogbHF(d) + 1);
+}
+
+void setrealmenv(OVCONTEXT* context, REALM* jr, ENVIRONMENT* e) {
+  if (jr->e == e) return;
+  if (e) attache(e);
+  detache(context, jr->e);
+  jr->e = e;
+}
+
+void bindpoint(OVCONTEXT* context, VIEWPORT* v, REALM* jr) {
+  detachhpv(context, jr->info.c);
+  jr->info = v->info;
+  if (jr->info.c) attachhpv(jr->info.c);
+  HFLOAT d = v->info.dj.mantissa ? v->info.dj : v->info.distj;
+  jr->neededjuliastack = needed(d);
+  setrealmenv(context, jr, v->esat ? v->esat : v->enonsat);
+  jr->computecycle++;
+}
+
+// Levels from 0 whose disc still holds the view.
+int levelsholding(VIEWPORT* v, REALM* jr) {
+  if (!jr->juliastack || !v->delta) return 0;
+  HFLOAT reach = divHF(HFd(v->big > 0 ? v->big : 1.0), v->zoomabs);
+  int count = 0;
+  for (; count < jr->njuliastack; count++) {
+    JULIASTACKDATA* jd = &jr->juliastack[count];
+    if (jd->r.mantissa == 0 || subHF(jd->r, reach).mantissa < 0) break;
+    if (!jd->m) {
+      fputs("moved: jstd->m==NULL\n", stderr);
+      break;
+    }
+    if (!radtest_hfloat(nullptr, jd->m->v, v->delta->v, jd->r)) break;
+  }
+  return count;
+}
+
+void adjust(OVCONTEXT* context, REALM* jr, int level, bool erase) {
+  if (juliahooks.adjustjuliastack) juliahooks.adjustjuliastack(context, jr, level, erase);
+}
+
+}  // namespace
+
+void idlejulia(OVCONTEXT* context, VIEWPORT* viewport) {
+  VIEWPORT* v = viewport;
+  REALM* jr = v->juliarealm;
+  finishalljuliacorrect(context);
+  if (!jr) return;
+  bool bound = false;
+  if (!(v->flags & VP_LOCK) && !(jr->flags & (R_ATSAT | R_LOCKJULIAPOINT))) {
+    bindpoint(context, v, jr);
+    bound = true;
+  }
+  if (v->flags & VP_ADJUSTJULIASTACKAFTERMOVING) {
+    if (extendjuliastackhook) extendjuliastackhook(context, v);
+    v->flags &= ~VP_ADJUSTJULIASTACKAFTERMOVING;
+  }
+  // While the idle run goes on, its own counts of levels stand.
+  int count = v->idle_jst;
+  if (!(v->flags & VP_IDLE)) {
+    count = levelsholding(v, jr);
+    v->idle_jst = v->idle_jst1 = v->idle_jst0 = count;
+  }
+  if (jr->validjuliastack > count) adjust(context, jr, count - 1, false);
+  if (v->esat && v->delta &&
+      isenvironmentclose(v->dummy[0], v->esat, v->delta->v[0], v->delta->v[1], v->zoom)) {
+    if (jr->e == v->esat && (jr->flags & R_ATSAT)) {
+      adjust(context, jr, count - 1, false);
+      if (!(v->flags & VP_MUSTWAITFORIDLE)) v->flags &= ~VP_MUSTDOLOOP;
+    } else {
+      // The view stands on its atom: the realm's point becomes the atom's
+      // centre.
+      setrealmenv(context, jr, v->esat);
+      jr->flags |= R_ATSAT;
+      detachhpv(context, jr->info.c);
+      attachhpv(v->esat->c);
+      jr->info.c = v->esat->c;
+      jr->info.iter = -static_cast<ITER>(v->esat->n);
+      jr->info.dj = mulHF(v->esat->r4, HFd(0.1));
+      jr->info.cf = v->esat->cf;
+      jr->neededjuliastack = needed(jr->info.dj);
+      jr->computecycle++;
+      bound = true;
+      if (environmentjuliastackhook) environmentjuliastackhook(context, v, v->esat);
+    }
+  } else {
+    if (!(jr->flags & R_NOLOOP) && !v->idle_newenv) v->flags |= VP_MUSTDOLOOP;
+    jr->flags &= ~R_ATSAT;
+    adjust(context, jr, count - 1, false);
+  }
+  if (bound) invalidateall(context, jr);
+}
