@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "idle.h"
+#include "satellite.h"
 #include "refiter.h"
 
 namespace {
@@ -221,6 +222,7 @@ void envloop(OVCONTEXT* context, VIEWPORT* viewport) {
     usestandard(context, v);
     return;
   }
+  startsatellites(context, v);
   movingfinish(context, v);
 }
 

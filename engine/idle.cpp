@@ -3,6 +3,7 @@
 // handed on by `idlestep` (idlestep.cpp) and taken over here when the run is
 // over.
 #include "idle.h"
+#include "satellite.h"
 
 #include <algorithm>
 #include <cmath>
@@ -296,6 +297,7 @@ void worker_idlefinish(OVCONTEXT* context, WORKER* worker) {
     takestandard(context, v, &gained);
     clearrun(context, v);
     if (v->delta) standardinfo(context, v);
+    startsatellites(context, v);
     REALM* jr = v->juliarealm;
     if (v->flags & VP_IDLESTOP) {
       if (!jr || !(jr->flags & R_LOCKJULIAPOINT)) v->flags |= VP_MUSTDOLOOP;

@@ -12,6 +12,7 @@
 #include <cstdio>
 
 #include "Mandelbrot.h"
+#include "satellite.h"
 
 namespace {
 
@@ -128,8 +129,7 @@ void movetosatellite(OVCONTEXT* context, VIEWPORT* v, int flags) {
   bool julia = v->realm->type == JULIA;
   HFLOATCOMPLEX target = CZEROH;
   HPVALUE* point = nullptr;
-  if (!(julia ? v->realm->e : v->esat) || !idlehooks.sattarget ||
-      !idlehooks.sattarget(context, v, &target, &point))
+  if (!(julia ? v->realm->e : v->esat) || !satellitetarget(context, v, &target, &point))
     return;
   if (flags & MOVEVIEWPORT_TOSATHALF) {
     double to = log2HF(cabsHF(target)), from = log2HF(v->zoomabs);

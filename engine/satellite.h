@@ -51,6 +51,10 @@ void worker_calcsat_return(OVCONTEXT* context, WORKER* worker);
 // thread. False when none was started.
 bool postcalcsat(OVCONTEXT* context, VIEWPORT* viewport);
 
+// The end of a scan or of an idle run: with `VP_SATELLITES` and no search
+// running, `changesate` to the view's environment and a new search.
+void startsatellites(OVCONTEXT* context, VIEWPORT* viewport);
+
 // ---------------------------------------------------------------- the view's side
 
 // `sat_e_prec` = prec; a new `e` becomes `sat_e` and the records of
@@ -66,9 +70,6 @@ void getsat(OVCONTEXT* context, VIEWPORT* viewport, std::complex<double>* csat, 
 // of the realm's environment, at 0), framed so that the view stands on it.
 bool satellitetarget(OVCONTEXT* context, VIEWPORT* viewport, HFLOATCOMPLEX* zoom,
                      HPVALUE** point);
-// Installs `satellitetarget` as the movement's hook; done once before `main`
-// in every program that links the search, again after a test resets the hooks.
-void installsatellitehooks();
 
 // ---------------------------------------------------------------- Misiurewicz points
 

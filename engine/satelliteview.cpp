@@ -83,6 +83,17 @@ bool postcalcsat(OVCONTEXT* context, VIEWPORT* v) {
   return true;
 }
 
+void startsatellites(OVCONTEXT* context, VIEWPORT* v) {
+  if (!(v->flags & VP_SATELLITES) || v->sat_worker) return;
+  // Against the view's periodic environment when it has one, else against
+  // its standard orbit, as deep as the scan found it good.
+  if (v->esat)
+    changesate(context, v, v->esat, v->precsat);
+  else
+    changesate(context, v, v->enonsat, -1);
+  postcalcsat(context, v);
+}
+
 void worker_calcsat(OVCONTEXT* context, WORKER* worker) {
   VIEWPORT* v = static_cast<VIEWPORT*>(worker->pdata[0]);
   if (!atomicload(&worker->stop))
@@ -184,11 +195,3 @@ bool satellitetarget(OVCONTEXT*, VIEWPORT* v, HFLOATCOMPLEX* zoom, HPVALUE** poi
   return true;
 }
 
-void installsatellitehooks() { idlehooks.sattarget = satellitetarget; }
-
-namespace {
-// Any program that can search satellites can also jump to them: the hook is
-// in place before `main`. `idlehooks` is constant-initialised, so it is
-// already there to be written.
-const bool satellitehooksinstalled = (installsatellitehooks(), true);
-}  // namespace

@@ -271,16 +271,10 @@ inline VIEWPORT* activeviewport(CHAIN* link) {
 
 // ---------------------------------------------------------------- hooks of other subsystems
 
-// The idle search, the environments' scan after a move and satellites. A
-// null `movingstart` ends every move at once (`finishmoving`).
+// An observer of the environments' scan: when set, it is called in place of
+// `movingstart`'s own work (tests count moves through it).
 struct IDLEHOOKS {
   void (*movingstart)(OVCONTEXT* context, VIEWPORT* viewport);
-  void (*idlestart)(OVCONTEXT* context, VIEWPORT* viewport);
-  void (*idlestop)(OVCONTEXT* context, VIEWPORT* viewport);
-  // The target of a jump to a satellite: its zoom and its point (NULL in a
-  // Julia realm, where the target is 0). False when there is none.
-  bool (*sattarget)(OVCONTEXT* context, VIEWPORT* viewport, HFLOATCOMPLEX* zoom,
-                    HPVALUE** point);
 };
 extern IDLEHOOKS idlehooks;
 

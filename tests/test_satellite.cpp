@@ -638,7 +638,6 @@ struct JUMPSCENE {
   VIEWPORT* v;
   ENVIRONMENT* env = nullptr;
   JUMPSCENE() {
-    installsatellitehooks();
     realm = newrealm(e, MANDELBROT);
     v = addviewport(e.context, realm, nullptr, 256, 256, nullptr, nullptr);
     e.onmain([&](OVCONTEXT* c) {
