@@ -1,6 +1,8 @@
 // orvanta-render: one view of the explorer to an image file, without a
 // window: the same engine, tiles, draw list and colour scheme, drawn in an
 // off-screen framebuffer. Prints one JSON line of timings on success.
+#include <unistd.h>
+
 #include <cstdio>
 #include <string>
 
@@ -20,6 +22,11 @@ int main(int argc, char** argv) {
   }
   RENDERTIMES times;
   int code = renderview(args, &times);
+  if (code == RENDER_TIMEOUT) {
+    fflush(stdout);
+    fflush(stderr);
+    _exit(code);
+  }
   if (code == RENDER_OK)
     printf("{\"reference\": %.3f, \"tiles\": %.3f, \"total\": %.3f}\n", times.reference,
            times.tiles, times.total);

@@ -25,6 +25,7 @@
 
 #include "Mandelbrot.h"
 #include "MandelbrotColorscheme.h"
+#include "canvas.h"
 #include "displaygl.h"
 #include "eglcontext.h"
 #include "tileargs.h"
@@ -114,6 +115,14 @@ bool startengine(const RENDERARGS& args, RUN* run, std::string* error) {
     return false;
   }
   run->names.assign(static_cast<size_t>(run->ntexture), 0);
+  // The engine gives a computing thread two canvases' worth of the budget;
+  // a budget that leaves none would wait for ever.
+  if (run->context->nthread <= 3) {
+    int64_t least = (2 * static_cast<int64_t>(sizeof(CANVAS0)) >> 20) + 1;
+    *error = "--memory " + std::to_string(args.memory) + " leaves the engine no computing thread; " +
+             "it needs at least " + std::to_string(least);
+    return false;
+  }
   return true;
 }
 
@@ -467,7 +476,8 @@ int renderview(const RENDERARGS& args, RENDERTIMES* times) {
   std::string error;
   run.gl = openoffscreen(args.w, args.h, &error);
   if (!run.gl) return failwith(&run, RENDER_FAILED, "no off-screen GL: " + error);
-  if (!startengine(args, &run, &error)) return failwith(&run, RENDER_FAILED, error);
+  if (!startengine(args, &run, &error))
+    return failwith(&run, run.context ? RENDER_BADARGS : RENDER_FAILED, error);
   run.schemes = builtincolorschemes(run.context, nullptr);
   Colorscheme* scheme = static_cast<Colorscheme*>(getjdict(run.schemes, args.scheme.c_str()));
   if (!scheme) return failwith(&run, RENDER_BADARGS, "no colour scheme \"" + args.scheme + "\"");
@@ -477,9 +487,10 @@ int renderview(const RENDERARGS& args, RENDERTIMES* times) {
   schemehooks = SCHEMEHOOKS{hookattach, hookdetach, hookchannels};
   if (!makeview(args, &run, scheme, &error)) return failwith(&run, RENDER_FAILED, error);
   if (!waitfinished(args, &run, start, times)) {
-    char text[128];
-    snprintf(text, sizeof text, "the view was not finished within %g s", args.timeout);
-    return failwith(&run, RENDER_TIMEOUT, text);
+    // Stopping the engine waits for every job to notice, which a deep
+    // reference may take minutes to do; the user asked for an end now.
+    fprintf(stderr, "orvanta-render: the view was not finished within %g s\n", args.timeout);
+    return RENDER_TIMEOUT;
   }
   std::vector<unsigned char> rgba;
   if (!drawfinished(args, &run, &rgba, &error)) return failwith(&run, RENDER_FAILED, error);

@@ -29,7 +29,8 @@ struct RENDERTIMES {
 };
 
 // Runs the whole render; messages go to standard error, progress too when it
-// is a terminal.
+// is a terminal. After RENDER_TIMEOUT the engine is left running: the caller
+// ends the process (with _exit, since its threads are still at work).
 int renderview(const RENDERARGS& args, RENDERTIMES* times);
 
 // The reason a file can't be written at `path` without writing anything, or

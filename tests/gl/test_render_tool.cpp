@@ -158,6 +158,7 @@ TEST_F(RenderTool, StartViewShowsTheSetWithItsInteriorOnTheCardioidAndBulb) {
                  " --channels-out " + f32);
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_TRUE(onejsonline(r.out)) << r.out;
+  EXPECT_EQ(r.err, "") << "no progress when standard error is not a terminal";
   IMAGE image;
   ASSERT_TRUE(readpng(png, &image));
   ASSERT_EQ(image.w, W);
@@ -327,6 +328,22 @@ TEST_F(RenderTool, JpegOutputMatchesThePng) {
   EXPECT_LT(sum / p.rgb.size(), 6.0);
 }
 
+// On a terminal (script(1) gives the run one) progress is shown on standard
+// error and ends with the finished line; the JSON line still comes.
+TEST_F(RenderTool, ProgressOnATerminal) {
+  if (std::system("command -v script >/dev/null 2>&1") != 0) GTEST_SKIP() << "no script(1)";
+  std::string png = dir + "/tty.png", log = dir + "/tty.log";
+  std::string inner = std::string(ORVANTA_RENDER_EXE) + " --size 160x90 --memory 512 --timeout 120 --out " + png;
+  RESULT r = run("--help");  // the tool starts at all
+  ASSERT_EQ(r.code, 0);
+  std::string command = "script -qec '" + inner + "' /dev/null >" + log + " 2>&1";
+  ASSERT_EQ(std::system(command.c_str()), 0);
+  std::string text = slurp(log);
+  EXPECT_NE(text.find("orvanta-render: finished in"), std::string::npos) << text;
+  EXPECT_NE(text.find("\"total\":"), std::string::npos) << text;
+  EXPECT_TRUE(exists(png));
+}
+
 TEST_F(RenderTool, BadArgumentsGiveOneUsageLineAndExitTwo) {
   for (const char* args : {"", "--out x.gif", "--zoom 2 --width 1 --out x.png", "--size 5 --out x.png",
                            "--bogus --out x.png"}) {
@@ -341,9 +358,17 @@ TEST_F(RenderTool, BadArgumentsGiveOneUsageLineAndExitTwo) {
   EXPECT_FALSE(exists("x.png"));
 }
 
+TEST_F(RenderTool, ABudgetWithoutAComputingThreadExitsTwo) {
+  std::string png = dir + "/m.png";
+  RESULT r = run("--size 64x64 --memory 64 --timeout 30 --out " + png);
+  EXPECT_EQ(r.code, 2);
+  EXPECT_NE(r.err.find("leaves the engine no computing thread"), std::string::npos) << r.err;
+  EXPECT_FALSE(exists(png));
+}
+
 TEST_F(RenderTool, AnUnknownSchemeExitsTwo) {
   std::string png = dir + "/s.png";
-  RESULT r = run("--size 64x64 --memory 256 --scheme Nonesuch --out " + png);
+  RESULT r = run("--size 64x64 --memory 512 --scheme Nonesuch --out " + png);
   EXPECT_EQ(r.code, 2);
   EXPECT_NE(r.err.find("Nonesuch"), std::string::npos) << r.err;
   EXPECT_FALSE(exists(png));
