@@ -140,8 +140,12 @@ bool __drawviewport(OVCONTEXT* context, GLuint* currentshader, VIEWPORT* viewpor
     *currentshader = scheme->prog;
     Uniforms u{};
     complexd d = o.d;
-    u.p = vec2{static_cast<float>(deltaabs.real() + h * d.imag() / 2 - w * d.real() / 2),
-               static_cast<float>(deltaabs.imag() - (w * d.imag() + h * d.real()) / 2)};
+    // A zero zoom makes `d` infinite; the corner then stays at the centre,
+    // so that the infinity reaches `d` alone.
+    complexd corner(h * d.imag() / 2 - w * d.real() / 2, -(w * d.imag() + h * d.real()) / 2);
+    if (!std::isfinite(corner.real()) || !std::isfinite(corner.imag())) corner = 0;
+    u.p = vec2{static_cast<float>(deltaabs.real() + corner.real()),
+               static_cast<float>(deltaabs.imag() + corner.imag())};
     u.d = vec2{static_cast<float>(d.real()), static_cast<float>(d.imag())};
     u.globalcorrection = static_cast<float>(std::abs(zoom));
     juliaconstant(viewport, &u);

@@ -319,6 +319,18 @@ TEST_F(DrawViewport, AZeroZoomStillDrawsThePictureInPlace) {
   FRAME zero = frame();
   EXPECT_EQ(normal.rgba, zero.rgba);
   EXPECT_NE(zero.at(10, 10)[3], 0);
+
+  // The absolute corner stays finite (the centre): green; the step is not.
+  SCHEME where(1, "vec4 color(Data data) { bool finite = uniforms.p.x == uniforms.p.x && "
+                  "abs(uniforms.p.x) < 1.0e30 && abs(uniforms.p.y) < 1.0e30; "
+                  "bool dfinite = abs(uniforms.d.x) < 1.0e30 && abs(uniforms.d.y) < 1.0e30; "
+                  "return vec4(-uniforms.p.x, finite ? 1.0 : 0.0, dfinite ? 1.0 : 0.0, 1.0); }\n");
+  s.publish(where.cs);
+  ASSERT_TRUE(s.draw());
+  std::array<int, 4> px = frame().at(10, 10);
+  EXPECT_NEAR(px[0], 0.75 * 255, 1);
+  EXPECT_EQ(px[1], 255);
+  EXPECT_EQ(px[2], 0);
 }
 
 // Only the given rectangle of the framebuffer is touched, and the caller's
