@@ -307,6 +307,34 @@ TEST_F(RenderTool, AJuliaViewWithoutShortcutsShowsItsSet) { checkjulia(*this, "-
 // the renderer; enable once it is mended.
 TEST_F(RenderTool, DISABLED_AJuliaViewWithTheStartFlagsShowsItsSet) { checkjulia(*this, ""); }
 
+// --angle 90 turns the picture a quarter counter-clockwise: what the start
+// view shows at screen point s appears at i*s.
+TEST_F(RenderTool, AngleTurnsThePictureCounterClockwise) {
+  const int N = 128;
+  std::string common = "--size 128x128 --memory 512 --timeout 120 --re -0.5 --im 0.25 --zoom 3 ";
+  RESULT a = run(common + "--out " + dir + "/a.png --channels-out " + dir + "/a.f32");
+  ASSERT_EQ(a.code, 0) << a.err;
+  RESULT b = run(common + "--angle 90 --out " + dir + "/b.png --channels-out " + dir + "/b.f32");
+  ASSERT_EQ(b.code, 0) << b.err;
+  std::vector<float> straight = readfloats(dir + "/a.f32"), turned = readfloats(dir + "/b.f32");
+  ASSERT_EQ(straight.size(), size_t{N * N});
+  ASSERT_EQ(turned.size(), size_t{N * N});
+  int same = 0, differentunturned = 0;
+  for (int py = 0; py < N; py++) {
+    for (int px = 0; px < N; px++) {
+      // Pixel (px, py) at s = (x, y) shows in the turned picture at
+      // i*s = (-y, x).
+      double x = px + 0.5 - N / 2.0, y = N / 2.0 - py - 0.5;
+      int qx = static_cast<int>(-y + N / 2.0 - 0.5), qy = static_cast<int>(N / 2.0 - 0.5 - x);
+      float v = straight[static_cast<size_t>(py) * N + px];
+      if (v == turned[static_cast<size_t>(qy) * N + qx]) same++;
+      if (v != turned[static_cast<size_t>(py) * N + px]) differentunturned++;
+    }
+  }
+  EXPECT_GT(same, N * N * 95 / 100);
+  EXPECT_GT(differentunturned, N * N / 10);  // the turn is visible at all
+}
+
 TEST_F(RenderTool, JpegOutputMatchesThePng) {
   std::string png = dir + "/a.png", jpg = dir + "/a.jpg";
   RESULT a = run("--size 320x180 --memory 512 --timeout 120 --out " + png);
