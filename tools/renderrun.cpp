@@ -81,6 +81,7 @@ struct RUN {
   void* tiles = nullptr;
   int ntexture = 0;
   REALM* realm = nullptr;
+  REALM* juliarealm = nullptr;  // the stack and seeds of a general view
   VIEWPORT* v = nullptr;
   JDICT* schemes = nullptr;
   EGLOFFSCREEN* gl = nullptr;
@@ -152,19 +153,15 @@ void zoommagnitude(const RENDERARGS& a, mpf_t m) {
   }
 }
 
-// The general realm computes against references that the environments'
-// scan of a move provides; an engine without that scan has no reference for
-// it and computes nothing, so the Mandelbrot realm's direct iteration draws
-// the view instead, which serves every depth that a long double resolves.
-REALMTYPE realmtype(const RENDERARGS& args) {
-  if (args.julia) return JULIA;
-  return idlehooks.movingstart ? GENERAL : MANDELBROT;
-}
+REALMTYPE realmtype(const RENDERARGS& args) { return args.julia ? JULIA : GENERAL; }
 
 bool makerealm(const RENDERARGS& args, RUN* run, mp_bitcnt_t bits, std::string* error) {
   OVCONTEXT* c = run->context;
   run->realm = addrealm(c, realmtype(args));
-  if (!run->realm) {
+  // A general view finds its references by the environments' scan, which
+  // keeps its Julia stack and seeds in a Julia realm of its own.
+  if (run->realm && !args.julia) run->juliarealm = addrealm(c, JULIA);
+  if (!run->realm || (!args.julia && !run->juliarealm)) {
     *error = "no realm could be made";
     return false;
   }
@@ -202,7 +199,7 @@ bool makeview(const RENDERARGS& args, RUN* run, Colorscheme* scheme, std::string
     mpf_clear(m);
     return false;
   }
-  run->v = addviewport(c, run->realm, nullptr, args.w, args.h, finishcallback, run);
+  run->v = addviewport(c, run->realm, run->juliarealm, args.w, args.h, finishcallback, run);
   if (!run->v) {
     mpf_clear(m);
     *error = "no viewport could be made";
@@ -382,6 +379,7 @@ void shutdown(RUN* run) {
   if (run->context) {
     if (run->v) detachviewport(run->context, run->v);
     if (run->realm) detachrealm(run->context, run->realm);
+    if (run->juliarealm) detachrealm(run->context, run->juliarealm);
     onmain(run->context, [](OVCONTEXT*) {});
     freecontext(run->context);
     free(run->context);

@@ -65,9 +65,7 @@ TEST_F(Shortcuts, ViewOfWidthOneTenBillionth) {
   compare("--re -0.743643887037151 --im 0.131825904205330 --width 1e-10");
 }
 
-// Disabled, both: views of width 1e-100 and 1e-1000 are computed by
-// perturbation in the general realm against references from the
-// environments' scan of a move, which this engine does not have yet (see
-// RenderTool.DISABLED_DeepViewOfWidth1e100). Enable them with the scan.
-TEST_F(Shortcuts, DISABLED_ViewOfWidth1e100) { compare("--re 0 --im 1 --width 1e-100"); }
-TEST_F(Shortcuts, DISABLED_ViewOfWidth1e1000) { compare("--re 0 --im 1 --width 1e-1000"); }
+// Views beyond every hardware format: perturbation against references
+// from the environments' scan.
+TEST_F(Shortcuts, ViewOfWidth1e100) { compare("--re 0 --im 1 --width 1e-100"); }
+TEST_F(Shortcuts, ViewOfWidth1e1000) { compare("--re 0 --im 1 --width 1e-1000"); }

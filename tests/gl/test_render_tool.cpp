@@ -434,13 +434,10 @@ TEST_F(RenderTool, AViewNotFinishedInTimeExitsThreeAndWritesNothing) {
   EXPECT_FALSE(exists(f32));
 }
 
-// Disabled: a view of width 1e-100 is beyond every hardware format, so the
-// general realm must compute it by perturbation against a reference, and the
-// reference comes from the environments' scan of a move, which this engine
-// does not have yet (the renderer falls back to the Mandelbrot realm's direct
-// iteration without it, which cannot resolve such a view). Enable it once the
-// scan is in.
-TEST_F(RenderTool, DISABLED_DeepViewOfWidth1e100) {
+// A view of width 1e-100 is beyond every hardware format: the general realm
+// computes it by perturbation against a reference from the environments'
+// scan of the first move.
+TEST_F(RenderTool, DeepViewOfWidth1e100) {
   const int W = 160, H = 90;
   std::string png = dir + "/deep100.png", f32 = dir + "/deep100.f32";
   // c = i is a Misiurewicz point: its neighbourhood shows branching detail
