@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <thread>
 #include <map>
 #include <set>
 #include <vector>
@@ -486,4 +488,49 @@ TEST(ViewportMore, BeyondOneHundredAndTwentyEightPendingStepsTheRingIsReusedButE
     EXPECT_EQ(cdHF(pd), std::complex<double>(0, 0));
     EXPECT_EQ(cdHF(pz), cdHF(v->zoom));
   });
+}
+
+// ---------------------------------------------------------------- a move is drawn at once
+
+namespace {
+
+std::atomic<bool> blockerrunning{false}, blockerrelease{false};
+
+void worker_block(OVCONTEXT* context, WORKER* worker) {
+  blockerrunning.store(true);
+  while (!blockerrelease.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  freeworker(context, worker);
+}
+
+}  // namespace
+
+// With the worker thread busy for long, no message comes home to the main
+// thread after the move: the moved view's list must still be drawn at its
+// new position, from the tiles there are, without waiting for one.
+TEST(ViewportMore, AMovedViewIsDrawnAtItsNewPositionWithoutWaitingForAnotherMessage) {
+  TileEngine e(96, false);
+  VIEW view(e, 1 | 8);
+  activateviewport(e.context, view.v, 1);
+  view.waitfinish(1);
+  blockerrunning.store(false);
+  blockerrelease.store(false);
+  e.onmain([](OVCONTEXT* c) {
+    WORKER* w = addworker(c, THREAD_WORKER, worker_block);
+    w->prio = 0;
+    dispatch(c, w);
+  });
+  waitfor([] { return blockerrunning.load(); });
+  uint32_t step = atomicload(&view.v->icoordinatesystem) + 1;
+  moveviewport(e.context, view.v, cHFd({0.3, 0.1}), cHFd({2, 0}), -1, -1, CZEROH, ZEROH, 0);
+  // Read from this thread alone: a call on the main thread would wake it.
+  bool drawn = false;
+  for (int k = 0; k < 5000 && !drawn; k++) {
+    int list = atomicload(&view.v->toactivatelist);
+    drawn = list >= 0 && atomicload(&view.v->cslist[list]) == step;
+    if (!drawn) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_TRUE(drawn);
+  EXPECT_EQ(view.count.finish.load(), 1);  // the moved view's jobs wait behind the blocker
+  blockerrelease.store(true);
+  view.waitfinish(2);
 }
