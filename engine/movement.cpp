@@ -339,7 +339,9 @@ void finishmoving(OVCONTEXT* context, VIEWPORT* viewport) {
     composestrings(context, viewport);
     invalidate(context, viewport);
     viewport->flags |= VP_DIRTY;
-    setcontextflag(context, OVCONTEXT_DIRTY);
+    // Drawn in this round of the main thread: while the workers run long
+    // jobs no other message may come to wake it for the moved view's list.
+    setcontextflag(context, OVCONTEXT_DIRTY | OVCONTEXT_DORENDER);
   }
   WORKER* w = viewport->movemsg;
   viewport->movemsg = nullptr;

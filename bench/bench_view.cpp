@@ -1,0 +1,94 @@
+// One general-realm view of 1024 x 768 run without a display on two worker
+// threads: the time from activation to its finishing event at the view every
+// new view starts with and at a width of 1e-10, and, once the start view is
+// complete, the time from a zoom by 2 to the first draw list built after it.
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <thread>
+
+#include "viewrun.h"
+
+namespace {
+
+VIEWARGS benchargs() {
+  VIEWARGS a;
+  a.width = 1024;
+  a.height = 768;
+  a.nthread = 5;  // two worker threads
+  return a;
+}
+
+// Width 1e-10 next to i, whose orbit is periodic from its second step: every
+// pixel leaves within a few dozen steps.
+VIEWARGS deepargs() {
+  VIEWARGS a = benchargs();
+  a.positioned = true;
+  a.re = "0";
+  a.im = "1";
+  a.span = "1e-10";
+  return a;
+}
+
+double nowms() {
+  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+void finishtime(benchmark::State& state, const VIEWARGS& args) {
+  for (auto _ : state) {
+    VIEWRUN run;
+    std::string error;
+    if (!startviewrun(&run, args, nullptr, &error)) {
+      state.SkipWithError(error.c_str());
+      endviewrun(&run);
+      break;
+    }
+    waitviewfinish(&run, 1, 0);
+    state.SetIterationTime((nowms() - run.activated) / 1000);
+    stopviewrun(&run);
+    endviewrun(&run);
+  }
+}
+
+void BM_ViewStartToFinish(benchmark::State& state) { finishtime(state, benchargs()); }
+
+void BM_View1e10ToFinish(benchmark::State& state) { finishtime(state, deepargs()); }
+
+// At rest at width 1e-10, a zoom by 2 about the centre: the time until a
+// list built at the new position is published. (At the start view the jobs
+// of the main cardioid's interior run long, and the main thread draws a
+// moved view only when its next message comes.)
+void BM_ZoomByTwoToFirstList(benchmark::State& state) {
+  VIEWRUN run;
+  std::string error;
+  if (!startviewrun(&run, deepargs(), nullptr, &error)) {
+    state.SkipWithError(error.c_str());
+    endviewrun(&run);
+    return;
+  }
+  waitviewfinish(&run, 1, 0);
+  VIEWPORT* v = run.viewport.load();
+  int finishes = 1;
+  for (auto _ : state) {
+    uint32_t step = atomicload(&v->icoordinatesystem) + 1;
+    double t0 = nowms();
+    moveviewport(run.context, v, CZEROH, cHFd({2, 0}), -1, -1, CZEROH, ZEROH, 0);
+    for (;;) {
+      int list = atomicload(&v->toactivatelist);
+      if (list >= 0 && static_cast<int32_t>(atomicload(&v->cslist[list]) - step) >= 0) break;
+      std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    state.SetIterationTime((nowms() - t0) / 1000);
+    // The view rests again before the next zoom.
+    waitviewfinish(&run, ++finishes, 0);
+  }
+  stopviewrun(&run);
+  endviewrun(&run);
+}
+
+}  // namespace
+
+BENCHMARK(BM_ViewStartToFinish)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_View1e10ToFinish)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ZoomByTwoToFirstList)->UseManualTime()->Iterations(8)->Unit(benchmark::kMillisecond);
