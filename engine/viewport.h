@@ -333,6 +333,16 @@ void worker_prepixel2pixel(OVCONTEXT* context, WORKER* worker);
 void recalcenv(OVCONTEXT* context, VIEWPORT* viewport);
 void mark(OVCONTEXT* context, VIEWPORT* viewport, const complexd* c);
 void unlocklist(OVCONTEXT* context, VIEWPORT* viewport);
+// The display's frame begins (activedisplay.cpp): the newest finished list,
+// or -1, and the transforms that show it at `time` (0: no extrapolation).
+// A point p of the list is shown at zoom * (p - delta); delta2, zoom2 are the
+// navigator's share alone; deltaabs, zoomabs the absolute view. With `c`, the
+// `n` marked points on the screen of the applied step; with `csat`, the
+// satellites, `nsat` of them. A list taken stays locked until `unlocklist`.
+int getactivelist(OVCONTEXT* context, VIEWPORT* viewport, double time, complexd* delta,
+                  complexd* zoom, complexd* delta2, complexd* zoom2, complexd* deltaabs,
+                  complexd* zoomabs, COLORSCHEME** cs, complexd* c, int n, complexd* csat,
+                  int* nsat);
 // The status line in `s2`; nothing while the viewport moves.
 void composestrings(OVCONTEXT* context, VIEWPORT* viewport);
 // For every active viewport: the status lines, and the draws of dirty ones.
