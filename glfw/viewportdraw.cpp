@@ -1,0 +1,131 @@
+// One on-screen frame of a view: the newest draw list, shown under the
+// transform from the list's coordinates to the present, through the colour
+// scheme's program. The rectangles of a list are compiled once into a GL
+// display list; a frame without a new list costs one glCallList.
+#include <cmath>
+
+#include "app.h"
+
+namespace {
+
+struct ORTHO {
+  double left, right, bottom, top;
+};
+
+// The longer side of the screen runs from -1 to 1; `d` is the complex step
+// of one pixel in the plane of `iz` = 1 / zoomabs.
+ORTHO aspectbox(int w, int h, std::complex<double> iz, std::complex<float>* d) {
+  if (w < h) {
+    double s = 1.0 / w;
+    *d = std::complex<float>(2.0 * iz * s);
+    return ORTHO{-1, 1, -h * s, h * s};
+  }
+  double s = 1.0 / h;
+  *d = std::complex<float>(2.0 * iz * s);
+  return ORTHO{-w * s, w * s, -1, 1};
+}
+
+// Projection: the box, then p -> zoom * (p - delta).
+void loadtransform(const ORTHO& box, std::complex<double> zoom, std::complex<double> delta) {
+  glMatrixMode(GL_PROJECTION);
+  glLoadIdentity();
+  glOrtho(box.left, box.right, box.bottom, box.top, 0, 1);
+  std::complex<double> shift = zoom * delta;
+  const GLdouble m[16] = {zoom.real(),   zoom.imag(),    0, 0,  //
+                          -zoom.imag(),  zoom.real(),    0, 0,  //
+                          0,             0,              1, 0,  //
+                          -shift.real(), -shift.imag(), 0, 1};
+  glMultMatrixd(m);
+}
+
+void senduniforms(const COLORSCHEME* cs, VIEWPORT* v, int w, int h, std::complex<float> d,
+                  std::complex<double> deltaabs, std::complex<double> zoom) {
+  Colorscheme* scheme = cs->shader;
+  bool send = changeuniform || cs->positiondependent || !scheme->builtin;
+  if (!send) return;
+  changeuniform = false;
+  Uniforms u{};
+  u.p.x = static_cast<float>(deltaabs.real() + (h * d.imag()) / 2 - (w * d.real()) / 2);
+  u.p.y = static_cast<float>(deltaabs.imag() - (w * d.imag() + h * d.real()) / 2);
+  u.d.x = d.real();
+  u.d.y = d.imag();
+  u.globalcorrection = static_cast<float>(std::abs(zoom));
+  REALM* realm = v->realm;
+  if (realm && realm->type == JULIA && realm->info.c) {
+    u.julia = true;
+    u.j.x = static_cast<float>(mpf_get_d(realm->info.c->v[0]));
+    u.j.y = static_cast<float>(mpf_get_d(realm->info.c->v[1]));
+  }
+  params.time = static_cast<float>(_curtime);
+  loadParams(scheme->prog, &u, &params, scheme);
+}
+
+}  // namespace
+
+void renderdisplaylist(OVCONTEXT*, VIEWPORT* viewport, int list, GLuint* texture) {
+  int v = viewport->nav_viewportid;
+  if (oldlist[v] == list) {
+    glCallList(displaylist[v]);
+    hardframe = false;
+    return;
+  }
+  glNewList(displaylist[v], GL_COMPILE);
+  unsigned int n = viewport->idrawrect[list];
+  for (unsigned int k = 0; k < n; k++) {
+    const DRAWRECT& dr = viewport->drawrect[list][k];
+    for (int i = 0; i < dr.ichannels; i++) {
+      glActiveTexture(GL_TEXTURE2 + i);
+      glBindTexture(GL_TEXTURE_2D, texture[dr.texture[i]->texture]);
+      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+    }
+    glBegin(GL_TRIANGLE_STRIP);
+    // The rectangle's correction reaches the shader as the colour's alpha,
+    // scaled into the colour's range.
+    glColor4d(0, 0, 0, dr.correction * std::ldexp(1.0, -32));
+    double e = dr.epsilon;
+    glTexCoord2d(dr.x0 * e, dr.y0 * e);
+    glVertex2f(dr.c[0][0], dr.c[0][1]);
+    glTexCoord2d(dr.x1 * e, dr.y0 * e);
+    glVertex2f(dr.c[1][0], dr.c[1][1]);
+    glTexCoord2d(dr.x0 * e, dr.y1 * e);
+    glVertex2f(dr.c[3][0], dr.c[3][1]);
+    glTexCoord2d(dr.x1 * e, dr.y1 * e);
+    glVertex2f(dr.c[2][0], dr.c[2][1]);
+    glEnd();
+  }
+  glEndList();
+  // Compiled, not executed: this view shows its new list from the next frame.
+  hardframe = true;
+  oldlist[v] = list;
+}
+
+void drawviewport(OVCONTEXT* context, VIEWPORT* v, int, double time, int x, int y, int w, int h,
+                  GLuint* texture) {
+  glScissor(x, height - y - h, w, h);
+  glViewport(x, height - y - h, w, h);
+  glClearColor(0, 0, 0, 0);
+  glClear(GL_COLOR_BUFFER_BIT);
+
+  // The orbit trace and the marked Julia point are drawn over the picture
+  // once the input that turns them on exists; until then both are off.
+  complexd delta, zoom, delta2, zoom2, deltaabs, zoomabs;
+  COLORSCHEME* cs = nullptr;
+  int list = getactivelist(context, v, time, &delta, &zoom, &delta2, &zoom2, &deltaabs, &zoomabs, &cs,
+                           nullptr, 0, nullptr, nullptr);
+  if (list >= 0 && cs && cs->shader && cs->shader->prog) {
+    std::complex<double> iz = 1.0 / std::complex<double>(zoomabs);
+    std::complex<float> d;
+    ORTHO box = aspectbox(w, h, iz, &d);
+    loadtransform(box, zoom, delta);
+    glUseProgram(cs->shader->prog);
+    senduniforms(cs, v, w, h, d, deltaabs, zoom);
+    renderdisplaylist(context, v, list, texture);
+  }
+  // A list taken is given back even when nothing could be drawn from it.
+  if (list >= 0) unlocklist(context, v);
+  glScissor(0, 0, width, height);
+  glViewport(0, 0, width, height);
+}
