@@ -103,8 +103,6 @@ REALMTYPE startrealmtype() { return movingfinish ? GENERAL : MANDELBROT; }
 
 void opengl() {
   glfwSetErrorCallback(error_callback);
-  if (!getenv("DISPLAY") && !getenv("WAYLAND_DISPLAY"))
-    nodisplay("no display (DISPLAY and WAYLAND_DISPLAY are unset)");
   if (!glfwInit()) nodisplay("the window system could not be started");
   glfwWindowHint(GLFW_CONTEXT_VERSION_MAJOR, settings.glmajor);
   glfwWindowHint(GLFW_CONTEXT_VERSION_MINOR, settings.glminor);
@@ -200,6 +198,10 @@ void shutdown() {
 int main(int argc, char** argv) {
   paths = makepaths(executabledirectory(), getenv("XDG_CONFIG_HOME"), getenv("HOME"), getenv("TMPDIR"));
   COMMANDLINE cmd = withoutopeners(readcommandline(argc, argv, stdout), stderr);
+  // Before anything else can speak: without a display the one line says
+  // what to use instead.
+  if (!getenv("DISPLAY") && !getenv("WAYLAND_DISPLAY"))
+    nodisplay("no display (DISPLAY and WAYLAND_DISPLAY are unset)");
   (void)cmd;  // every start is the start view until the file openers exist
   mode = 1;   // before the settings: presentationmode does not change it
   defaultsettings(&settings, machineprocessors(), machinememory());

@@ -1,0 +1,222 @@
+// The explorer as a process under its own X server (xvfb-run) with Mesa's
+// software renderer: it starts with a given settings file and an empty
+// auto/, draws the start view, closes on request and exits 0 without a
+// FATAL line; without a display it says what to use instead and exits 1.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+struct TMPDIR {
+  std::string path;
+  TMPDIR() {
+    char pattern[] = "/tmp/orvanta-explorertest-XXXXXX";
+    path = mkdtemp(pattern);
+  }
+  ~TMPDIR() { std::system(("rm -rf '" + path + "'").c_str()); }
+};
+
+std::string readfile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+struct RESULT {
+  int code = -1;  // exit code; -1 when killed
+  bool timedout = false;
+  double seconds = 0;
+  std::string out, err;
+};
+
+// Runs the explorer with `args`, the environment changed by `set` and
+// without the variables in `unset`, for at most `limit` seconds.
+RESULT run(const std::vector<std::string>& args, const std::map<std::string, std::string>& set,
+           const std::vector<std::string>& unset, double limit, const std::string& dir) {
+  std::string outfile = dir + "/stdout", errfile = dir + "/stderr";
+  auto start = std::chrono::steady_clock::now();
+  pid_t pid = fork();
+  if (pid == 0) {
+    int o = open(outfile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int e = open(errfile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    dup2(o, 1);
+    dup2(e, 2);
+    for (const auto& [k, v] : set) setenv(k.c_str(), v.c_str(), 1);
+    for (const auto& k : unset) unsetenv(k.c_str());
+    std::vector<char*> argv;
+    argv.push_back(const_cast<char*>(ORVANTA_EXE));
+    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    execv(ORVANTA_EXE, argv.data());
+    _exit(127);
+  }
+  RESULT r;
+  int status = 0;
+  for (;;) {
+    pid_t done = waitpid(pid, &status, WNOHANG);
+    if (done == pid) break;
+    double t = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    if (t > limit) {
+      r.timedout = true;
+      kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
+      break;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  if (WIFEXITED(status)) r.code = WEXITSTATUS(status);
+  r.out = readfile(outfile);
+  r.err = readfile(errfile);
+  return r;
+}
+
+// A user configuration directory with the given settings file.
+void writesettings(const std::string& dir, const std::string& json) {
+  mkdir((dir + "/orvanta").c_str(), 0755);
+  std::ofstream(dir + "/orvanta/orvanta.json") << json;
+}
+
+struct IMAGE {
+  int w = 0, h = 0;
+  std::string rgb;
+  std::string at(int x, int y) const { return rgb.substr((static_cast<size_t>(y) * w + x) * 3, 3); }
+};
+
+IMAGE readppm(const std::string& path) {
+  IMAGE im;
+  std::string d = readfile(path);
+  std::istringstream in(d);
+  std::string magic;
+  int maxval = 0;
+  in >> magic >> im.w >> im.h >> maxval;
+  in.get();
+  if (magic != "P6" || maxval != 255) return IMAGE{};
+  im.rgb = d.substr(static_cast<size_t>(in.tellg()));
+  if (im.rgb.size() != static_cast<size_t>(im.w) * im.h * 3) return IMAGE{};
+  return im;
+}
+
+int countlines(const std::string& s) {
+  int n = 0;
+  for (char c : s) n += c == '\n';
+  return n;
+}
+
+const char* const CLOSEONFINISH = "ORVANTA_TEST_CLOSE_AFTER";
+
+}  // namespace
+
+TEST(Explorer, DrawsTheStartViewAndClosesCleanly) {
+  TMPDIR dir, cfg, tmp;
+  writesettings(cfg.path, R"({"totalmemory": 512, "pointsize": 4})");
+  std::string frame = dir.path + "/frame.ppm";
+  RESULT r = run({}, {{"XDG_CONFIG_HOME", cfg.path}, {"TMPDIR", tmp.path}, {CLOSEONFINISH, "finish"},
+                      {"ORVANTA_TEST_FRAME_OUT", frame}},
+                 {}, 240, dir.path);
+  ASSERT_FALSE(r.timedout) << r.err;
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.err.find("FATAL"), std::string::npos) << r.err;
+  // The given settings were read: the budget is the file's.
+  EXPECT_NE(r.err.find("total (base) memory used : 512 MB\n"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("UPLOADPERFRAME           : "), std::string::npos) << r.err;
+  EXPECT_EQ(r.err.find("Could not read settings file"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("view finished\n"), std::string::npos) << r.err;
+
+  // The last frame is a picture of the set, not a blank window: many
+  // colours, none covering most of it, and the set's inside (the plane's
+  // origin, at the centre of the screen) unlike the far outside (a corner).
+  IMAGE im = readppm(frame);
+  ASSERT_GT(im.w, 0) << "no frame written";
+  EXPECT_EQ(im.w, 640);
+  std::map<std::string, int> colours;
+  for (size_t i = 0; i + 3 <= im.rgb.size(); i += 3) colours[im.rgb.substr(i, 3)]++;
+  int most = 0;
+  for (const auto& [c, n] : colours) most = std::max(most, n);
+  EXPECT_GT(colours.size(), 100u);
+  EXPECT_LT(most, im.w * im.h * 6 / 10);
+  EXPECT_NE(im.at(im.w / 2, im.h / 2), im.at(2, 2));
+  // The set stands upright: its axis is vertical, so the picture is
+  // symmetric left to right about the centre column (up to the centre's
+  // half-pixel offset).
+  int same = 0, total = 0;
+  for (int y = 0; y < im.h; y += 7)
+    for (int x = 1; x < im.w / 2; x += 7) {
+      total++;
+      same += im.at(x, y) == im.at(im.w - 1 - x, y) || im.at(x, y) == im.at(im.w - x, y);
+    }
+  EXPECT_GT(same, total * 8 / 10);
+
+  // The process's own temporary directory went with it.
+  EXPECT_EQ(std::system(("test -z \"$(ls -A '" + tmp.path + "')\"").c_str()), 0);
+}
+
+TEST(Explorer, TwoOrMoreArgumentsPrintTheUsageAndStart) {
+  TMPDIR dir, cfg;
+  writesettings(cfg.path, R"({"totalmemory": 512})");
+  RESULT r = run({"one.json", "two.json"}, {{"XDG_CONFIG_HOME", cfg.path}, {CLOSEONFINISH, "20"}}, {}, 120,
+                 dir.path);
+  ASSERT_FALSE(r.timedout) << r.err;
+  EXPECT_EQ(r.code, 0) << r.err;
+  std::string name = ORVANTA_EXE;
+  EXPECT_EQ(r.out, "Usage: " + name + " ovt://?<query-string>\nor:    " + name + " <json-file>\n\n");
+  EXPECT_NE(r.err.find("orvanta test close: 20 frames"), std::string::npos) << r.err;
+}
+
+TEST(Explorer, ALinkSaysItCantBeOpenedAndStartsTheDefaultView) {
+  TMPDIR dir, cfg;
+  writesettings(cfg.path, R"({"totalmemory": 512})");
+  RESULT r = run({"ovt://?re=-0.75"}, {{"XDG_CONFIG_HOME", cfg.path}, {CLOSEONFINISH, "20"}}, {}, 120,
+                 dir.path);
+  ASSERT_FALSE(r.timedout) << r.err;
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.err.find("links"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("default view.\n"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("orvanta test close: 20 frames"), std::string::npos) << r.err;
+}
+
+TEST(Explorer, AnUnreadableSettingsFileStartsOnDefaults) {
+  TMPDIR dir, cfg;
+  writesettings(cfg.path, R"([512])");
+  RESULT r = run({}, {{"XDG_CONFIG_HOME", cfg.path}, {CLOSEONFINISH, "5"}}, {}, 120, dir.path);
+  ASSERT_FALSE(r.timedout) << r.err;
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.err.find("Could not read settings file \"orvanta.json\".\n"), std::string::npos) << r.err;
+}
+
+TEST(Explorer, WithoutADisplayItNamesTheRendererAndExits1) {
+  TMPDIR dir, cfg;
+  writesettings(cfg.path, R"({"totalmemory": 512})");
+  RESULT r = run({}, {{"XDG_CONFIG_HOME", cfg.path}}, {"DISPLAY", "WAYLAND_DISPLAY"}, 30, dir.path);
+  ASSERT_FALSE(r.timedout) << "hung without a display";
+  EXPECT_EQ(r.code, 1);
+  EXPECT_EQ(countlines(r.err), 1) << r.err;
+  EXPECT_NE(r.err.find("orvanta-render"), std::string::npos) << r.err;
+  EXPECT_EQ(r.out, "");
+  EXPECT_LT(r.seconds, 10);
+}
+
+TEST(Explorer, AnUnreachableDisplayNamesTheRendererAndExits1) {
+  TMPDIR dir, cfg;
+  writesettings(cfg.path, R"({"totalmemory": 512})");
+  RESULT r = run({}, {{"XDG_CONFIG_HOME", cfg.path}, {"DISPLAY", ":9876"}}, {"WAYLAND_DISPLAY"}, 30,
+                 dir.path);
+  ASSERT_FALSE(r.timedout) << "hung on a display that isn't there";
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.err.find("orvanta-render"), std::string::npos) << r.err;
+  EXPECT_EQ(r.err.find("FATAL"), std::string::npos) << r.err;
+}
