@@ -5,36 +5,17 @@
 #include <cmath>
 
 #include "app.h"
+#include "viewtransform.h"
 
 namespace {
-
-struct ORTHO {
-  double left, right, bottom, top;
-};
-
-// The longer side of the screen runs from -1 to 1; `d` is the complex step
-// of one pixel in the plane of `iz` = 1 / zoomabs.
-ORTHO aspectbox(int w, int h, std::complex<double> iz, std::complex<float>* d) {
-  if (w < h) {
-    double s = 1.0 / w;
-    *d = std::complex<float>(2.0 * iz * s);
-    return ORTHO{-1, 1, -h * s, h * s};
-  }
-  double s = 1.0 / h;
-  *d = std::complex<float>(2.0 * iz * s);
-  return ORTHO{-w * s, w * s, -1, 1};
-}
 
 // Projection: the box, then p -> zoom * (p - delta).
 void loadtransform(const ORTHO& box, std::complex<double> zoom, std::complex<double> delta) {
   glMatrixMode(GL_PROJECTION);
   glLoadIdentity();
   glOrtho(box.left, box.right, box.bottom, box.top, 0, 1);
-  std::complex<double> shift = zoom * delta;
-  const GLdouble m[16] = {zoom.real(),   zoom.imag(),    0, 0,  //
-                          -zoom.imag(),  zoom.real(),    0, 0,  //
-                          0,             0,              1, 0,  //
-                          -shift.real(), -shift.imag(), 0, 1};
+  GLdouble m[16];
+  viewmatrix(zoom, delta, m);
   glMultMatrixd(m);
 }
 
@@ -45,8 +26,9 @@ void senduniforms(const COLORSCHEME* cs, VIEWPORT* v, int w, int h, std::complex
   if (!send) return;
   changeuniform = false;
   Uniforms u{};
-  u.p.x = static_cast<float>(deltaabs.real() + (h * d.imag()) / 2 - (w * d.real()) / 2);
-  u.p.y = static_cast<float>(deltaabs.imag() - (w * d.imag() + h * d.real()) / 2);
+  std::complex<double> p = lowerleft(deltaabs, w, h, d);
+  u.p.x = static_cast<float>(p.real());
+  u.p.y = static_cast<float>(p.imag());
   u.d.x = d.real();
   u.d.y = d.imag();
   u.globalcorrection = static_cast<float>(std::abs(zoom));
