@@ -43,16 +43,21 @@ struct RESULT {
   std::string out, err;
 };
 
-// Runs the explorer with `args`, the environment changed by `set` and
-// without the variables in `unset`, for at most `limit` seconds.
-RESULT run(const std::vector<std::string>& args, const std::map<std::string, std::string>& set,
-           const std::vector<std::string>& unset, double limit, const std::string& dir) {
-  std::string outfile = dir + "/stdout", errfile = dir + "/stderr";
-  auto start = std::chrono::steady_clock::now();
-  pid_t pid = fork();
-  if (pid == 0) {
-    int o = open(outfile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    int e = open(errfile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+struct PROCESS {
+  pid_t pid;
+  std::chrono::steady_clock::time_point start;
+  std::string outfile, errfile;
+};
+
+// Starts the explorer with `args`, the environment changed by `set` and
+// without the variables in `unset`; its output goes to files in `dir`.
+PROCESS spawn(const std::vector<std::string>& args, const std::map<std::string, std::string>& set,
+              const std::vector<std::string>& unset, const std::string& dir) {
+  PROCESS p{0, std::chrono::steady_clock::now(), dir + "/stdout", dir + "/stderr"};
+  p.pid = fork();
+  if (p.pid == 0) {
+    int o = open(p.outfile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int e = open(p.errfile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     dup2(o, 1);
     dup2(e, 2);
     for (const auto& [k, v] : set) setenv(k.c_str(), v.c_str(), 1);
@@ -64,25 +69,37 @@ RESULT run(const std::vector<std::string>& args, const std::map<std::string, std
     execv(ORVANTA_EXE, argv.data());
     _exit(127);
   }
+  return p;
+}
+
+double elapsed(const PROCESS& p) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - p.start).count();
+}
+
+// Waits for the end, at most `limit` seconds from the start; then kills.
+RESULT wait(const PROCESS& p, double limit) {
   RESULT r;
   int status = 0;
   for (;;) {
-    pid_t done = waitpid(pid, &status, WNOHANG);
-    if (done == pid) break;
-    double t = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    if (t > limit) {
+    if (waitpid(p.pid, &status, WNOHANG) == p.pid) break;
+    if (elapsed(p) > limit) {
       r.timedout = true;
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
+      kill(p.pid, SIGKILL);
+      waitpid(p.pid, &status, 0);
       break;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
-  r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  r.seconds = elapsed(p);
   if (WIFEXITED(status)) r.code = WEXITSTATUS(status);
-  r.out = readfile(outfile);
-  r.err = readfile(errfile);
+  r.out = readfile(p.outfile);
+  r.err = readfile(p.errfile);
   return r;
+}
+
+RESULT run(const std::vector<std::string>& args, const std::map<std::string, std::string>& set,
+           const std::vector<std::string>& unset, double limit, const std::string& dir) {
+  return wait(spawn(args, set, unset, dir), limit);
 }
 
 // A user configuration directory with the given settings file.
@@ -219,4 +236,78 @@ TEST(Explorer, AnUnreachableDisplayNamesTheRendererAndExits1) {
   EXPECT_EQ(r.code, 1);
   EXPECT_NE(r.err.find("orvanta-render"), std::string::npos) << r.err;
   EXPECT_EQ(r.err.find("FATAL"), std::string::npos) << r.err;
+}
+
+// ---------------------------------------------------------------- the window system's close request
+//
+// X's names (Window, Status, None...) are macros and types that clash with
+// little, but they come last all the same.
+#include <X11/Xatom.h>
+#include <X11/Xlib.h>
+
+namespace {
+
+// The top-level window that carries the process id `pid`, or 0.
+Window findwindow(Display* dpy, Window w, pid_t pid, Atom netwmpid) {
+  Atom type = 0;
+  int format = 0;
+  unsigned long n = 0, after = 0;
+  unsigned char* data = nullptr;
+  if (XGetWindowProperty(dpy, w, netwmpid, 0, 1, False, XA_CARDINAL, &type, &format, &n, &after, &data) ==
+          Success &&
+      data) {
+    bool match = n == 1 && format == 32 && static_cast<pid_t>(*reinterpret_cast<unsigned long*>(data)) == pid;
+    XFree(data);
+    if (match) return w;
+  }
+  Window root = 0, parent = 0, *children = nullptr;
+  unsigned int nchildren = 0;
+  if (!XQueryTree(dpy, w, &root, &parent, &children, &nchildren)) return 0;
+  Window found = 0;
+  for (unsigned int i = 0; i < nchildren && !found; i++) found = findwindow(dpy, children[i], pid, netwmpid);
+  if (children) XFree(children);
+  return found;
+}
+
+// What a window manager sends when the user closes a window.
+void requestclose(Display* dpy, Window w) {
+  XEvent e{};
+  e.xclient.type = ClientMessage;
+  e.xclient.window = w;
+  e.xclient.message_type = XInternAtom(dpy, "WM_PROTOCOLS", False);
+  e.xclient.format = 32;
+  e.xclient.data.l[0] = static_cast<long>(XInternAtom(dpy, "WM_DELETE_WINDOW", False));
+  e.xclient.data.l[1] = CurrentTime;
+  XSendEvent(dpy, w, False, NoEventMask, &e);
+  XFlush(dpy);
+}
+
+}  // namespace
+
+// Closed by the window system while the engine is still busy with the start
+// view: every thread stops, the process exits 0 with no FATAL line.
+TEST(Explorer, ACloseRequestFromTheWindowSystemEndsItCleanly) {
+  TMPDIR dir, cfg, tmp;
+  writesettings(cfg.path, R"({"totalmemory": 512})");
+  PROCESS p = spawn({}, {{"XDG_CONFIG_HOME", cfg.path}, {"TMPDIR", tmp.path}}, {}, dir.path);
+  Display* dpy = XOpenDisplay(nullptr);
+  ASSERT_NE(dpy, nullptr) << "no X display to test against";
+  Atom netwmpid = XInternAtom(dpy, "_NET_WM_PID", False);
+  Window w = 0;
+  while (!w && elapsed(p) < 60 && waitpid(p.pid, nullptr, WNOHANG) == 0) {
+    w = findwindow(dpy, DefaultRootWindow(dpy), p.pid, netwmpid);
+    if (!w) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  EXPECT_NE(w, 0u) << "the explorer's window never appeared";
+  if (w) {
+    // A moment of frames and computing first.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    requestclose(dpy, w);
+  }
+  RESULT r = wait(p, 120);
+  XCloseDisplay(dpy);
+  ASSERT_FALSE(r.timedout) << "did not end after the close request\n" << r.err;
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.err.find("FATAL"), std::string::npos) << r.err;
+  EXPECT_EQ(std::system(("test -z \"$(ls -A '" + tmp.path + "')\"").c_str()), 0);
 }
