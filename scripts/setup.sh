@@ -12,6 +12,8 @@ PACKAGES=(
   # window, input, GL loader generated at build time
   libglfw3-dev libxi-dev libx11-dev python3-glad libgl-dev libgl1-mesa-dri
   # images, video, text, network
+  # off-screen rendering without a display: EGL surfaceless on Mesa, PNG
+  libegl-dev libegl-mesa0 libpng-dev
   libturbojpeg0-dev libavcodec-dev libavformat-dev libavutil-dev libswscale-dev
   libfreetype-dev libfontconfig-dev libcurl4-openssl-dev
   # tests and benchmarks
