@@ -9,7 +9,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <png.h>
+
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -52,7 +55,8 @@ struct PROCESS {
 // Starts the explorer with `args`, the environment changed by `set` and
 // without the variables in `unset`; its output goes to files in `dir`.
 PROCESS spawn(const std::vector<std::string>& args, const std::map<std::string, std::string>& set,
-              const std::vector<std::string>& unset, const std::string& dir) {
+              const std::vector<std::string>& unset, const std::string& dir,
+              const char* exe = ORVANTA_EXE) {
   PROCESS p{0, std::chrono::steady_clock::now(), dir + "/stdout", dir + "/stderr"};
   p.pid = fork();
   if (p.pid == 0) {
@@ -63,10 +67,10 @@ PROCESS spawn(const std::vector<std::string>& args, const std::map<std::string, 
     for (const auto& [k, v] : set) setenv(k.c_str(), v.c_str(), 1);
     for (const auto& k : unset) unsetenv(k.c_str());
     std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(ORVANTA_EXE));
+    argv.push_back(const_cast<char*>(exe));
     for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
-    execv(ORVANTA_EXE, argv.data());
+    execv(exe, argv.data());
     _exit(127);
   }
   return p;
@@ -236,6 +240,60 @@ TEST(Explorer, AnUnreachableDisplayNamesTheRendererAndExits1) {
   EXPECT_EQ(r.code, 1);
   EXPECT_NE(r.err.find("orvanta-render"), std::string::npos) << r.err;
   EXPECT_EQ(r.err.find("FATAL"), std::string::npos) << r.err;
+}
+
+// ---------------------------------------------------------------- the same picture as orvanta-render
+
+namespace {
+
+IMAGE readpng(const std::string& path) {
+  IMAGE im;
+  png_image png{};
+  png.version = PNG_IMAGE_VERSION;
+  if (!png_image_begin_read_from_file(&png, path.c_str())) return im;
+  png.format = PNG_FORMAT_RGB;
+  std::string rgb(PNG_IMAGE_SIZE(png), '\0');
+  if (!png_image_finish_read(&png, nullptr, rgb.data(), 0, nullptr)) return im;
+  im.w = static_cast<int>(png.width);
+  im.h = static_cast<int>(png.height);
+  im.rgb = std::move(rgb);
+  return im;
+}
+
+}  // namespace
+
+// The finished start view on the screen is the picture the off-screen
+// renderer makes of the same view, size and scheme, within 2% mean absolute
+// difference per channel.
+TEST(Explorer, TheStartViewMatchesTheOffScreenRenderer) {
+  TMPDIR dir, cfg;
+  writesettings(cfg.path, R"({"totalmemory": 512})");
+  std::string frame = dir.path + "/frame.ppm", rendered = dir.path + "/render.png";
+  RESULT r = run({}, {{"XDG_CONFIG_HOME", cfg.path}, {CLOSEONFINISH, "finish"}, {"ORVANTA_TEST_FRAME_OUT", frame}},
+                 {}, 240, dir.path);
+  ASSERT_FALSE(r.timedout) << r.err;
+  ASSERT_EQ(r.code, 0) << r.err;
+  IMAGE shown = readppm(frame);
+  ASSERT_GT(shown.w, 0);
+
+  TMPDIR rdir;
+  std::string size = std::to_string(shown.w) + "x" + std::to_string(shown.h);
+  RESULT rr = wait(spawn({"--size", size, "--scheme", "Iteration", "--memory", "512", "--out", rendered}, {}, {},
+                         rdir.path, ORVANTA_RENDER_EXE),
+                   240);
+  ASSERT_FALSE(rr.timedout) << rr.err;
+  ASSERT_EQ(rr.code, 0) << rr.err;
+  IMAGE made = readpng(rendered);
+  ASSERT_EQ(made.w, shown.w);
+  ASSERT_EQ(made.h, shown.h);
+
+  double sum[3] = {0, 0, 0};
+  size_t n = static_cast<size_t>(shown.w) * shown.h;
+  for (size_t i = 0; i < n; i++)
+    for (int k = 0; k < 3; k++)
+      sum[k] += std::abs(static_cast<int>(static_cast<unsigned char>(shown.rgb[3 * i + k])) -
+                         static_cast<int>(static_cast<unsigned char>(made.rgb[3 * i + k])));
+  for (int k = 0; k < 3; k++) EXPECT_LT(sum[k] / n / 255.0, 0.02) << "channel " << k;
 }
 
 // ---------------------------------------------------------------- the window system's close request
