@@ -89,6 +89,18 @@ void drawviewport(OVCONTEXT* context, VIEWPORT* vp, int vid, double time, int x,
                   GLuint* texture);
 void renderdisplaylist(OVCONTEXT* context, VIEWPORT* viewport, int list, GLuint* texture);
 
+// ---------------------------------------------------------------- overlay.cpp
+struct ORTHO;
+// The points drawn over view `vid`: the trace's orbit, or the marked Julia
+// point, in the screen of the newest coordinate step; their count.
+int gatheroverlay(OVCONTEXT* context, VIEWPORT* v, int vid, std::complex<double>* out, int max);
+// Whether anything is drawn over `v` this frame.
+bool overlayshown(const VIEWPORT* v);
+// Lines between the points and a round point at each, under the navigator's
+// share of the transform; fading in while a new trace starts.
+void drawoverlay(const std::complex<double>* points, int n, const ORTHO& box, std::complex<double> zoom2,
+                 std::complex<double> delta2, double time);
+
 // ---------------------------------------------------------------- startview.cpp
 void reset();
 void resizeviews();

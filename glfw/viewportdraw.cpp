@@ -2,7 +2,9 @@
 // transform from the list's coordinates to the present, through the colour
 // scheme's program. The rectangles of a list are compiled once into a GL
 // display list; a frame without a new list costs one glCallList.
+#include <algorithm>
 #include <cmath>
+#include <vector>
 
 #include "app.h"
 #include "viewtransform.h"
@@ -40,6 +42,18 @@ void senduniforms(const COLORSCHEME* cs, VIEWPORT* v, int w, int h, std::complex
   }
   params.time = static_cast<float>(_curtime);
   loadParams(scheme->prog, &u, &params, scheme);
+}
+
+}  // namespace
+
+namespace {
+
+// Room for the longest trace, made once.
+std::vector<std::complex<double>>& overlaypoints() {
+  static std::vector<std::complex<double>> points;
+  size_t want = static_cast<size_t>(std::max(1, NTRACE));
+  if (points.size() < want) points.resize(want);
+  return points;
 }
 
 }  // namespace
@@ -84,15 +98,15 @@ void renderdisplaylist(OVCONTEXT*, VIEWPORT* viewport, int list, GLuint* texture
   oldlist[v] = list;
 }
 
-void drawviewport(OVCONTEXT* context, VIEWPORT* v, int, double time, int x, int y, int w, int h,
+void drawviewport(OVCONTEXT* context, VIEWPORT* v, int vid, double time, int x, int y, int w, int h,
                   GLuint* texture) {
   glScissor(x, height - y - h, w, h);
   glViewport(x, height - y - h, w, h);
   glClearColor(0, 0, 0, 0);
   glClear(GL_COLOR_BUFFER_BIT);
 
-  // The orbit trace and the marked Julia point are drawn over the picture
-  // once the input that turns them on exists; until then both are off.
+  std::vector<std::complex<double>>& points = overlaypoints();
+  int npoints = gatheroverlay(context, v, vid, points.data(), static_cast<int>(points.size()));
   complexd delta, zoom, delta2, zoom2, deltaabs, zoomabs;
   COLORSCHEME* cs = nullptr;
   int list = getactivelist(context, v, time, &delta, &zoom, &delta2, &zoom2, &deltaabs, &zoomabs, &cs,
@@ -105,6 +119,7 @@ void drawviewport(OVCONTEXT* context, VIEWPORT* v, int, double time, int x, int 
     glUseProgram(cs->shader->prog);
     senduniforms(cs, v, w, h, d, deltaabs, zoom);
     renderdisplaylist(context, v, list, texture);
+    if (overlayshown(v)) drawoverlay(points.data(), npoints, box, zoom2, delta2, time);
   }
   // A list taken is given back even when nothing could be drawn from it.
   if (list >= 0) unlocklist(context, v);

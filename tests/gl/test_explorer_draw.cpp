@@ -349,3 +349,151 @@ TEST_F(Draw, AHardFrameOfTheFirstViewIsForgottenWhenTheSecondIsUnchanged) {
   glUseProgram(0);
   glDeleteProgram(probe);
 }
+
+// ---------------------------------------------------------------- overlay
+
+namespace {
+
+// A view of the plane without an engine: centre 0, the start zoom (the set
+// upright), no steps pending; the tree's top at (-4, -4).
+struct FAKEVIEW {
+  VIEWPORT* v;
+  REALM realm{};
+  AREA top{};
+  HPVALUE corner{}, centre{};
+  explicit FAKEVIEW(REALMTYPE type) {
+    v = static_cast<VIEWPORT*>(calloc(1, sizeof(VIEWPORT)));
+    for (int k = 0; k < 2; k++) {
+      mpf_init2(corner.v[k], 128);
+      mpf_set_si(corner.v[k], -4);
+      mpf_init2(centre.v[k], 128);
+    }
+    for (auto& m : v->mp) mpf_init2(m, 128);
+    top.hpvalue = &corner;
+    realm.top = &top;
+    realm.type = type;
+    v->realm = &realm;
+    v->delta = &centre;
+    v->zoom = cHFd(std::complex<double>(0, -0.5));
+  }
+  ~FAKEVIEW() {
+    for (int k = 0; k < 2; k++) {
+      mpf_clear(corner.v[k]);
+      mpf_clear(centre.v[k]);
+    }
+    for (auto& m : v->mp) mpf_clear(m);
+    free(v);
+  }
+};
+
+struct OVERLAYSTATE {
+  OVERLAYSTATE() { reset(); }
+  ~OVERLAYSTATE() { reset(); }
+  static void reset() {
+    tracemode = false;
+    displayjuliapoint = false;
+    juliamode = 0;
+    tracetime = 0;
+    NTRACE = 1000;
+    pointsize = 5;
+    tracez[0] = tracec[0] = tracez[1] = tracec[1] = 0;
+  }
+};
+
+}  // namespace
+
+TEST(Overlay, TheTraceIsTheOrbitOnTheScreen) {
+  OVERLAYSTATE state;
+  FAKEVIEW view(GENERAL);
+  std::complex<double> out[16];
+  EXPECT_EQ(gatheroverlay(nullptr, view.v, 0, out, 16), 0) << "nothing without the trace";
+  EXPECT_FALSE(overlayshown(view.v));
+  tracemode = true;
+  EXPECT_TRUE(overlayshown(view.v));
+  // c = -1: 0, -1, 0, -1, ... up to NTRACE points.
+  tracez[0] = 0;
+  tracec[0] = -1;
+  NTRACE = 5;
+  ASSERT_EQ(gatheroverlay(nullptr, view.v, 0, out, 16), 5);
+  for (int k = 0; k < 5; k++) {
+    // A plane point p shows at p * zoom = p * (-i/2).
+    std::complex<double> want = (k % 2 ? -1.0 : 0.0) * std::complex<double>(0, -0.5);
+    EXPECT_NEAR(std::abs(out[k] - want), 0, 1e-12) << k;
+  }
+  // c = 1: 0, 1, 2, then 5 is beyond |z|^2 = 10 and ends it.
+  NTRACE = 1000;
+  tracec[0] = 1;
+  ASSERT_EQ(gatheroverlay(nullptr, view.v, 0, out, 16), 3);
+  EXPECT_NEAR(std::abs(out[2] - std::complex<double>(0, -1)), 0, 1e-12);
+  // Each view has its own trace.
+  tracez[1] = std::complex<double>(0.5, 0.5);
+  tracec[1] = 0;
+  ASSERT_GE(gatheroverlay(nullptr, view.v, 1, out, 16), 1);
+  EXPECT_NEAR(std::abs(out[0] - std::complex<double>(0.5, 0.5) * std::complex<double>(0, -0.5)), 0, 1e-12);
+  // The room given bounds the count.
+  tracec[0] = -1;
+  EXPECT_EQ(gatheroverlay(nullptr, view.v, 0, out, 4), 4);
+}
+
+TEST(Overlay, TheJuliaPointOfTheGeneralRealm) {
+  OVERLAYSTATE state;
+  FAKEVIEW view(GENERAL);
+  mpf_set_d(view.v->mp[2], 0.25);
+  mpf_set_d(view.v->mp[3], 0);
+  std::complex<double> out[4];
+  displayjuliapoint = true;
+  ASSERT_EQ(gatheroverlay(nullptr, view.v, 0, out, 4), 1);
+  EXPECT_NEAR(std::abs(out[0] - std::complex<double>(0, -0.125)), 0, 1e-12);
+  EXPECT_FALSE(overlayshown(view.v)) << "shown only with the small Julia window";
+  juliamode = 1;
+  EXPECT_TRUE(overlayshown(view.v));
+  FAKEVIEW julia(JULIA);
+  EXPECT_EQ(gatheroverlay(nullptr, julia.v, 0, out, 4), 0);
+  EXPECT_FALSE(overlayshown(julia.v));
+}
+
+TEST_F(Draw, TheOverlayDrawsLinesAndPointsUnderTheNavigatorsTransform) {
+  OVERLAYSTATE state;
+  setupfixedprograms();
+  ORTHO box{-1, 1, -1, 1};
+  const std::complex<double> pts[2] = {{-0.5, 0}, {0.5, 0}};
+  clear();
+  drawoverlay(pts, 2, box, 1.0, 0.0, 0);
+  glUseProgram(0);
+  // A one-pixel line on the boundary between rows 31 and 32 takes one of them.
+  EXPECT_TRUE(pixel(32, 31) == (std::vector<int>{255, 255, 255}) || pixel(32, 32) == (std::vector<int>{255, 255, 255}))
+      << "on the line";
+  EXPECT_EQ(pixel(16, 32), (std::vector<int>{255, 255, 255})) << "on the first point";
+  EXPECT_EQ(pixel(32, 50), (std::vector<int>{0, 0, 0})) << "off the line";
+  // delta2 and zoom2: the point at 0.5 shows at zoom2 * (0.5 - delta2).
+  const std::complex<double> one[1] = {{0.5, 0}};
+  clear();
+  drawoverlay(one, 1, box, 1.0, std::complex<double>(0.5, 0), 0);
+  EXPECT_EQ(pixel(32, 32), (std::vector<int>{255, 255, 255}));
+  EXPECT_EQ(pixel(48, 32), (std::vector<int>{0, 0, 0}));
+  clear();
+  drawoverlay(one, 1, box, std::complex<double>(0, 1), 0.0, 0);  // a quarter turn: to (0, 0.5)
+  EXPECT_EQ(pixel(32, 48), (std::vector<int>{255, 255, 255}));
+  EXPECT_EQ(pixel(48, 32), (std::vector<int>{0, 0, 0}));
+  glUseProgram(0);
+}
+
+TEST_F(Draw, ANewTraceFadesInAlongItsPoints) {
+  OVERLAYSTATE state;
+  setupfixedprograms();
+  tracemode = true;
+  ORTHO box{-1, 1, -1, 1};
+  const std::complex<double> pts[2] = {{-0.5, 0}, {0.5, 0}};
+  tracetime = 10.5;  // the fade runs from 10 to 10.5
+  clear();
+  drawoverlay(pts, 2, box, 1.0, 0.0, 10.0);
+  EXPECT_EQ(pixel(16, 32), (std::vector<int>{0, 0, 0})) << "nothing at the start";
+  clear();
+  drawoverlay(pts, 2, box, 1.0, 0.0, 10.25);
+  EXPECT_EQ(pixel(16, 32), (std::vector<int>{255, 255, 255})) << "the first point at half time";
+  EXPECT_EQ(pixel(48, 32), (std::vector<int>{0, 0, 0})) << "not yet the second";
+  clear();
+  drawoverlay(pts, 2, box, 1.0, 0.0, 10.5);
+  EXPECT_EQ(pixel(48, 32), (std::vector<int>{255, 255, 255})) << "all at the end";
+  glUseProgram(0);
+}
