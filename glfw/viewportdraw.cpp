@@ -56,6 +56,19 @@ std::vector<std::complex<double>>& overlaypoints() {
   return points;
 }
 
+// The unit of the tile of `channel`, the i-th of its rectangle: the sampler
+// the scheme's program reads it from, 2 plus the scheme's channels below it,
+// as the uniforms assign them; a channel the scheme doesn't read is not bound
+// (-1). Without a scheme the rectangle's packing decides.
+int tileunit(const COLORSCHEME* scheme, int channel, int i) {
+  if (!scheme) return 2 + i;
+  if (!(scheme->channels & (1 << channel))) return -1;
+  int unit = 2;
+  for (int bit = 0; bit < channel; bit++)
+    if (scheme->channels & (1 << bit)) unit++;
+  return unit;
+}
+
 }  // namespace
 
 void renderdisplaylist(OVCONTEXT*, VIEWPORT* viewport, int list, GLuint* texture) {
@@ -65,12 +78,15 @@ void renderdisplaylist(OVCONTEXT*, VIEWPORT* viewport, int list, GLuint* texture
     hardframe = false;
     return;
   }
+  const COLORSCHEME* scheme = viewport->schemes[list];
   glNewList(displaylist[v], GL_COMPILE);
   unsigned int n = viewport->idrawrect[list];
   for (unsigned int k = 0; k < n; k++) {
     const DRAWRECT& dr = viewport->drawrect[list][k];
     for (int i = 0; i < dr.ichannels; i++) {
-      glActiveTexture(GL_TEXTURE2 + i);
+      int unit = tileunit(scheme, dr.channel[i], i);
+      if (unit < 0) continue;
+      glActiveTexture(GL_TEXTURE0 + static_cast<GLenum>(unit));
       glBindTexture(GL_TEXTURE_2D, texture[dr.texture[i]->texture]);
       glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
       glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);

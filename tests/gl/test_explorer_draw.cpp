@@ -247,7 +247,7 @@ struct VIEWS {
   VIEWPORT* v[2];
   DRAWRECT rect[2][NDISPLAYLISTS];
   TEXTURE tile{};
-  GLuint names[1];
+  GLuint names[2] = {0, 0};
   VIEWS() {
     names[0] = halftile();
     tile.texture = 0;
@@ -346,6 +346,44 @@ TEST_F(Draw, AHardFrameOfTheFirstViewIsForgottenWhenTheSecondIsUnchanged) {
   EXPECT_TRUE(hardframe);
   renderdisplaylist(nullptr, views.v[1], 1, views.names);
   EXPECT_FALSE(hardframe);
+  glUseProgram(0);
+  glDeleteProgram(probe);
+}
+
+// A rectangle may carry a channel its scheme doesn't read: each tile goes to
+// the unit the scheme's sampler reads, the others are not bound.
+TEST_F(Draw, TilesGoToTheUnitsOfTheListsScheme) {
+  GLuint probe = probeprogram();
+  VIEWS views;
+  // A second tile, 0.5 everywhere, as channel 3 next to channel 0.
+  std::vector<float> half(TEXTURESIZE * TEXTURESIZE, 0.5f);
+  glGenTextures(1, &views.names[1]);
+  glBindTexture(GL_TEXTURE_2D, views.names[1]);
+  glTexImage2D(GL_TEXTURE_2D, 0, GL_R32F, TEXTURESIZE, TEXTURESIZE, 0, GL_RED, GL_FLOAT, half.data());
+  TEXTURE second{};
+  second.texture = 1;
+  DRAWRECT& r = views.rect[0][1];
+  r.ichannels = 2;
+  r.channel[1] = 3;
+  r.texture[1] = &second;
+  COLORSCHEME cs{};
+  views.v[0]->schemes[1] = &cs;
+
+  cs.channels = 1 << 3;  // reads channel 3 alone: its tile on unit 2
+  views.frame(0, 1);
+  views.frame(0, 1);
+  EXPECT_NEAR(pixel(8, 32)[0], 128, 2);
+  EXPECT_NEAR(pixel(56, 32)[0], 128, 2);
+
+  cs.channels = 1 | (1 << 3);  // reads both: channel 0 on unit 2, channel 3 on unit 3
+  oldlist[0] = -1;
+  views.frame(0, 1);
+  views.frame(0, 1);
+  EXPECT_NEAR(pixel(8, 32)[0], 64, 2);
+  EXPECT_NEAR(pixel(56, 32)[0], 191, 2);
+
+  glDeleteTextures(1, &views.names[1]);
+  views.names[1] = 0;
   glUseProgram(0);
   glDeleteProgram(probe);
 }
