@@ -109,7 +109,9 @@ void renderdisplaylist(OVCONTEXT*, VIEWPORT* viewport, int list, GLuint* texture
     glEnd();
   }
   glEndList();
-  // Compiled, not executed: this view shows its new list from the next frame.
+  // Drawn at once as well: a frame that only compiled would be swapped to
+  // the screen cleared, a black flash at every new list.
+  glCallList(displaylist[v]);
   hardframe = true;
   oldlist[v] = list;
 }
