@@ -70,6 +70,9 @@ void donecallback(OVCONTEXT* context, void* pdata);
 void textureuploadcallback(OVCONTEXT* context, int i, void* data, void* pdata);
 void stringscallback(OVCONTEXT* context, void* pdata);
 void error_callback(int code, const char* text);
+// The window's contents were lost (exposed): the next frame is drawn.
+void refresh_callback(GLFWwindow* window);
+extern bool redrawall;
 void standardcallback(OVCONTEXT* context, VIEWPORT* viewport, int event, void* pdata);
 // The colour schemes' table of GL entry points, from the loader.
 COLORSCHEMEGL loadercolorschemegl();
@@ -85,8 +88,12 @@ void beginpoints();
 void endpoints();
 
 // ---------------------------------------------------------------- viewportdraw.cpp
-void drawviewport(OVCONTEXT* context, VIEWPORT* vp, int vid, double time, int x, int y, int w, int h,
-                  GLuint* texture);
+// One frame of view `vid` into the window rectangle (x, y from the top). A
+// frame that would show exactly what the view's last one showed (same list,
+// scheme, place and transforms, no uniform change, no overlay) is not drawn
+// unless `force`d; false then, and the window's picture stands.
+bool drawviewport(OVCONTEXT* context, VIEWPORT* vp, int vid, double time, int x, int y, int w, int h,
+                  GLuint* texture, bool force);
 void renderdisplaylist(OVCONTEXT* context, VIEWPORT* viewport, int list, GLuint* texture);
 
 // ---------------------------------------------------------------- overlay.cpp

@@ -25,6 +25,8 @@ void stringscallback(OVCONTEXT*, void*) { stringschanged = true; }
 
 void error_callback(int, const char* text) { fprintf(stderr, "Error: %s\n", text); }
 
+void refresh_callback(GLFWwindow*) { redrawall = true; }
+
 void standardcallback(OVCONTEXT*, VIEWPORT*, int event, void*) {
   // Auto mode's zoom to a satellite joins here once auto mode exists.
   if (event == VPCALLBACK_FINISH) viewfinished.store(true);

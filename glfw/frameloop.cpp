@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <chrono>
+#include <thread>
 #include <vector>
 
 #include "app.h"
@@ -44,8 +46,10 @@ void advanceclock() {
 struct TESTCLOSE {
   bool onfinish = false;
   long frames = -1;
+  long turns = 0;
   long drawn = 0;
   long afterfinish = -1;
+  bool due = false;
 };
 
 TESTCLOSE testclosefromenv() {
@@ -72,33 +76,47 @@ void writeframe(const char* path, const std::vector<unsigned char>& rgba) {
   fclose(f);
 }
 
-void reportframe(long frames, bool finished) {
+// Whether this turn is the last: then it is drawn, read back and the window
+// asked to close.
+bool testclosedue(TESTCLOSE* t) {
+  if (!t->onfinish && t->frames < 0) return false;
+  t->turns++;
+  if (t->onfinish) {
+    if (t->afterfinish < 0 && viewfinished.load()) t->afterfinish = 0;
+    // Some turns after the finish: the last list compiled and shown, and
+    // frames with nothing new passed.
+    t->due = t->afterfinish >= 0 && ++t->afterfinish >= 10;
+  } else {
+    t->due = t->turns >= t->frames;
+  }
+  return t->due;
+}
+
+// After the frame is drawn, before the swap.
+void testclose(TESTCLOSE* t, bool drawn) {
+  if (!t->onfinish && t->frames < 0) return;
+  if (drawn) t->drawn++;
+  if (!t->due) return;
   if (const char* out = getenv("ORVANTA_TEST_FRAME_OUT")) {
     std::vector<unsigned char> rgba(static_cast<size_t>(width) * height * 4);
     glReadBuffer(GL_BACK);
     glReadPixels(0, 0, width, height, GL_RGBA, GL_UNSIGNED_BYTE, rgba.data());
     writeframe(out, rgba);
   }
-  fprintf(stderr, "orvanta test close: %ld frames, view %s\n", frames, finished ? "finished" : "not finished");
-}
-
-// Called after the frame is drawn, before the swap.
-void testclose(TESTCLOSE* t) {
-  if (!t->onfinish && t->frames < 0) return;
-  t->drawn++;
-  bool close = false;
-  if (t->onfinish) {
-    if (t->afterfinish < 0 && viewfinished.load()) t->afterfinish = 0;
-    // Three frames: one may rebuild the display list, the next shows it.
-    if (t->afterfinish >= 0 && ++t->afterfinish >= 3) close = true;
-  } else if (t->drawn >= t->frames) {
-    close = true;
-  }
-  if (!close) return;
-  reportframe(t->drawn, viewfinished.load());
+  fprintf(stderr, "orvanta test close: %ld frames (%ld drawn), view %s\n", t->turns, t->drawn,
+          viewfinished.load() ? "finished" : "not finished");
   glfwSetWindowShouldClose(window, 1);
   t->onfinish = false;
   t->frames = -1;
+  t->due = false;
+}
+
+// Without a swap that waits for the display (none, or a virtual one) the
+// loop keeps to the frame rate by itself.
+void pace(double framestart) {
+  if (!(settings.framerate > 0)) return;
+  double rest = framestart + 1.0 / settings.framerate - glfwGetTime();
+  if (rest > 0) std::this_thread::sleep_for(std::chrono::duration<double>(rest));
 }
 
 }  // namespace
@@ -108,6 +126,7 @@ void frameloop() {
   double nexttick = glfwGetTime();
   TESTCLOSE test = testclosefromenv();
   for (;;) {
+    double framestart = glfwGetTime();
     // Without a file renderer there is no job to ask about.
     if (glfwWindowShouldClose(window)) break;
     glfwGetFramebufferSize(window, &width, &height);
@@ -115,16 +134,22 @@ void frameloop() {
       resizeviews();
       lastwidth = width;
       lastheight = height;
+      redrawall = true;
     }
     // Auto mode opens fractal files when the user is away; it joins with
     // the file opener. The status strings are the widgets' to show.
     stringschanged = false;
-    if (vp) drawviewport(context, vp, 0, _curtime, 0, 0, width, height, info.texture);
+    bool last = testclosedue(&test);
+    bool force = redrawall || last;
+    redrawall = false;
+    bool drawn = vp && drawviewport(context, vp, 0, _curtime, 0, 0, width, height, info.texture, force);
     if (smooth && !hardframe) serveglqueue(context, UPLOADPERFRAME);
-    testclose(&test);
-    glfwSwapBuffers(window);
+    testclose(&test, drawn);
+    // A frame with nothing new isn't swapped: the window keeps the last.
+    if (drawn) glfwSwapBuffers(window);
     advanceclock();
     navigationticks(&nexttick);
     glfwPollEvents();
+    pace(framestart);
   }
 }

@@ -89,6 +89,7 @@ void opengl() {
   int mx = 0, my = 0;
   glfwGetMonitorPos(monitor, &mx, &my);
   glfwSetWindowPos(window, mx, my);
+  glfwSetWindowRefreshCallback(window, refresh_callback);
   glfwMakeContextCurrent(window);
   int version = gladLoadGL(glfwGetProcAddress);
   if (GLAD_VERSION_MAJOR(version) * 10 + GLAD_VERSION_MINOR(version) < 21) {

@@ -38,3 +38,4 @@ bool displayjuliapoint = false;
 int juliamode = 0;
 GLuint progcolor = 0, progtex = 0, progpointsmooth = 0;
 std::atomic<bool> viewfinished{false};
+bool redrawall = true;

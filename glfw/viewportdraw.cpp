@@ -116,20 +116,52 @@ void renderdisplaylist(OVCONTEXT*, VIEWPORT* viewport, int list, GLuint* texture
   oldlist[v] = list;
 }
 
-void drawviewport(OVCONTEXT* context, VIEWPORT* v, int vid, double time, int x, int y, int w, int h,
-                  GLuint* texture) {
-  glScissor(x, height - y - h, w, h);
-  glViewport(x, height - y - h, w, h);
-  glClearColor(0, 0, 0, 0);
-  glClear(GL_COLOR_BUFFER_BIT);
+namespace {
 
-  std::vector<std::complex<double>>& points = overlaypoints();
-  int npoints = gatheroverlay(context, v, vid, points.data(), static_cast<int>(points.size()));
+// What a view's last drawn frame showed. A frame that would show the same
+// again is not drawn: the picture on the screen stands, and the processor
+// is left to the engine (and to a software renderer, the whole cost of a
+// frame).
+struct SHOWN {
+  bool valid;
+  int list;
+  const COLORSCHEME* cs;
+  int x, y, w, h;
+  complexd delta, zoom, deltaabs, zoomabs;
+};
+SHOWN shown[2];
+
+bool sameframe(const SHOWN& a, const SHOWN& b) {
+  return a.valid && b.valid && a.list == b.list && a.cs == b.cs && a.x == b.x && a.y == b.y && a.w == b.w &&
+         a.h == b.h && a.delta == b.delta && a.zoom == b.zoom && a.deltaabs == b.deltaabs &&
+         a.zoomabs == b.zoomabs;
+}
+
+}  // namespace
+
+bool drawviewport(OVCONTEXT* context, VIEWPORT* v, int vid, double time, int x, int y, int w, int h,
+                  GLuint* texture, bool force) {
   complexd delta, zoom, delta2, zoom2, deltaabs, zoomabs;
   COLORSCHEME* cs = nullptr;
   int list = getactivelist(context, v, time, &delta, &zoom, &delta2, &zoom2, &deltaabs, &zoomabs, &cs,
                            nullptr, 0, nullptr, nullptr);
+  SHOWN now{true, list, cs, x, y, w, h, delta, zoom, deltaabs, zoomabs};
+  SHOWN& last = shown[vid & 1];
+  bool changing = changeuniform || overlayshown(v) || (cs && cs->timedependent);
+  if (!force && !changing && sameframe(now, last)) {
+    if (list >= 0) unlocklist(context, v);
+    hardframe = false;
+    return false;
+  }
+  last = now;
+
+  glScissor(x, height - y - h, w, h);
+  glViewport(x, height - y - h, w, h);
+  glClearColor(0, 0, 0, 0);
+  glClear(GL_COLOR_BUFFER_BIT);
   if (list >= 0 && cs && cs->shader && cs->shader->prog) {
+    std::vector<std::complex<double>>& points = overlaypoints();
+    int npoints = gatheroverlay(context, v, vid, points.data(), static_cast<int>(points.size()));
     std::complex<double> iz = 1.0 / std::complex<double>(zoomabs);
     std::complex<float> d;
     ORTHO box = aspectbox(w, h, iz, &d);
@@ -143,4 +175,5 @@ void drawviewport(OVCONTEXT* context, VIEWPORT* v, int vid, double time, int x, 
   if (list >= 0) unlocklist(context, v);
   glScissor(0, 0, width, height);
   glViewport(0, 0, width, height);
+  return true;
 }

@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -157,6 +158,14 @@ TEST(Explorer, DrawsTheStartViewAndClosesCleanly) {
   EXPECT_NE(r.err.find("UPLOADPERFRAME           : "), std::string::npos) << r.err;
   EXPECT_EQ(r.err.find("Could not read settings file"), std::string::npos) << r.err;
   EXPECT_NE(r.err.find("view finished\n"), std::string::npos) << r.err;
+  // Frames that would show nothing new are not drawn: the last turns after
+  // the view finished passed without drawing.
+  long turns = 0, drawn = 0;
+  size_t at = r.err.find("orvanta test close: ");
+  ASSERT_NE(at, std::string::npos) << r.err;
+  ASSERT_EQ(sscanf(r.err.c_str() + at, "orvanta test close: %ld frames (%ld drawn)", &turns, &drawn), 2) << r.err;
+  EXPECT_GT(drawn, 0);
+  EXPECT_LT(drawn, turns);
 
   // The last frame is a picture of the set, not a blank window: many
   // colours, none covering most of it, and the set's inside (the plane's
