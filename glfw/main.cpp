@@ -160,12 +160,12 @@ void shutdown() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  paths = makepaths(executabledirectory(), getenv("XDG_CONFIG_HOME"), getenv("HOME"), getenv("TMPDIR"));
-  COMMANDLINE cmd = withoutopeners(readcommandline(argc, argv, stdout), stderr);
-  // Before anything else can speak: without a display the one line says
-  // what to use instead.
+  // Before anything else speaks or is written: without a display the one
+  // line says what to use instead.
   if (!getenv("DISPLAY") && !getenv("WAYLAND_DISPLAY"))
     nodisplay("no display (DISPLAY and WAYLAND_DISPLAY are unset)");
+  paths = makepaths(executabledirectory(), getenv("XDG_CONFIG_HOME"), getenv("HOME"), getenv("TMPDIR"));
+  COMMANDLINE cmd = withoutopeners(readcommandline(argc, argv, stdout), stderr);
   (void)cmd;  // every start is the start view until the file openers exist
   mode = 1;   // before the settings: presentationmode does not change it
   defaultsettings(&settings, machineprocessors(), machinememory());

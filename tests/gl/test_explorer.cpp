@@ -230,14 +230,19 @@ TEST(Explorer, AnUnreadableSettingsFileStartsOnDefaults) {
 
 TEST(Explorer, WithoutADisplayItNamesTheRendererAndExits1) {
   TMPDIR dir, cfg;
-  writesettings(cfg.path, R"({"totalmemory": 512})");
-  RESULT r = run({}, {{"XDG_CONFIG_HOME", cfg.path}}, {"DISPLAY", "WAYLAND_DISPLAY"}, 30, dir.path);
-  ASSERT_FALSE(r.timedout) << "hung without a display";
-  EXPECT_EQ(r.code, 1);
-  EXPECT_EQ(countlines(r.err), 1) << r.err;
-  EXPECT_NE(r.err.find("orvanta-render"), std::string::npos) << r.err;
-  EXPECT_EQ(r.out, "");
-  EXPECT_LT(r.seconds, 10);
+  // An unreadable settings file and arguments that would each say
+  // something: without a display only the one line comes.
+  writesettings(cfg.path, R"([1])");
+  for (std::vector<std::string> args : {std::vector<std::string>{}, std::vector<std::string>{"ovt://?a=1"},
+                                        std::vector<std::string>{"a.json", "b.json"}}) {
+    RESULT r = run(args, {{"XDG_CONFIG_HOME", cfg.path}}, {"DISPLAY", "WAYLAND_DISPLAY"}, 30, dir.path);
+    ASSERT_FALSE(r.timedout) << "hung without a display";
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(countlines(r.err), 1) << r.err;
+    EXPECT_NE(r.err.find("orvanta-render"), std::string::npos) << r.err;
+    EXPECT_EQ(r.out, "");
+    EXPECT_LT(r.seconds, 10);
+  }
 }
 
 TEST(Explorer, AnUnreachableDisplayNamesTheRendererAndExits1) {
