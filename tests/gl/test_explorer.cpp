@@ -11,6 +11,7 @@
 
 #include <png.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -274,6 +275,19 @@ IMAGE readpng(const std::string& path) {
   return im;
 }
 
+// The largest, over the three colours, of the mean absolute difference per
+// pixel, as a fraction of full scale; 1 for images of different sizes.
+double meandifference(const IMAGE& a, const IMAGE& b) {
+  if (a.w != b.w || a.h != b.h || a.w == 0) return 1;
+  double sum[3] = {0, 0, 0};
+  size_t n = static_cast<size_t>(a.w) * a.h;
+  for (size_t i = 0; i < n; i++)
+    for (int k = 0; k < 3; k++)
+      sum[k] += std::abs(static_cast<int>(static_cast<unsigned char>(a.rgb[3 * i + k])) -
+                         static_cast<int>(static_cast<unsigned char>(b.rgb[3 * i + k])));
+  return std::max({sum[0], sum[1], sum[2]}) / n / 255.0;
+}
+
 }  // namespace
 
 // The finished start view on the screen is the picture the off-screen
@@ -301,13 +315,7 @@ TEST(Explorer, TheStartViewMatchesTheOffScreenRenderer) {
   ASSERT_EQ(made.w, shown.w);
   ASSERT_EQ(made.h, shown.h);
 
-  double sum[3] = {0, 0, 0};
-  size_t n = static_cast<size_t>(shown.w) * shown.h;
-  for (size_t i = 0; i < n; i++)
-    for (int k = 0; k < 3; k++)
-      sum[k] += std::abs(static_cast<int>(static_cast<unsigned char>(shown.rgb[3 * i + k])) -
-                         static_cast<int>(static_cast<unsigned char>(made.rgb[3 * i + k])));
-  for (int k = 0; k < 3; k++) EXPECT_LT(sum[k] / n / 255.0, 0.02) << "channel " << k;
+  EXPECT_LT(meandifference(shown, made), 0.02);
 }
 
 // ---------------------------------------------------------------- the window system's close request
@@ -382,4 +390,55 @@ TEST(Explorer, ACloseRequestFromTheWindowSystemEndsItCleanly) {
   EXPECT_EQ(r.code, 0) << r.err;
   EXPECT_EQ(r.err.find("FATAL"), std::string::npos) << r.err;
   EXPECT_EQ(std::system(("test -z \"$(ls -A '" + tmp.path + "')\"").c_str()), 0);
+}
+
+// The window made smaller by the window system: the view follows the new
+// size, and the last frame is a whole picture of it.
+TEST(Explorer, ANewWindowSizeIsApplied) {
+  TMPDIR dir, cfg;
+  writesettings(cfg.path, R"({"totalmemory": 512})");
+  std::string frame = dir.path + "/frame.ppm";
+  PROCESS p = spawn({}, {{"XDG_CONFIG_HOME", cfg.path}, {CLOSEONFINISH, "600"}, {"ORVANTA_TEST_FRAME_OUT", frame}},
+                    {}, dir.path);
+  Display* dpy = XOpenDisplay(nullptr);
+  ASSERT_NE(dpy, nullptr);
+  Atom netwmpid = XInternAtom(dpy, "_NET_WM_PID", False);
+  Window w = 0;
+  while (!w && elapsed(p) < 60 && waitpid(p.pid, nullptr, WNOHANG) == 0) {
+    w = findwindow(dpy, DefaultRootWindow(dpy), p.pid, netwmpid);
+    if (!w) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  EXPECT_NE(w, 0u);
+  if (w) {
+    XResizeWindow(dpy, w, 400, 300);
+    XFlush(dpy);
+  }
+  RESULT r = wait(p, 240);
+  XCloseDisplay(dpy);
+  ASSERT_FALSE(r.timedout) << r.err;
+  EXPECT_EQ(r.code, 0) << r.err;
+  IMAGE im = readppm(frame);
+  ASSERT_EQ(im.w, 400) << r.err;
+  ASSERT_EQ(im.h, 300);
+  std::map<std::string, int> colours;
+  for (size_t i = 0; i + 3 <= im.rgb.size(); i += 3) colours[im.rgb.substr(i, 3)]++;
+  EXPECT_GT(colours.size(), 100u);
+  // The start view, upright and centred in the new size: symmetric left to
+  // right, the set's inside at the centre unlike a corner.
+  int same = 0, total = 0;
+  for (int y = 0; y < im.h; y += 5)
+    for (int x = 1; x < im.w / 2; x += 5) {
+      total++;
+      same += im.at(x, y) == im.at(im.w - 1 - x, y) || im.at(x, y) == im.at(im.w - x, y);
+    }
+  EXPECT_GT(same, total * 8 / 10);
+  EXPECT_NE(im.at(im.w / 2, im.h / 2), im.at(2, 2));
+  // And it is the picture of the start view at that size.
+  TMPDIR rdir;
+  std::string rendered = rdir.path + "/render.png";
+  RESULT rr = wait(spawn({"--size", "400x300", "--scheme", "Iteration", "--memory", "512", "--out", rendered}, {}, {},
+                         rdir.path, ORVANTA_RENDER_EXE),
+                   240);
+  ASSERT_EQ(rr.code, 0) << rr.err;
+  EXPECT_LT(meandifference(im, readpng(rendered)), 0.02);
 }
