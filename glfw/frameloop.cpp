@@ -1,0 +1,155 @@
+// The frame loop: one turn per displayed frame, on the first thread. It
+// draws the views, feeds the GL queue within the upload budget on frames
+// that didn't rebuild a display list, swaps, advances the virtual clock and
+// polls events.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "app.h"
+
+namespace {
+
+// The navigator's 10 ms tick, fed from the loop by wall time, on this
+// thread. The navigator joins here; until it exists there is nothing to
+// move between the engine's own steps.
+void (*navigationtick)(OVCONTEXT* context, VIEWPORT* viewport) = nullptr;
+constexpr double NAVIGATIONTICK = 0.01;
+
+void navigationticks(double* next) {
+  double now = glfwGetTime();
+  // After a long stall the ticks are not replayed: the motion resumes.
+  if (now - *next > 10 * NAVIGATIONTICK) *next = now;
+  while (*next <= now) {
+    if (navigationtick && vp) navigationtick(context, vp);
+    *next += NAVIGATIONTICK;
+  }
+}
+
+// The clock counts frames; engine threads read it, hence the exchange.
+void advanceclock() {
+  double old = _curtime, next;
+  do {
+    next = old + 1.0 / settings.framerate;
+  } while (!__atomic_compare_exchange(const_cast<double*>(&_curtime), &old, &next, false,
+                                      __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST));
+}
+
+// A knob for automated runs, harmless otherwise: ORVANTA_TEST_CLOSE_AFTER
+// set to "finish" asks the window to close a few frames after the start view
+// finished, set to a number after that many frames. It says so on standard
+// error when it closes; with ORVANTA_TEST_FRAME_OUT naming a file, the last
+// frame is read back and written there as a PPM image first.
+struct TESTCLOSE {
+  bool onfinish = false;
+  long frames = -1;
+  long turns = 0;
+  long drawn = 0;
+  long afterfinish = -1;
+  bool due = false;
+};
+
+TESTCLOSE testclosefromenv() {
+  TESTCLOSE t;
+  const char* v = getenv("ORVANTA_TEST_CLOSE_AFTER");
+  if (!v || !*v) return t;
+  if (strcmp(v, "finish") == 0)
+    t.onfinish = true;
+  else
+    t.frames = strtol(v, nullptr, 10);
+  return t;
+}
+
+// The frame as a binary PPM, top row first.
+void writeframe(const char* path, const std::vector<unsigned char>& rgba) {
+  FILE* f = fopen(path, "wb");
+  if (!f) {
+    perror(path);
+    return;
+  }
+  fprintf(f, "P6\n%i %i\n255\n", width, height);
+  for (int y = height - 1; y >= 0; y--)
+    for (int x = 0; x < width; x++) fwrite(&rgba[(static_cast<size_t>(y) * width + x) * 4], 1, 3, f);
+  fclose(f);
+}
+
+// Whether this turn is the last: then it is drawn, read back and the window
+// asked to close.
+bool testclosedue(TESTCLOSE* t) {
+  if (!t->onfinish && t->frames < 0) return false;
+  t->turns++;
+  if (t->onfinish) {
+    if (t->afterfinish < 0 && viewfinished.load()) t->afterfinish = 0;
+    // Some turns after the finish: the last list compiled and shown, and
+    // frames with nothing new passed.
+    t->due = t->afterfinish >= 0 && ++t->afterfinish >= 10;
+  } else {
+    t->due = t->turns >= t->frames;
+  }
+  return t->due;
+}
+
+// After the frame is drawn, before the swap.
+void testclose(TESTCLOSE* t, bool drawn) {
+  if (!t->onfinish && t->frames < 0) return;
+  if (drawn) t->drawn++;
+  if (!t->due) return;
+  if (const char* out = getenv("ORVANTA_TEST_FRAME_OUT")) {
+    std::vector<unsigned char> rgba(static_cast<size_t>(width) * height * 4);
+    glReadBuffer(GL_BACK);
+    glReadPixels(0, 0, width, height, GL_RGBA, GL_UNSIGNED_BYTE, rgba.data());
+    writeframe(out, rgba);
+  }
+  fprintf(stderr, "orvanta test close: %ld frames (%ld drawn), view %s\n", t->turns, t->drawn,
+          viewfinished.load() ? "finished" : "not finished");
+  glfwSetWindowShouldClose(window, 1);
+  t->onfinish = false;
+  t->frames = -1;
+  t->due = false;
+}
+
+// Without a swap that waits for the display (none, or a virtual one) the
+// loop keeps to the frame rate by itself.
+void pace(double framestart) {
+  if (!(settings.framerate > 0)) return;
+  double rest = framestart + 1.0 / settings.framerate - glfwGetTime();
+  if (rest > 0) std::this_thread::sleep_for(std::chrono::duration<double>(rest));
+}
+
+}  // namespace
+
+void frameloop() {
+  int lastwidth = -1, lastheight = -1;
+  double nexttick = glfwGetTime();
+  TESTCLOSE test = testclosefromenv();
+  for (;;) {
+    double framestart = glfwGetTime();
+    // Without a file renderer there is no job to ask about.
+    if (glfwWindowShouldClose(window)) break;
+    glfwGetFramebufferSize(window, &width, &height);
+    if (width != lastwidth || height != lastheight) {
+      resizeviews();
+      lastwidth = width;
+      lastheight = height;
+      redrawall = true;
+    }
+    // Auto mode opens fractal files when the user is away; it joins with
+    // the file opener. The status strings are the widgets' to show.
+    stringschanged = false;
+    bool last = testclosedue(&test);
+    bool force = redrawall || last;
+    redrawall = false;
+    bool drawn = vp && drawviewport(context, vp, 0, _curtime, 0, 0, width, height, info.texture, force);
+    if (smooth && !hardframe) serveglqueue(context, UPLOADPERFRAME);
+    testclose(&test, drawn);
+    // A frame with nothing new isn't swapped: the window keeps the last.
+    if (drawn) glfwSwapBuffers(window);
+    advanceclock();
+    navigationticks(&nexttick);
+    glfwPollEvents();
+    pace(framestart);
+  }
+}
