@@ -13,10 +13,6 @@
 #include "app.h"
 #include "commandline.h"
 
-
-// The idle search's end of a move, when the search is linked in.
-void movingfinish(OVCONTEXT* context, VIEWPORT* viewport) __attribute__((weak));
-
 namespace {
 
 void* tileblock = nullptr;
@@ -58,11 +54,6 @@ Colorscheme* startscheme(JDICT* dict) {
   return static_cast<Colorscheme*>(cs);
 }
 
-// The general realm computes against reference orbits that the idle search
-// finds after each move; in a build without that search it would stay
-// black, so the start view then iterates its own points in a Mandelbrot
-// realm. The search's end of a move is looked for as a weak symbol.
-REALMTYPE startrealmtype() { return movingfinish ? GENERAL : MANDELBROT; }
 
 void opengl() {
   glfwSetErrorCallback(error_callback);
@@ -182,7 +173,7 @@ int main(int argc, char** argv) {
   startengine();
   loadschemes();
   setupfixedprograms();
-  generalrealm = addrealm(context, startrealmtype());
+  generalrealm = addrealm(context, GENERAL);
   reset();
   displaylist[0] = glGenLists(1);
   displaylist[1] = glGenLists(1);

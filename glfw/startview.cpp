@@ -1,8 +1,9 @@
 // The start view and the views' share of a window resize.
 //
 // This is the small form of the application's reset: one Mandelbrot view of
-// the general realm, full window, with the first colour scheme. The full
-// reset adds the Julia realm and its small view, hands both views to the
+// the general realm with a new Julia realm (where the idle search keeps its
+// seeds and stack), full window, with the first colour scheme. The full
+// reset adds the Julia view, hands both views to the
 // widgets, sets the navigator's constants (its brake, magnets and touch
 // mode) and the colour scheme on the Julia view; they join with the widget
 // toolkit and the navigator.
@@ -21,7 +22,10 @@ void reset() {
     deactivateviewport(context, vp);
     detachviewport(context, vp);
   }
-  vp = addviewport(context, generalrealm, nullptr, width, height, standardcallback, nullptr);
+  REALM* juliarealm = addrealm(context, JULIA);
+  vp = addviewport(context, generalrealm, juliarealm, width, height, standardcallback, nullptr);
+  // The view holds the Julia realm from here on.
+  if (juliarealm) detachrealm(context, juliarealm);
   if (!vp) return;
   vp->nav_viewportid = 0;
   atomicstore(&vp->nav_flags, static_cast<unsigned int>(navflags()));
