@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "Mandelbrot.h"
+#include "juliastack.h"
 #include "canvas/model.h"
 #include "canvas/render.h"
 
@@ -452,6 +453,7 @@ void worker_canvas_calc_inner_return(OVCONTEXT* context, WORKER* worker) {
     // tiles in work belongs to the stack.
     unlockmemjuliacache(context, jc, JCUNLOCK_DIRTY);
     worker->idata[JOB_JULIACACHELOCKED] = 0;
+    juliastacktilereturn(context, worker);
     freecanvascalcworker(context, worker);
     return;
   }

@@ -12,6 +12,7 @@
 #include <cstdio>
 
 #include "Mandelbrot.h"
+#include "juliastack.h"
 
 namespace {
 
@@ -186,7 +187,7 @@ void redrawrealms(OVCONTEXT* context, VIEWPORT* v, int flags) {
   newcycle(jr);
   v->flags |= VP_MUSTWAITFORIDLE | VP_MUSTDOLOOP;
   jr->flags |= R_MUSTWAITFORIDLE;
-  if (juliahooks.adjustjuliastack) juliahooks.adjustjuliastack(context, jr, -1, true);
+  adjustjuliastack(context, jr, -1, true);
   jr->maxjuliastack = -1;
 }
 

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "Mandelbrot.h"
+#include "juliastack.h"
 
 IDLEHOOKS idlehooks = {};
 JULIAHOOKS juliahooks = {};
@@ -364,9 +365,8 @@ void __deactivateviewport(OVCONTEXT* context, VIEWPORT* v, bool remove) {
   }
   if (v->flags & VP_COUNTEDINJULIAREALM) {
     v->flags &= ~VP_COUNTEDINJULIAREALM;
-    if (v->juliarealm && --v->juliarealm->activeviewports == 0 &&
-        juliahooks.stopjuliastackcomputation)
-      juliahooks.stopjuliastackcomputation(context, v->juliarealm);
+    if (v->juliarealm && --v->juliarealm->activeviewports == 0)
+      stopjuliastackcomputation(context, v->juliarealm);
   }
   if (atomicload(&v->drawactive)) {
     memorybarrier();
