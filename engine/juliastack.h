@@ -51,8 +51,14 @@ void placejuliachildren(OVCONTEXT* context, AREA* a);
 // anchored, computing (`nworker`), waiting (`jswait`), finishing (`worker`),
 // ready (s <= `readyjuliastack`).
 
-// The mark of a pixel whose end is another pixel of its own level.
+// The mark of a pixel whose end is another pixel of its own level. A pixel
+// of a level's tile that came nearer 0 than the level itself carries the
+// mark plus 1 + how many levels deeper it is: such marks are negative and
+// out of the correction's way, and the finishing worker iterates those
+// pixels from their own, finer place.
 constexpr int JULIASAMELEVEL = static_cast<int>(0x80000000u);
+// Marks the pixels of a tile of level s that end in the level or deeper.
+void markjuliasamelevel(PREPIXEL* pixels, int s);
 
 // Drops level s: its workers stopped, its tiles and mipmap given back, the
 // areas that waited for it computed afresh.

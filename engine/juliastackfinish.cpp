@@ -53,10 +53,14 @@ void pushjuliastackworker(OVCONTEXT* context, WORKER* w) {
   t->nextother = w;
 }
 
-// The head of the queue is done: the next one runs.
+// Takes w out of the queue; when it was the head, the next one runs. A
+// head is dispatched once, when it becomes the head.
 void popjuliastackworker(OVCONTEXT* context, WORKER* w) {
   if (context->juliastackworker == w) {
     context->juliastackworker = w->nextother;
+    w->nextother = nullptr;
+    dispatch_juliastack_worker(context);
+    return;
   } else {
     for (WORKER* t = context->juliastackworker; t; t = t->nextother)
       if (t->nextother == w) {
@@ -139,6 +143,9 @@ bool correctlevel(OVCONTEXT* context, REALM* realm, int s) {
   while (context->ijuliacachepp != 0) finishjuliacorrect(context);
   if (!locktiles(context, L)) return false;
   int n = tilesperside(L);
+  for (int y = 0; y < n; y++)
+    for (int x = 0; x < n; x++)
+      if (JULIACACHE* jc = L->c[y][x]) markjuliasamelevel(jc->data, s);
   if (s > 0)
     for (int y = 0; y < n; y++)
       for (int x = 0; x < n; x++)
@@ -152,6 +159,11 @@ bool correctlevel(OVCONTEXT* context, REALM* realm, int s) {
 
 void prejuliastack(OVCONTEXT* context, REALM* realm, int s) {
   JULIASTACKDATA* L = &realm->juliastack[s];
+  // Tiles still in work: the last one to come home calls again.
+  if (L->nworker > 0) {
+    L->jswait = false;
+    return;
+  }
   L->jswait = true;
   if (realm->readyjuliastack != s - 1) return;
   // The program's word that the level is corrected is not awaited: the
@@ -197,7 +209,8 @@ void dispatch_juliastack_worker(OVCONTEXT* context) {
       dispatch(context, w);
       return;
     }
-    popjuliastackworker(context, w);
+    context->juliastackworker = w->nextother;
+    w->nextother = nullptr;
     realm->juliastack[s].worker = nullptr;
     __detachrealm(context, realm);
     freeworker(context, w);
@@ -233,7 +246,6 @@ void worker_juliastack_return(OVCONTEXT* context, WORKER* worker) {
     unlocktiles(context, &realm->jstdforworker, stopped ? 0 : JCUNLOCK_DIRTY);
     freesnapshot(context, realm);
   }
-  popjuliastackworker(context, worker);
   if (!stopped && L->worker == worker) {
     L->worker = nullptr;
     if (juliamipmap(context, realm, s))
@@ -246,8 +258,8 @@ void worker_juliastack_return(OVCONTEXT* context, WORKER* worker) {
       prejuliastack(context, realm, s + 1);
   }
   __detachrealm(context, realm);
+  popjuliastackworker(context, worker);
   freeworker(context, worker);
-  dispatch_juliastack_worker(context);
 }
 
 bool juliamipmap(OVCONTEXT* context, REALM* realm, int s) {

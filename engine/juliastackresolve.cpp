@@ -32,17 +32,21 @@ int place(int js, float v) {
   return static_cast<int>(std::clamp(t, 0.0, static_cast<double>(js - 1)));
 }
 
+// How many levels below s a pixel goes on: 0 for this very level, -1 when
+// it goes to a shallower one or is finished.
+int below(const PREPIXEL* p, int s) {
+  if (p->depth >= JULIASAMELEVEL && p->depth <= JULIASAMELEVEL + NJULIASTACK)
+    return p->depth == JULIASAMELEVEL ? 0 : p->depth - JULIASAMELEVEL - 1;
+  return p->depth >= s ? p->depth - s : -1;
+}
+
 // A pixel that goes on in its own level, or in a deeper one, which lies
 // inside it: its place in this level's units, or false.
 bool samelevel(const PREPIXEL* p, int s, float* x, float* y) {
-  if (p->depth == JULIASAMELEVEL) {
-    *x = p->x;
-    *y = p->y;
-    return true;
-  }
-  if (p->depth < s) return false;
-  *x = std::ldexp(p->x, s - p->depth);
-  *y = std::ldexp(p->y, s - p->depth);
+  int k = below(p, s);
+  if (k < 0) return false;
+  *x = std::ldexp(p->x, -k);
+  *y = std::ldexp(p->y, -k);
   return true;
 }
 
@@ -59,6 +63,11 @@ void takeend(PREPIXEL* p, const PREPIXEL& q) {
   p->depth = -1;
 }
 
+// Only a pixel that names this very level takes the end of a pixel of it:
+// one that came nearer 0 is far finer than this level's pixels, and goes on
+// by iteration from its own place.
+bool linked(const PREPIXEL* p, int s) { return below(p, s) == 0; }
+
 // Phase 1: jsref[t] heads the list of pixels that end on t, through jsnext.
 void link(OVCONTEXT* context, const LEVELPIXELS& L, int s) {
   int n = L.js * L.js;
@@ -66,7 +75,7 @@ void link(OVCONTEXT* context, const LEVELPIXELS& L, int s) {
   for (int k = 0; k < n; k++) {
     const PREPIXEL* p = L.at(k);
     float x, y;
-    if (!p || !samelevel(p, s, &x, &y)) continue;
+    if (!p || !linked(p, s) || !samelevel(p, s, &x, &y)) continue;
     if (!std::isfinite(x) || !std::isfinite(y)) {
       fputs("rec2: FATAL ERROR!\n", stderr);
       continue;
@@ -103,6 +112,19 @@ void rec2(OVCONTEXT* context, const LEVELPIXELS& L, int q) {
   }
 }
 
+}  // namespace
+
+void markjuliasamelevel(PREPIXEL* pixels, int s) {
+  for (int k = 0; k < NPREPIXEL; k++) {
+    PREPIXEL* p = &pixels[k];
+    if (p->depth < s) continue;
+    int deeper = std::min(p->depth - s, NJULIASTACK - 1);
+    p->depth = deeper == 0 ? JULIASAMELEVEL : JULIASAMELEVEL + 1 + deeper;
+  }
+}
+
+namespace {
+
 // The orbit of a start point of the level under z^2 + m, to escape or into
 // the seed's attractor, at most `limit` steps. The result is finished.
 template <typename FLOAT>
@@ -119,17 +141,20 @@ void extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd, ITER 
   COMPLEX lim = N::cfromHF(jstd->lim);
   FLOAT r2 = N::fromHF(mulHF(jstd->rlim, jstd->rlim));
   bool trap = jstd->rlim.mantissa != 0;
-  FLOAT escape = N::fromd(1e10);
+  // Counted as the canvas counts: the steps before the one that leaves
+  // the radius 2.
+  FLOAT four = N::fromd(4.0);
   ITER k = 0;
   ITER sign = 1;
   for (; k < limit; k++) {
-    if (!N::less(N::abss(z), escape)) break;
     if (trap && N::less(N::abss(N::csub(z, lim)), r2)) {
       sign = -1;
       break;
     }
+    COMPLEX z1 = N::cadd(N::csqr(z), m);
+    if (N::less(four, N::abss(z1))) break;
     d = N::cmul(N::ctwice(z), d);
-    z = N::cadd(N::csqr(z), m);
+    z = z1;
   }
   HFLOATCOMPLEX zh = N::ctoHF(z), dh = N::ctoHF(d);
   ITER own = p->iter < 0 ? -p->iter : p->iter;
