@@ -182,6 +182,8 @@ bool computejuliastack(OVCONTEXT* context, REALM* realm, int s) {
   L->nworker = 0;
   L->waittocompute = false;
   L->sizeshift = realm->juliastacksizeshift;
+  // Level 0 has no level above it to map onto: it is always iterated.
+  if (s == 0) L->bypass = false;
   if (!L->m) {
     fputs("computejuliastack: !jstd->m\n", stderr);
     return false;
