@@ -381,3 +381,58 @@ void waitforjuliastack(OVCONTEXT* context, REALM* realm, AREA* a, int jst) {
   a->flags |= A_WAITFORJULIASTACK;
   chaininsbegin(&realm->juliastack[jst].wait, &a->waitforjuliastack);
 }
+
+// ---------------------------------------------------------------- an area by the bypass
+
+namespace {
+
+// Main thread: a bypass job of an area found no pixel buffer; it takes one
+// now or waits for the next one given back.
+void worker_bypass2wait(OVCONTEXT* context, WORKER* worker) {
+  worker->workerproc = worker_bypass2;
+  worker->recipient = THREAD_WORKER;
+  if (!atomicload(&worker->stop) && !worker->prepixels) worker->prepixels = addprepixels(context);
+  if (atomicload(&worker->stop) || worker->prepixels)
+    dispatch(context, worker);
+  else
+    waitforprepixels(context, worker);
+}
+
+}  // namespace
+
+void worker_bypass2(OVCONTEXT* context, WORKER* worker) {
+  if (!atomicload(&worker->stop) && !worker->prepixels) {
+    worker->prepixels = addprepixels(context);
+    if (!worker->prepixels) {
+      worker->workerproc = worker_bypass2wait;
+      worker->recipient = THREAD_MAIN;
+      dispatch(context, worker);
+      return;
+    }
+  }
+  if (!atomicload(&worker->stop))
+    bypass(context, worker->idata[BYPASS_MAXLEVEL], worker->idata[BYPASS_DEPTH], worker->hdata[BYPASS_CF],
+           worker->prepixels->pixels, &worker->hdata[BYPASS_TAYLOR], worker->idata[BYPASS_ITER]);
+  worker->workerproc = worker_bypass2_return;
+  worker->recipient = THREAD_MAIN;
+  dispatch(context, worker);
+}
+
+void worker_bypass2_return(OVCONTEXT* context, WORKER* worker) {
+  AREA* a = static_cast<AREA*>(worker->pdata[BYPASS2_AREA]);
+  REALM* realm = static_cast<REALM*>(worker->pdata[BYPASS_REALM]);
+  if (atomicload(&worker->stop) || !a) {
+    removeprepixels(context, worker->prepixels);
+    worker->prepixels = nullptr;
+  } else {
+    a->worker = nullptr;
+    removeprepixels(context, a->prepixels);
+    a->prepixels = worker->prepixels;
+    worker->prepixels = nullptr;
+    // The pixels name levels above this one only.
+    a->jst = worker->idata[BYPASS_MAXLEVEL];
+    prejuliacorrect(context, a, true);
+  }
+  __detachrealm(context, realm);
+  freeworker(context, worker);
+}

@@ -368,3 +368,42 @@ TEST(JuliaStackLookup, TheLevelOfAValueFollowsItsExponent) {
   EXPECT_DOUBLE_EQ(x, std::ldexp(1.0, -10));
   EXPECT_EQ(juliastacklevel(CZEROH, 30, &x, &y), 1);
 }
+
+TEST(JuliaStackLookup, ADeepIterationFinishesThroughTheStack) {
+  FAKECONTEXT f(8);
+  FAKESTACK st(4);
+  std::vector<PREPIXEL> level0(NPREPIXEL, PREPIXEL{1, 0, 0, 1, 0, -1});
+  // z = 0.75 - 0.5i in level 0 (the deepest ready): pixel (176, 96).
+  level0[96 * 256 + 176] = PREPIXEL{30, 5.0f, 0.0f, 2.0f, 0.0f, -1};
+  JULIACACHE* t0 = tileof(level0);
+  st.realm->juliastack[0].c[0][0] = t0;
+  ITERINFO info{};
+  info.lookup = true;
+  info.iter = 100;
+  info.z = hf(CL(0.75L, -0.5L));
+  info.dzm = hf(CL(3.0L, 1.0L));
+  info.dzj = hf(CL(-1.0L, 0.5L));
+  juliastacklookupex(f.context, st.realm, 0, &info);
+  EXPECT_FALSE(info.lookup);
+  EXPECT_EQ(info.iter, 130);
+  EXPECT_NEAR(dHF(crealHF(info.z)), 5.0, 1e-12);
+  // The derivative 2 per level unit of level 0, 2^6 level units per plane
+  // unit at juliasize 256.
+  CL dzm = cl(info.dzm), dzj = cl(info.dzj);
+  EXPECT_NEAR(static_cast<double>(dzm.real()), 3.0 * 128, 1e-9);
+  EXPECT_NEAR(static_cast<double>(dzm.imag()), 1.0 * 128, 1e-9);
+  EXPECT_NEAR(static_cast<double>(dzj.real()), -1.0 * 128, 1e-9);
+  // The distances are those of the new state: (|z| ln|z| / |dz|)^2.
+  double zz = 5.0, expect = std::pow(zz * std::log(zz) / std::abs(std::complex<double>(384, 128)), 2);
+  EXPECT_NEAR(dHF(info.distm), expect, expect * 1e-6);
+  EXPECT_GT(dHF(info.dj), 0.0);
+  // A value beyond level 0 is not looked up.
+  ITERINFO out{};
+  out.lookup = true;
+  out.iter = 7;
+  out.z = hf(CL(2.5L, 0));
+  juliastacklookupex(f.context, st.realm, 0, &out);
+  EXPECT_EQ(out.iter, 7);
+  EXPECT_TRUE(out.lookup);
+  free(t0);
+}
