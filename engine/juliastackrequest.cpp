@@ -7,7 +7,6 @@
 
 namespace {
 
-constexpr unsigned int R_IDLESTACK = 0x200;  // the idle search is defining the stack
 constexpr int REQUEST_AREA = 0;   // pdata
 constexpr int REQUEST_REALM = 1;  // pdata, attached
 
@@ -22,7 +21,13 @@ void anchorlevel(OVCONTEXT* context, REALM* realm, int s) {
   }
   L->bypass = false;
   L->r = ZEROH;
-  if (realm->e) setenvironment(context, realm, s, realm->e);
+  if (realm->e && !setenvironment(context, realm, s, realm->e) && !L->e) {
+    // The environment cannot carry the seed: the level's tiles iterate the
+    // seed itself, and the environment only anchors it.
+    attache(realm->e);
+    L->e = realm->e;
+    L->mr = CZEROH;
+  }
   L->prec = -1;
   if (isgeneral(L, s)) {
     mpf_t scratch;
@@ -43,7 +48,7 @@ void worker_requestjuliastack(OVCONTEXT* context, WORKER* worker) {
   AREA* a = static_cast<AREA*>(worker->pdata[REQUEST_AREA]);
   REALM* realm = static_cast<REALM*>(worker->pdata[REQUEST_REALM]);
   bool go = !atomicload(&worker->stop) && realm && realm->juliastack && realm->info.c &&
-            !(realm->flags & R_IDLESTACK);
+            !(realm->flags & R_IDLE);
   if (go) {
     int top = std::min(realm->neededjuliastack, realm->njuliastack - 1);
     int v = std::clamp(a->depth + 6 - context->juliasizeshift, 0, std::max(top, 0));

@@ -308,3 +308,56 @@ TEST(JuliaStackEngine, ALevelByTheBypassEqualsTheSameLevelByCanvasJobs) {
   // on a few per cent of pixels, as the canvas's own hand-over does.
   EXPECT_GE(same, static_cast<int>(bycanvas.size()) * 95 / 100);
 }
+
+TEST(JuliaStackEngine, AnAreaThatNeedsLevelsAnchorsAndStartsThemAndWaits) {
+  JENGINE j(8, SEED);
+  AREA* a = nullptr;
+  auto request = [&](OVCONTEXT* c) {
+    WORKER* w = addworker(c, THREAD_MAIN, worker_requestjuliastack);
+    w->pdata[0] = a;
+    w->pdata[1] = j.realm;
+    attachrealm(j.realm);
+    dispatch(c, w);
+  };
+  j.onmain([&](OVCONTEXT* c) {
+    attache(j.e);
+    j.realm->e = j.e;
+    j.realm->neededjuliastack = 10;
+    // An area at depth 5 needs level 5 + 6 - 8 = 3.
+    a = j.realm->top;
+    for (int d = 0; d < 5; d++) {
+      subdivide(c, a);
+      a = a->child[2];
+    }
+    ASSERT_EQ(a->depth, 5);
+    // No view asks for the area's channels: released, it is left alone.
+    a->priority = 0;
+    // While the idle search defines the stack, the request is dropped.
+    j.realm->flags |= R_IDLE;
+    request(c);
+  });
+  j.onmain([&](OVCONTEXT*) {
+    EXPECT_EQ(j.realm->juliajuliastack, -1);
+    EXPECT_EQ(j.realm->juliastack[0].m, nullptr);
+    j.realm->flags &= ~R_IDLE;
+  });
+  j.onmain(request);
+  j.onmain([&](OVCONTEXT*) {
+    EXPECT_EQ(j.realm->juliajuliastack, 3);
+    EXPECT_EQ(j.realm->maxjuliastack, 3);
+    for (int s = 0; s <= 3; s++) {
+      EXPECT_EQ(j.realm->juliastack[s].m, j.realm->info.c) << s;
+      EXPECT_NE(j.realm->juliastack[s].e, nullptr) << s;
+    }
+    EXPECT_EQ(j.realm->juliastack[4].m, nullptr);
+    EXPECT_GE(j.realm->calcjuliastack, 3);
+    EXPECT_TRUE((a->flags & A_WAITFORJULIASTACK) || j.ready() >= 3);
+  });
+  j.waitready(3);
+  j.onmain([&](OVCONTEXT*) {
+    // Released by the level's finish.
+    EXPECT_FALSE(a->flags & A_WAITFORJULIASTACK);
+    EXPECT_TRUE(chainempty(&j.realm->juliastack[3].wait));
+  });
+  EXPECT_GE(agreement(j, 3, 3), 0.95);
+}
