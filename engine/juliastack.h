@@ -110,3 +110,9 @@ unsigned int juliastackformat(unsigned int realmflags, int s);
 // pixels had to be iterated; -1 when `stop` was seen.
 int resolvejuliastacklevel(OVCONTEXT* context, const JULIASTACKDATA* jstd, int s, unsigned int format,
                            volatile bool* stop);
+
+// After a move: the levels below the view's `idle_jst` take the best
+// environments of its `echain`, `esat` or `enonsat`, and the levels whose
+// radius holds the view are started; `validjuliastack` becomes the last of
+// them (VPCALLBACK_JSTFINISH when it is ready already).
+void extendjuliastack(OVCONTEXT* context, VIEWPORT* viewport);

@@ -361,3 +361,57 @@ TEST(JuliaStackEngine, AnAreaThatNeedsLevelsAnchorsAndStartsThemAndWaits) {
   });
   EXPECT_GE(agreement(j, 3, 3), 0.95);
 }
+
+namespace {
+
+int gjstfinish = 0;
+void countfinish(OVCONTEXT*, VIEWPORT*, int event, void*) {
+  if (event == VPCALLBACK_JSTFINISH) gjstfinish++;
+}
+
+}  // namespace
+
+TEST(JuliaStackEngine, AfterAMoveTheLevelsWhoseRadiusHoldsTheViewAreStarted) {
+  JENGINE j(8, SEED);
+  VIEWPORT* v = static_cast<VIEWPORT*>(calloc(1, sizeof(VIEWPORT)));
+  gjstfinish = 0;
+  j.onmain([&](OVCONTEXT* c) {
+    initchain(&v->echain);
+    v->juliarealm = j.realm;
+    v->finishcallback = countfinish;
+    v->delta = addhpv(c, 128);
+    // The view 2^-20 from the seed, 2^-12 across.
+    mpf_set_d(v->delta->v[0], SEED.real() + std::ldexp(1.0, -20));
+    mpf_set_d(v->delta->v[1], SEED.imag());
+    v->big = 1.0;
+    v->zoomabs = HFd(std::ldexp(1.0, 12));
+    for (int s = 0; s <= 3; s++) {
+      j.anchor(c, s);
+      j.realm->juliastack[s].r = HFd(s == 3 ? 0.0 : std::ldexp(1.0, -10));
+    }
+    v->idle_jst = 5;
+    extendjuliastack(c, v);
+    EXPECT_EQ(j.realm->maxjuliastack, 4);
+    EXPECT_EQ(j.realm->validjuliastack, 2);  // level 3 has no radius
+    EXPECT_EQ(j.realm->calcjuliastack, 2);
+    EXPECT_EQ(gjstfinish, 0);
+  });
+  j.waitready(2);
+  j.onmain([&](OVCONTEXT* c) {
+    // Ready: the view hears of it when the stack is fitted again.
+    extendjuliastack(c, v);
+    EXPECT_EQ(gjstfinish, 1);
+    // A view larger than the levels' radius takes none of them.
+    v->zoomabs = HFd(std::ldexp(1.0, 8));
+    extendjuliastack(c, v);
+    EXPECT_EQ(j.realm->validjuliastack, -1);
+    // Nor does one outside their disc.
+    v->zoomabs = HFd(std::ldexp(1.0, 12));
+    mpf_set_d(v->delta->v[0], SEED.real() + 0.01);
+    extendjuliastack(c, v);
+    EXPECT_EQ(j.realm->validjuliastack, -1);
+    EXPECT_EQ(j.realm->calcjuliastack, 2);
+    detachhpv(c, v->delta);
+  });
+  free(v);
+}
