@@ -146,11 +146,7 @@ double agreement(JENGINE& j, int s, int step, int* samples = nullptr) {
                                       static_cast<float>(placeof(y, js)), 0, j.ready());
         int plain = directcount(startof(x, y, s, js), j.seed, 100000);
         n++;
-        if (r.depth == -1 && std::abs(r.iter - plain) <= 1)
-          good++;
-        else if (getenv("JSTACKDEBUG") && n - good < 20)
-          fprintf(stderr, "level %d pixel %d,%d: stack %d (depth %d) plain %d\n", s, x, y, r.iter,
-                  r.depth, plain);
+        if (r.depth == -1 && std::abs(r.iter - plain) <= 1) good++;
       }
   });
   if (samples) *samples = n;
