@@ -411,3 +411,43 @@ TEST(JuliaStackEngine, AfterAMoveTheLevelsWhoseRadiusHoldsTheViewAreStarted) {
   });
   free(v);
 }
+
+TEST(JuliaStackEngine, ATileThatFindsTheCacheFullTakesTheRoomOfTheOldestCheapTile) {
+  JENGINE j(8, SEED);
+  HFLOATCOMPLEX t[4] = {cHFd(complexd(SEED.real(), SEED.imag())), CZEROH, CONEH, CZEROH};
+  j.onmain([&](OVCONTEXT* c) {
+    j.anchor(c, 0);
+    for (int s = 1; s <= 4; s++) j.anchor(c, s, true, t, 1);
+    adjustjuliastack(c, j.realm, 4, false);
+  });
+  j.waitready(4);
+  std::vector<PREPIXEL> before;
+  const JCBYPASSCHAIN* oldest = nullptr;
+  j.onmain([&](OVCONTEXT* c) {
+    EXPECT_EQ(j.realm->ijuliacache, 5);
+    oldest = CHAINRECORD(j.realm->bypassjc.prev, JCBYPASSCHAIN, chain);
+    EXPECT_GE(oldest->i, 1);
+    for (int x = 3; x < 256; x += 17)
+      before.push_back(juliastacklookup(c, j.realm, oldest->i, static_cast<float>(placeof(x, 256)),
+                                        static_cast<float>(placeof(x / 2, 256)), 0, 4));
+    // No room for another tile: a canvas level makes room.
+    c->nmemjuliacache = 5;
+    j.anchor(c, 5);
+    adjustjuliastack(c, j.realm, 5, false);
+  });
+  j.waitready(5);
+  j.onmain([&](OVCONTEXT* c) {
+    EXPECT_EQ(j.realm->ijuliacache, 5);
+    EXPECT_EQ(j.realm->juliastack[oldest->i].c[0][0], nullptr);
+    EXPECT_FALSE(oldest->inchain);
+    EXPECT_NE(j.realm->juliastack[5].c[0][0], nullptr);
+    // The level's pixels are made on demand now, and say nearly the same.
+    int k = 0, same = 0;
+    for (int x = 3; x < 256; x += 17, k++) {
+      PREPIXEL r = juliastacklookup(c, j.realm, oldest->i, static_cast<float>(placeof(x, 256)),
+                                    static_cast<float>(placeof(x / 2, 256)), 0, 5);
+      if (std::abs(r.iter - before[k].iter) <= 1 && r.depth == before[k].depth) same++;
+    }
+    EXPECT_GE(same, k - 1);
+  });
+}
