@@ -369,6 +369,7 @@ void worker_canvas_calc_return(OVCONTEXT* context, WORKER* worker) {
 void worker_canvas_calc_fail(OVCONTEXT* context, WORKER* worker) {
   AREA* a = static_cast<AREA*>(worker->pdata[JOB_AREA]);
   if (!atomicload(&worker->stop) && a && a->worker == worker) a->worker = nullptr;
+  if (!a && worker->pdata[JOB_JULIACACHE]) juliastacktilefailed(context, worker);
   freecanvascalcworker(context, worker);
 }
 

@@ -93,6 +93,9 @@ bool isgeneral(const JULIASTACKDATA* jstd, int s);
 // Main thread: a canvas job for a tile of a level is back; the level learns
 // of it (the job is freed by the caller).
 void juliastacktilereturn(OVCONTEXT* context, WORKER* worker);
+// Main thread: a canvas job for a tile of a level could not run; the level
+// cannot finish, and the stack falls back to the level below.
+void juliastacktilefailed(OVCONTEXT* context, WORKER* worker);
 
 // An area of a Julia realm needs the levels down to its depth
 // (`pdata[0]` the area, attached realm in `pdata[1]`).

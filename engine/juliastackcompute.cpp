@@ -236,21 +236,40 @@ void worker_bypass_return(OVCONTEXT* context, WORKER* worker) {
   freeworker(context, worker);
 }
 
-void juliastacktilereturn(OVCONTEXT* context, WORKER* worker) {
-  REALM* realm = static_cast<REALM*>(worker->pdata[JOB_REALM]);
-  if (!realm || !realm->juliastack || atomicload(&worker->stop)) return;
-  // The job does not name its level: the levels in work are searched.
+namespace {
+
+// The level whose tile `worker` makes, or -1; the job does not name its
+// level, so the levels in work are searched.
+int levelofjob(REALM* realm, WORKER* worker, int* x, int* y) {
   int top = std::min(realm->calcjuliastack, realm->njuliastack - 1);
   for (int s = std::max(0, static_cast<int>(realm->readyjuliastack) + 1); s <= top; s++) {
     JULIASTACKDATA* L = &realm->juliastack[s];
     if (L->nworker == 0) continue;
-    for (int y = 0; y < MAXJULIASTACKSIZE; y++)
-      for (int x = 0; x < MAXJULIASTACKSIZE; x++)
-        if (L->w[y][x] == worker) {
-          tiledone(context, realm, s, x, y, false);
-          return;
-        }
+    for (*y = 0; *y < MAXJULIASTACKSIZE; ++*y)
+      for (*x = 0; *x < MAXJULIASTACKSIZE; ++*x)
+        if (L->w[*y][*x] == worker) return s;
   }
+  return -1;
+}
+
+}  // namespace
+
+void juliastacktilereturn(OVCONTEXT* context, WORKER* worker) {
+  REALM* realm = static_cast<REALM*>(worker->pdata[JOB_REALM]);
+  if (!realm || !realm->juliastack || atomicload(&worker->stop)) return;
+  int x = 0, y = 0;
+  int s = levelofjob(realm, worker, &x, &y);
+  if (s >= 0) tiledone(context, realm, s, x, y, false);
+}
+
+void juliastacktilefailed(OVCONTEXT* context, WORKER* worker) {
+  REALM* realm = static_cast<REALM*>(worker->pdata[JOB_REALM]);
+  if (!realm || !realm->juliastack || atomicload(&worker->stop)) return;
+  int x = 0, y = 0;
+  int s = levelofjob(realm, worker, &x, &y);
+  if (s < 0) return;
+  realm->juliastack[s].w[y][x] = nullptr;
+  adjustjuliastack(context, realm, s - 1, true);
 }
 
 void muckoutjuliastack(OVCONTEXT* context, REALM* realm) {

@@ -5,6 +5,7 @@
 #include "test_juliastack.h"
 
 #include <cstring>
+#include <string>
 #include <vector>
 
 using namespace jstacktest;
@@ -449,5 +450,34 @@ TEST(JuliaStackEngine, ATileThatFindsTheCacheFullTakesTheRoomOfTheOldestCheapTil
       if (std::abs(r.iter - before[k].iter) <= 1 && r.depth == before[k].depth) same++;
     }
     EXPECT_GE(same, k - 1);
+  });
+}
+
+TEST(JuliaStackEngine, ALevelWhoseTileCannotBeComputedFallsBackToTheLevelBelow) {
+  JENGINE j(8, SEED);
+  j.onmain([&](OVCONTEXT* c) {
+    j.anchor(c, 0);
+    adjustjuliastack(c, j.realm, 0, false);
+  });
+  j.waitready(0);
+  testing::internal::CaptureStderr();
+  j.onmain([&](OVCONTEXT* c) {
+    // A number format no canvas has: the tile's job cannot run.
+    j.realm->flags = (j.realm->flags & ~R_PRECMASK) | 0x80;
+    j.anchor(c, 1);
+    j.anchor(c, 2);
+    adjustjuliastack(c, j.realm, 2, false);
+    EXPECT_EQ(j.realm->calcjuliastack, 2);
+  });
+  j.waitonmain([&] { return j.realm->calcjuliastack == 0; });
+  std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("MSG_CANVAS_CALC: Not supported."), std::string::npos);
+  j.onmain([&](OVCONTEXT*) {
+    EXPECT_EQ(j.realm->validjuliastack, 0);
+    EXPECT_EQ(j.realm->maxjuliastack, 0);
+    EXPECT_EQ(j.ready(), 0);
+    EXPECT_EQ(j.realm->juliastack[1].c[0][0], nullptr);
+    EXPECT_EQ(j.realm->juliastack[2].c[0][0], nullptr);
+    EXPECT_EQ(j.realm->juliastack[1].m, nullptr);
   });
 }

@@ -97,6 +97,15 @@ struct JENGINE {
     (void)ctx;
   }
   int ready() { return atomicload(&realm->readyjuliastack); }
+  // Waits until `cond`, read on the main thread, holds.
+  void waitonmain(const std::function<bool()>& cond) {
+    for (;;) {
+      bool done = false;
+      onmain([&](OVCONTEXT*) { done = cond(); });
+      if (done) return;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
   void waitready(int s) {
     waitfor([&] { return ready() >= s; });
     waitidle();
