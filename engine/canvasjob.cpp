@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "Mandelbrot.h"
+#include "juliastack.h"
 #include "canvas/model.h"
 #include "canvas/render.h"
 
@@ -368,6 +369,7 @@ void worker_canvas_calc_return(OVCONTEXT* context, WORKER* worker) {
 void worker_canvas_calc_fail(OVCONTEXT* context, WORKER* worker) {
   AREA* a = static_cast<AREA*>(worker->pdata[JOB_AREA]);
   if (!atomicload(&worker->stop) && a && a->worker == worker) a->worker = nullptr;
+  if (!a && worker->pdata[JOB_JULIACACHE]) juliastacktilefailed(context, worker);
   freecanvascalcworker(context, worker);
 }
 
@@ -452,6 +454,7 @@ void worker_canvas_calc_inner_return(OVCONTEXT* context, WORKER* worker) {
     // tiles in work belongs to the stack.
     unlockmemjuliacache(context, jc, JCUNLOCK_DIRTY);
     worker->idata[JOB_JULIACACHELOCKED] = 0;
+    juliastacktilereturn(context, worker);
     freecanvascalcworker(context, worker);
     return;
   }

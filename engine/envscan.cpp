@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "idle.h"
+#include "juliastack.h"
 #include "satellite.h"
 #include "refiter.h"
 
@@ -290,8 +291,7 @@ void movingfinish(OVCONTEXT* context, VIEWPORT* viewport) {
     }
     if ((v->flags & VP_MUSTDOLOOP) && !(v->flags & VP_IDLE)) {
       v->flags &= ~VP_MUSTDOLOOP;
-      if (jr && juliahooks.adjustjuliastack)
-        juliahooks.adjustjuliastack(context, jr, v->idle_jst0 - 1, true);
+      if (jr) adjustjuliastack(context, jr, v->idle_jst0 - 1, true);
     }
     // Without any environment the view's areas have nothing to compute
     // against: it waits for the idle run rather than complete empty.

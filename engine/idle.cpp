@@ -3,6 +3,8 @@
 // handed on by `idlestep` (idlestep.cpp) and taken over here when the run is
 // over.
 #include "idle.h"
+#include "juliastack.h"
+#include "bypass.h"
 #include "satellite.h"
 
 #include <algorithm>
@@ -277,8 +279,7 @@ void standardinfo(OVCONTEXT* context, VIEWPORT* v) {
   int level = jr ? std::min(jr->validjuliastack, static_cast<int>(jr->readyjuliastack)) : -1;
   calciterenvironmentex(context, depth, v->enonsat, -1, v->idle_maxiter, &v->info, jr, level,
                         4.0 * v->resolution, 0, nullptr, 0, v->maxcalcdepth + depth + 5);
-  if (jr && v->info.lookup && juliastacklookupexhook)
-    juliastacklookupexhook(context, jr, level, &v->info);
+  if (jr && v->info.lookup) juliastacklookupex(context, jr, level, &v->info);
 }
 
 }  // namespace

@@ -52,11 +52,9 @@ void movingfinish(OVCONTEXT* context, VIEWPORT* viewport);
 // it goes on in `investigateenvironment`.
 void worker_calciterenvironmentex(OVCONTEXT* context, WORKER* worker);
 
-// The Julia stack's operations the idle search calls, while the stack's own
-// code may not be linked in: null means the stack has nothing to do.
-extern void (*extendjuliastackhook)(OVCONTEXT* context, VIEWPORT* viewport);
+// The Julia stack's level for a periodic environment, which is not built yet:
+// null means the stack keeps the levels it has.
 extern void (*environmentjuliastackhook)(OVCONTEXT* context, VIEWPORT* viewport, ENVIRONMENT* e);
-extern void (*juliastacklookupexhook)(OVCONTEXT* context, REALM* realm, int level, ITERINFO* info);
 
 // Internal to the idle files.
 void idlestartjulia(OVCONTEXT* context, VIEWPORT* viewport);

@@ -7,10 +7,9 @@
 
 #include "canvas/series.h"
 #include "idle.h"
+#include "juliastack.h"
 
-void (*extendjuliastackhook)(OVCONTEXT* context, VIEWPORT* viewport) = nullptr;
 void (*environmentjuliastackhook)(OVCONTEXT* context, VIEWPORT* viewport, ENVIRONMENT* e) = nullptr;
-void (*juliastacklookupexhook)(OVCONTEXT* context, REALM* realm, int level, ITERINFO* info) = nullptr;
 
 namespace {
 
@@ -56,7 +55,7 @@ int levelsholding(VIEWPORT* v, REALM* jr) {
 }
 
 void adjust(OVCONTEXT* context, REALM* jr, int level, bool erase) {
-  if (juliahooks.adjustjuliastack) juliahooks.adjustjuliastack(context, jr, level, erase);
+  adjustjuliastack(context, jr, level, erase);
 }
 
 }  // namespace
@@ -72,7 +71,7 @@ void idlejulia(OVCONTEXT* context, VIEWPORT* viewport) {
     bound = true;
   }
   if (v->flags & VP_ADJUSTJULIASTACKAFTERMOVING) {
-    if (extendjuliastackhook) extendjuliastackhook(context, v);
+    extendjuliastack(context, v);
     v->flags &= ~VP_ADJUSTJULIASTACKAFTERMOVING;
   }
   // While the idle run goes on, its own counts of levels stand.

@@ -199,14 +199,10 @@ void prepixel2pixel(OVCONTEXT* context, const PREPIXEL* pixels, float** texture,
                     bool julia, double cx, double cy, double limx, double limy, double r,
                     ITER miter);
 
-// What the stack offers the correction, installed by the stack when it
-// exists: one pixel of a bypass level computed on demand, and the finishing
-// of a level whose tiles the program has corrected. Until then a bypass
-// level without a tile counts as absent and a corrected level is left as it
-// is.
-typedef PREPIXEL (*BYPASSPHOOK)(OVCONTEXT* context, REALM* realm, int level, float x, float y);
+// The finishing of a level whose tiles the program has corrected: the
+// stack's `juliastack`, through a pointer that a test may replace to watch
+// the program's word.
 typedef void (*JULIASTACKHOOK)(OVCONTEXT* context, REALM* realm, int s);
-extern BYPASSPHOOK bypassphook;
 extern JULIASTACKHOOK juliastackhook;
 
 // ---------------------------------------------------------------- jobs of the Julia path

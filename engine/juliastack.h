@@ -43,3 +43,79 @@ void __initjuliatop(OVCONTEXT* context, AREA* a, int xinner, int yinner);
 // for children 1, 2 and 3, h being half the tiles along a level's side.
 // Nothing happens for an area outside the grid or above level 0.
 void placejuliachildren(OVCONTEXT* context, AREA* a);
+
+// ---------------------------------------------------------------- levels at work
+//
+// juliastackcompute.cpp, juliastackfinish.cpp, juliastackresolve.cpp. All on
+// the main thread unless said otherwise; a level's states: unset (no `m`),
+// anchored, computing (`nworker`), waiting (`jswait`), finishing (`worker`),
+// ready (s <= `readyjuliastack`).
+
+// The mark of a pixel whose end is another pixel of its own level. A pixel
+// of a level's tile that came nearer 0 than the level itself carries the
+// mark plus 1 + how many levels deeper it is: such marks are negative and
+// out of the correction's way, and the finishing worker iterates those
+// pixels from their own, finer place.
+constexpr int JULIASAMELEVEL = static_cast<int>(0x80000000u);
+// Marks the pixels of a tile of level s that end in the level or deeper.
+void markjuliasamelevel(PREPIXEL* pixels, int s);
+
+// Drops level s: its workers stopped, its tiles and mipmap given back, the
+// areas that waited for it computed afresh.
+void resetjuliastack(OVCONTEXT* context, REALM* realm, int s);
+// Resets every level above `readyjuliastack`; the marks come down to it.
+void stopjuliastackcomputation(OVCONTEXT* context, REALM* realm);
+// `validjuliastack` becomes vjst and levels up to it are started; with
+// `erase` all levels above vjst are dropped first.
+void adjustjuliastack(OVCONTEXT* context, REALM* realm, int vjst, bool erase);
+// Starts every tile of level s not yet made; false when the level has no
+// anchor or a tile cannot be had.
+bool computejuliastack(OVCONTEXT* context, REALM* realm, int s);
+// All tiles of level s are in: they are corrected against the levels below,
+// or the level waits for the level below to be ready.
+void prejuliastack(OVCONTEXT* context, REALM* realm, int s);
+// Posts the finishing worker of level s; one runs at a time.
+void juliastack(OVCONTEXT* context, REALM* realm, int s);
+// Runs the finishing worker at the head of the queue: for `worker_juliastack`
+// the level is copied and its tiles locked first.
+void dispatch_juliastack_worker(OVCONTEXT* context);
+// Worker thread: resolves the pixels of a level that end inside the level.
+void worker_juliastack(OVCONTEXT* context, WORKER* worker);
+// Main thread: the level is ready.
+void worker_juliastack_return(OVCONTEXT* context, WORKER* worker);
+// The mipmap of level s: one tile of every 2^(juliasizeshift - 8)th pixel.
+// False when a tile cannot be locked.
+bool juliamipmap(OVCONTEXT* context, REALM* realm, int s);
+// Frees the oldest cheap tile of the realm (on `bypassjc`).
+void muckoutjuliastack(OVCONTEXT* context, REALM* realm);
+// Is level s anchored to a periodic environment that reaches it?
+bool isgeneral(const JULIASTACKDATA* jstd, int s);
+// Main thread: a canvas job for a tile of a level is back; the level learns
+// of it (the job is freed by the caller).
+void juliastacktilereturn(OVCONTEXT* context, WORKER* worker);
+// Main thread: a canvas job for a tile of a level could not run; the level
+// cannot finish, and the stack falls back to the level below.
+void juliastacktilefailed(OVCONTEXT* context, WORKER* worker);
+
+// An area of a Julia realm needs the levels down to its depth
+// (`pdata[0]` the area, attached realm in `pdata[1]`).
+void worker_requestjuliastack(OVCONTEXT* context, WORKER* worker);
+// The area waits for level `jst` of `realm`; it is processed when it is ready.
+void waitforjuliastack(OVCONTEXT* context, REALM* realm, AREA* a, int jst);
+
+// The number format that resolves what remains of level s: the realm's
+// forced format (R_PRECMASK), else double to level 124, long double below
+// 1600, HFLOAT beyond. A format's MODE (16, 32, 48, 64).
+unsigned int juliastackformat(unsigned int realmflags, int s);
+// Any thread: resolves level s held in `jstd` (tiles in memory) with the
+// scratch `jsref`, `jsnext` of the context: same-level pixels take the end of
+// their target, and what remains is iterated in `format`. Returns how many
+// pixels had to be iterated; -1 when `stop` was seen.
+int resolvejuliastacklevel(OVCONTEXT* context, const JULIASTACKDATA* jstd, int s, unsigned int format,
+                           volatile bool* stop);
+
+// After a move: the levels below the view's `idle_jst` take the best
+// environments of its `echain`, `esat` or `enonsat`, and the levels whose
+// radius holds the view are started; `validjuliastack` becomes the last of
+// them (VPCALLBACK_JSTFINISH when it is ready already).
+void extendjuliastack(OVCONTEXT* context, VIEWPORT* viewport);

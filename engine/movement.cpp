@@ -13,6 +13,7 @@
 
 #include "Mandelbrot.h"
 #include "satellite.h"
+#include "juliastack.h"
 
 namespace {
 
@@ -186,7 +187,7 @@ void redrawrealms(OVCONTEXT* context, VIEWPORT* v, int flags) {
   newcycle(jr);
   v->flags |= VP_MUSTWAITFORIDLE | VP_MUSTDOLOOP;
   jr->flags |= R_MUSTWAITFORIDLE;
-  if (juliahooks.adjustjuliastack) juliahooks.adjustjuliastack(context, jr, -1, true);
+  adjustjuliastack(context, jr, -1, true);
   jr->maxjuliastack = -1;
 }
 
@@ -327,8 +328,7 @@ void worker_move(OVCONTEXT* context, WORKER* worker) {
 }
 
 void finishalljuliacorrect(OVCONTEXT* context) {
-  if (!juliahooks.finishjuliacorrect) return;
-  while (context->ijuliacachepp != 0) juliahooks.finishjuliacorrect(context);
+  while (context->ijuliacachepp != 0) finishjuliacorrect(context);
 }
 
 void finishmoving(OVCONTEXT* context, VIEWPORT* viewport) {

@@ -12,11 +12,9 @@
 // Everything else belongs to the main thread; `drawactive`, the draw lists'
 // hand-over words and `count` are read by others.
 //
-// The idle search, the environments' scan after a move, satellites, the Julia
-// stack and its correction, and colour schemes are other subsystems. Where a
-// view's flow calls into them it goes through the hook tables below; a null
-// hook means that subsystem has nothing to do, and a move then ends at once
-// in `invalidate`, which is all a realm without environments needs.
+// Colour schemes are counted through the hook table below, so that an engine
+// without them (the tests) can run views; an observer hook lets tests see
+// each environments' scan.
 #pragma once
 
 #include <gmp.h>
@@ -277,14 +275,6 @@ struct IDLEHOOKS {
   void (*movingstart)(OVCONTEXT* context, VIEWPORT* viewport);
 };
 extern IDLEHOOKS idlehooks;
-
-// The Julia stack and its correction program.
-struct JULIAHOOKS {
-  void (*finishjuliacorrect)(OVCONTEXT* context);
-  void (*stopjuliastackcomputation)(OVCONTEXT* context, REALM* realm);
-  void (*adjustjuliastack)(OVCONTEXT* context, REALM* realm, int vjst, bool erase);
-};
-extern JULIAHOOKS juliahooks;
 
 // Colour schemes' reference counts and channels. Without them a scheme is
 // not counted and a viewport keeps its channels.

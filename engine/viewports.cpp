@@ -11,9 +11,9 @@
 
 #include "Mandelbrot.h"
 #include "idle.h"
+#include "juliastack.h"
 
 IDLEHOOKS idlehooks = {};
-JULIAHOOKS juliahooks = {};
 SCHEMEHOOKS schemehooks = {};
 
 namespace {
@@ -365,9 +365,8 @@ void __deactivateviewport(OVCONTEXT* context, VIEWPORT* v, bool remove) {
   }
   if (v->flags & VP_COUNTEDINJULIAREALM) {
     v->flags &= ~VP_COUNTEDINJULIAREALM;
-    if (v->juliarealm && --v->juliarealm->activeviewports == 0 &&
-        juliahooks.stopjuliastackcomputation)
-      juliahooks.stopjuliastackcomputation(context, v->juliarealm);
+    if (v->juliarealm && --v->juliarealm->activeviewports == 0)
+      stopjuliastackcomputation(context, v->juliarealm);
   }
   if (atomicload(&v->drawactive)) {
     memorybarrier();

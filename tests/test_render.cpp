@@ -528,11 +528,11 @@ TYPED_TEST(Render, PrepixelRescaling) {
   typename T::CANVAS* canvas = fresh<T>(job);
   for (int i = 0; i < NCVERTEX; i++) canvas->v[i].depth = 8;
   const cd dv(0.25, -0.5);
-  const cd zs[] = {cd(0.75 * std::ldexp(1.0, -20), -0.3 * std::ldexp(1.0, -22)),  // depth 22 > 20
-                   cd(3.0, 0.5),                                                    // depth 0
+  const cd zs[] = {cd(0.75 * std::ldexp(1.0, -20), -0.3 * std::ldexp(1.0, -22)),  // depth 21 > 20
+                   cd(1.5, 0.25),                                                   // depth 0
                    cd(5.0, 0.0),                                                    // depth -2: none
-                   cd(std::ldexp(1.0, -8), std::ldexp(-1.5, -9)),                   // depth 9
-                   cd(0.0, -0.375)};                                                // depth 3
+                   cd(std::ldexp(1.0, -8), std::ldexp(-1.5, -9)),                   // depth 8
+                   cd(0.0, -0.375)};                                                // depth 2
   const int nz = 5;
   for (int k = 0; k < nz; k++) setvertex<T>(canvas, 10 + k, 10, CV_ABSOLUTE, 50 + k, zs[k], dv);
   setvertex<T>(canvas, 20, 10, CV_INFTY, 5, cd(0.3, 0.4), cd(2, 0));
@@ -557,9 +557,9 @@ TYPED_TEST(Render, PrepixelRescaling) {
     }
     ASSERT_GE(p.depth, 0);
     EXPECT_LE(p.depth, limit);
-    // z = (x, y) 2^(1 - depth), whatever was cut.
-    EXPECT_TRUE(near(std::ldexp(static_cast<double>(p.x), 1 - p.depth), zs[k].real(), 1e-6));
-    EXPECT_TRUE(near(std::ldexp(static_cast<double>(p.y), 1 - p.depth), zs[k].imag(), 1e-6));
+    // z = (x, y) 2^-depth, whatever was cut.
+    EXPECT_TRUE(near(std::ldexp(static_cast<double>(p.x), -p.depth), zs[k].real(), 1e-6));
+    EXPECT_TRUE(near(std::ldexp(static_cast<double>(p.y), -p.depth), zs[k].imag(), 1e-6));
     double big = std::max(std::fabs(p.x), std::fabs(p.y));
     if (p.depth < limit) {
       EXPECT_GE(big, 1.0);
@@ -573,8 +573,8 @@ TYPED_TEST(Render, PrepixelRescaling) {
   }
   EXPECT_EQ(px[10 * 256 + 10].depth, 20);
   EXPECT_EQ(px[10 * 256 + 11].depth, 0);
-  EXPECT_EQ(px[10 * 256 + 13].depth, 9);
-  EXPECT_EQ(px[10 * 256 + 14].depth, 3);
+  EXPECT_EQ(px[10 * 256 + 13].depth, 8);
+  EXPECT_EQ(px[10 * 256 + 14].depth, 2);
   EXPECT_EQ(job.w.idata[JOB_PREPIXELDEPTH], 20);
 
   const PREPIXEL& in = px[10 * 256 + 20];
@@ -607,8 +607,8 @@ TYPED_TEST(Render, PrepixelRescaling) {
   // Without a realm the whole stack bounds the level.
   job.w.pdata[JOB_REALM] = nullptr;
   canvasrender::rendercanvasprepixel<T>(gcontext, canvas, px.data(), 256, false);
-  EXPECT_EQ(px[10 * 256 + 10].depth, 22);
-  EXPECT_EQ(job.w.idata[JOB_PREPIXELDEPTH], 22);
+  EXPECT_EQ(px[10 * 256 + 10].depth, 21);
+  EXPECT_EQ(job.w.idata[JOB_PREPIXELDEPTH], 21);
   free(realm);
 }
 

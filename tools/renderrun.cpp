@@ -171,9 +171,6 @@ bool makerealm(const RENDERARGS& args, RUN* run, mp_bitcnt_t bits, std::string* 
     REALM* r = run->realm;
     if (args.hasflags) r->flags = args.flags;
     if (!args.julia) return;
-    // Bypass and Julia correction read the Julia stack; an engine without
-    // it would leave every pixel of the Julia view unknown.
-    if (!args.hasflags && !juliahooks.adjustjuliastack) r->flags &= ~(R_BYPASS | R_JULIACORRECT);
     r->info.c = addhpv(cc, bits);
     if (!r->info.c) return;
     setexact(r->info.c->v[0], args.juliare);

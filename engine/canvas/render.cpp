@@ -395,8 +395,9 @@ double ldexpclamped(double m, long e) {
   return std::ldexp(m, static_cast<int>(std::clamp(e, -4000L, 4000L)));
 }
 
-// A pixel that goes on in the Julia stack: z as mantissas with 2^(1-depth)
-// taken out, depth cut to the deepest level, d in grid steps rescaled alike.
+// A pixel that goes on in the Julia stack: z in the units of its level,
+// z 2^depth, the level being the one whose square (half-width 2^(1-depth))
+// holds z in its outer ring, depth cut to the deepest level, d in grid steps rescaled alike.
 template <typename T>
 PREPIXEL stackpixel(const RENDER<T>& R, ITER c, typename T::COMPLEX z, typename T::COMPLEX dF,
                     int limit) {
@@ -412,7 +413,7 @@ PREPIXEL stackpixel(const RENDER<T>& R, ITER c, typename T::COMPLEX z, typename 
     long e = hx && hy ? std::max(ex, ey) : (hx ? ex : ey);
     if (hx) x = ldexpclamped(mx, ex - e);
     if (hy) y = ldexpclamped(my, ey - e);
-    depth = 1 - e;
+    depth = -e;
     if (depth > limit) {
       x = ldexpclamped(x, limit - depth);
       y = ldexpclamped(y, limit - depth);

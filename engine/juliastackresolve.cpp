@@ -1,0 +1,215 @@
+// juliastackresolve.cpp: the pixels of a level whose end lies in the level
+// itself. Each such pixel names a target pixel of the same picture; lists of
+// referrers per target are linked once, every finished pixel hands its end
+// down its list, and what never meets a finished pixel (a cycle inside the
+// level: interior points) is iterated out in the level's number format.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include "canvas/model.h"
+#include "juliastack.h"
+
+namespace {
+
+using canvasmodel::NUM;
+
+struct LEVELPIXELS {
+  const JULIASTACKDATA* jstd;
+  int js;
+  int shift;  // log2 of js
+
+  PREPIXEL* at(int k) const {
+    int X = k & (js - 1), Y = k >> shift;
+    JULIACACHE* jc = jstd->c[Y >> PREPIXELTILESIZESHIFT][X >> PREPIXELTILESIZESHIFT];
+    if (!jc || !jc->data) return nullptr;
+    return &jc->data[(Y & (PREPIXELTILESIZE - 1)) * PREPIXELTILESIZE + (X & (PREPIXELTILESIZE - 1))];
+  }
+};
+
+int place(int js, float v) {
+  double t = std::floor(static_cast<double>(js) * v * 0.25 + js / 2);
+  return static_cast<int>(std::clamp(t, 0.0, static_cast<double>(js - 1)));
+}
+
+// How many levels below s a pixel goes on: 0 for this very level, -1 when
+// it goes to a shallower one or is finished.
+int below(const PREPIXEL* p, int s) {
+  if (p->depth >= JULIASAMELEVEL && p->depth <= JULIASAMELEVEL + NJULIASTACK)
+    return p->depth == JULIASAMELEVEL ? 0 : p->depth - JULIASAMELEVEL - 1;
+  return p->depth >= s ? p->depth - s : -1;
+}
+
+// A pixel that goes on in its own level, or in a deeper one, which lies
+// inside it: its place in this level's units, or false.
+bool samelevel(const PREPIXEL* p, int s, float* x, float* y) {
+  int k = below(p, s);
+  if (k < 0) return false;
+  *x = std::ldexp(p->x, -k);
+  *y = std::ldexp(p->y, -k);
+  return true;
+}
+
+// The referrer takes the end of its target: counts add with the target's
+// sign, derivatives multiply.
+void takeend(PREPIXEL* p, const PREPIXEL& q) {
+  p->iter = (q.iter < 0 ? -p->iter : p->iter) + q.iter;
+  float dx = p->dx * q.dx - p->dy * q.dy;
+  float dy = p->dx * q.dy + p->dy * q.dx;
+  p->x = q.x;
+  p->y = q.y;
+  p->dx = dx;
+  p->dy = dy;
+  p->depth = -1;
+}
+
+// Only a pixel that names this very level takes the end of a pixel of it:
+// one that came nearer 0 is far finer than this level's pixels, and goes on
+// by iteration from its own place.
+bool linked(const PREPIXEL* p, int s) { return below(p, s) == 0; }
+
+// Phase 1: jsref[t] heads the list of pixels that end on t, through jsnext.
+void link(OVCONTEXT* context, const LEVELPIXELS& L, int s) {
+  int n = L.js * L.js;
+  std::fill_n(context->jsref, n, -1);
+  for (int k = 0; k < n; k++) {
+    const PREPIXEL* p = L.at(k);
+    float x, y;
+    if (!p || !linked(p, s) || !samelevel(p, s, &x, &y)) continue;
+    if (!std::isfinite(x) || !std::isfinite(y)) {
+      fputs("rec2: FATAL ERROR!\n", stderr);
+      continue;
+    }
+    int t = place(L.js, y) * L.js + place(L.js, x);
+    context->jsnext[k] = context->jsref[t];
+    context->jsref[t] = k;
+  }
+}
+
+// Phase 2 from one finished pixel: its referrers, and theirs, all finish.
+// The pixels still to hand on are stacked through their own jsnext, which
+// they no longer need once their sibling has been read.
+void rec2(OVCONTEXT* context, const LEVELPIXELS& L, int q) {
+  int top = -1;
+  int r = q;
+  for (;;) {
+    const PREPIXEL* end = L.at(r);
+    for (int p = context->jsref[r]; p != -1;) {
+      int next = context->jsnext[p];
+      PREPIXEL* referrer = L.at(p);
+      // A pixel iterated out already closes its cycle: it keeps its end.
+      if (referrer->depth != -1) {
+        takeend(referrer, *end);
+        context->jsnext[p] = top;
+        top = p;
+      }
+      p = next;
+    }
+    context->jsref[r] = -1;
+    if (top == -1) return;
+    r = top;
+    top = context->jsnext[r];
+  }
+}
+
+}  // namespace
+
+void markjuliasamelevel(PREPIXEL* pixels, int s) {
+  for (int k = 0; k < NPREPIXEL; k++) {
+    PREPIXEL* p = &pixels[k];
+    if (p->depth < s) continue;
+    int deeper = std::min(p->depth - s, NJULIASTACK - 1);
+    p->depth = deeper == 0 ? JULIASAMELEVEL : JULIASAMELEVEL + 1 + deeper;
+  }
+}
+
+namespace {
+
+// The orbit of a start point of the level under z^2 + m, to escape or into
+// the seed's attractor, at most `limit` steps. The result is finished.
+template <typename FLOAT>
+void extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd, ITER limit) {
+  typedef NUM<FLOAT> N;
+  typedef typename N::COMPLEX COMPLEX;
+  float px = p->x, py = p->y;
+  samelevel(p, s, &px, &py);
+  COMPLEX z = N::cfromHF(cldexpHF(cHF(HFd(px), HFd(py)), -s));
+  // The derivative by the start pixel: level units per level unit, times
+  // the level's pixel in the plane.
+  COMPLEX d = N::cfromHF(cldexpHF(cHF(HFd(p->dx), HFd(p->dy)), 2 - s - jss));
+  COMPLEX m = N::cfromHF(cHF(mpf_get_HF(jstd->m->v[0]), mpf_get_HF(jstd->m->v[1])));
+  COMPLEX lim = N::cfromHF(jstd->lim);
+  FLOAT r2 = N::fromHF(mulHF(jstd->rlim, jstd->rlim));
+  bool trap = jstd->rlim.mantissa != 0;
+  // Counted as the canvas counts: the steps before the one that leaves
+  // the radius 2.
+  FLOAT four = N::fromd(4.0);
+  ITER k = 0;
+  ITER sign = 1;
+  for (; k < limit; k++) {
+    if (trap && N::less(N::abss(N::csub(z, lim)), r2)) {
+      sign = -1;
+      break;
+    }
+    COMPLEX z1 = N::cadd(N::csqr(z), m);
+    if (N::less(four, N::abss(z1))) break;
+    d = N::cmul(N::ctwice(z), d);
+    z = z1;
+  }
+  HFLOATCOMPLEX zh = N::ctoHF(z), dh = N::ctoHF(d);
+  ITER own = p->iter < 0 ? -p->iter : p->iter;
+  p->iter = k >= limit ? 0 : sign * (own + k);
+  p->x = static_cast<float>(dHF(crealHF(zh)));
+  p->y = static_cast<float>(dHF(cimagHF(zh)));
+  p->dx = static_cast<float>(dHF(crealHF(dh)));
+  p->dy = static_cast<float>(dHF(cimagHF(dh)));
+  p->depth = -1;
+}
+
+constexpr ITER EXTREMEJULIALIMIT = 100000000;
+
+void iterate(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd, unsigned int format) {
+  switch (format) {
+    case 16: extremejulia<float>(p, s, jss, jstd, EXTREMEJULIALIMIT); break;
+    case 32: extremejulia<double>(p, s, jss, jstd, EXTREMEJULIALIMIT); break;
+    case 48: extremejulia<long double>(p, s, jss, jstd, EXTREMEJULIALIMIT); break;
+    default: extremejulia<HFLOAT>(p, s, jss, jstd, EXTREMEJULIALIMIT); break;
+  }
+}
+
+}  // namespace
+
+unsigned int juliastackformat(unsigned int realmflags, int s) {
+  unsigned int forced = realmflags & R_PRECMASK;
+  if (forced) return forced;
+  if (s <= 124) return R_PRECDOUBLE;
+  if (s < 1600) return R_PRECLONGDOUBLE;
+  return R_PRECHFLOAT;
+}
+
+int resolvejuliastacklevel(OVCONTEXT* context, const JULIASTACKDATA* jstd, int s, unsigned int format,
+                           volatile bool* stop) {
+  LEVELPIXELS L{jstd, context->juliasize, context->juliasizeshift};
+  int n = L.js * L.js;
+  link(context, L, s);
+  if (stop && atomicload(stop)) return -1;
+  for (int q = 0; q < n; q++) {
+    if (context->jsref[q] == -1) continue;
+    const PREPIXEL* p = L.at(q);
+    if (p && p->depth == -1) rec2(context, L, q);
+  }
+  if (stop && atomicload(stop)) return -1;
+  int iterated = 0;
+  for (int k = 0; k < n; k++) {
+    if ((k & (NPREPIXEL - 1)) == 0 && stop && atomicload(stop)) return -1;
+    PREPIXEL* p = L.at(k);
+    float x, y;
+    if (!p || !samelevel(p, s, &x, &y)) continue;
+    if (!jstd->m) continue;
+    iterate(p, s, context->juliasizeshift, jstd, format);
+    iterated++;
+    // Whatever ends on it is finished with it.
+    if (context->jsref[k] != -1) rec2(context, L, k);
+  }
+  return iterated;
+}
