@@ -200,8 +200,12 @@ void checkspot(const JULIASPOT& spot, unsigned int flags, bool mustcount, uint32
   EXPECT_GE(x.equal, 0.99 * x.counted);
   EXPECT_GE(y.equal, 0.99 * y.counted);
   // A count may sit one off where a level line crosses a pixel and the
-  // formats round differently; farther off it is wrong.
-  EXPECT_LE(x.faroff, x.counted / 500) << x.first;
+  // formats round differently; farther off it is wrong. Without
+  // interpolation no pixel of these tiles is. A vertex filled from a cubic
+  // carries the cubic's own small error, and beside a dust, where an orbit
+  // lingers near the set for hundreds of steps, that moves a few counts by
+  // much: the same share the tiles may differ by.
+  EXPECT_LE(x.faroff, x.counted / 200) << x.first;
   EXPECT_LE(y.faroff, y.counted / 500) << y.first;
 }
 
