@@ -205,7 +205,9 @@ void fillhalves(typename T::CANVAS* canvas, int i, int L, const typename T::COMP
 // Gives the five new vertices of a split cell that no fill reached their own
 // start state. `interpolv` of a vertex no cell has carried yet is empty, and
 // its zero is a start only where every orbit begins at 0: a Julia orbit
-// begins at the vertex's own point, which its `v` holds from the start.
+// begins at the vertex's own point, which its `v` holds until a kernel first
+// runs on the vertex. Begun from zero, such a vertex followed the orbit of
+// the critical point instead, and counted its escape.
 template <typename T>
 void startfromown(typename T::CANVAS* canvas, int i, int L) {
   int h = 1 << (canvas->canvassizeshift - L - 1);
@@ -213,7 +215,9 @@ void startfromown(typename T::CANVAS* canvas, int i, int L) {
   for (const auto& p : at) {
     typename T::CVERTEX* vx = &canvas->v[i + p[1] * h * R + p[0] * h];
     typename T::CVALUE* iv = &vx->interpolv;
-    if (vx->maxiter == TESTEDLIMIT || (vx->flags & (VX_FORCE_FINAL | VX_CALCULATEDMASK))) continue;
+    if (vx->maxiter == TESTEDLIMIT ||
+        (vx->flags & (VX_FORCE_FINAL | VX_CALCULATEDMASK | VX_ITERATED)))
+      continue;
     if (iv->iter != 0 || iv->flags != 0 || vx->v.flags != 0) continue;
     canvasmodel::freevalue<T>(canvas, iv);
     iv->iter = vx->v.iter;
