@@ -202,6 +202,34 @@ void fillhalves(typename T::CANVAS* canvas, int i, int L, const typename T::COMP
   }
 }
 
+// Gives the five new vertices of a split cell that no fill reached their own
+// start state. `interpolv` of a vertex no cell has carried yet is empty, and
+// its zero is a start only where every orbit begins at 0: a Julia orbit
+// begins at the vertex's own point, which its `v` holds until a kernel first
+// runs on the vertex. Begun from zero, such a vertex followed the orbit of
+// the critical point instead, and counted its escape.
+template <typename T>
+void startfromown(typename T::CANVAS* canvas, int i, int L) {
+  int h = 1 << (canvas->canvassizeshift - L - 1);
+  const int at[5][2] = {{1, 0}, {0, 1}, {1, 1}, {2, 1}, {1, 2}};
+  for (const auto& p : at) {
+    typename T::CVERTEX* vx = &canvas->v[i + p[1] * h * R + p[0] * h];
+    typename T::CVALUE* iv = &vx->interpolv;
+    if (vx->maxiter == TESTEDLIMIT ||
+        (vx->flags & (VX_FORCE_FINAL | VX_CALCULATEDMASK | VX_ITERATED)))
+      continue;
+    if (iv->iter != 0 || iv->flags != 0 || vx->v.flags != 0) continue;
+    canvasmodel::freevalue<T>(canvas, iv);
+    iv->iter = vx->v.iter;
+    iv->ref = -1;
+    iv->data = 0;
+    iv->value = vx->v.value;
+    iv->d = vx->v.d;
+    iv->Z = vx->v.Z;
+    iv->flags = 0;
+  }
+}
+
 // The old states of a cell that still make a good cubic: at the last stop,
 // else at the stop before. False when neither does.
 template <typename T>
@@ -421,6 +449,7 @@ void interpolarea(OVCONTEXT* context, typename T::CANVAS* canvas, int i, typenam
   // The driver's tree may be finer already: the finite pass split it.
   if (canvas->v[i].depth <= L) canvasdriver::subdividecanvas<T>(canvas, i);
   if (fill) fillhalves<T>(canvas, i, L, d, iter, hpv, ref, absolute);
+  else startfromown<T>(canvas, i, L);
   int h = interpolwidth / 2;
   const int quarters[4] = {i, i + h, i + h * R + h, i + h * R};
   for (int q : quarters) {
