@@ -171,6 +171,10 @@ bool makerealm(const RENDERARGS& args, RUN* run, mp_bitcnt_t bits, std::string* 
     REALM* r = run->realm;
     if (args.hasflags) r->flags = args.flags;
     if (!args.julia) return;
+    // The bypass and the Julia correction read levels of the Julia stack,
+    // which are defined from a general view's environments; a Julia realm
+    // rendered on its own has none, and would leave its pixels unknown.
+    if (!args.hasflags) r->flags &= ~(R_BYPASS | R_JULIACORRECT);
     r->info.c = addhpv(cc, bits);
     if (!r->info.c) return;
     setexact(r->info.c->v[0], args.juliare);
