@@ -19,6 +19,7 @@ void textureuploadcallback(OVCONTEXT*, int i, void* data, void* pdata) {
   glActiveTexture(GL_TEXTURE0);
   glBindTexture(GL_TEXTURE_2D, cb->texture[i]);
   glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, TEXTURESIZE, TEXTURESIZE, GL_RED, GL_FLOAT, data);
+  if (cb->generation) cb->generation[i]++;
 }
 
 void stringscallback(OVCONTEXT*, void*) { stringschanged = true; }

@@ -96,6 +96,7 @@ void opengl() {
 void maketiles() {
   int n = settings.ngltexture;
   info.texture = static_cast<GLuint*>(calloc(n > 0 ? n : 1, sizeof(GLuint)));
+  info.generation = static_cast<uint32_t*>(calloc(n > 0 ? n : 1, sizeof(uint32_t)));
   glGenTextures(n, info.texture);
   for (int i = 0; i < n; i++) {
     glBindTexture(GL_TEXTURE_2D, info.texture[i]);
@@ -128,6 +129,7 @@ void loadschemes() {
 }
 
 void shutdown() {
+  freepictures();
   glfwDestroyWindow(window);
   window = nullptr;
   // No GL context from here on: schemes are freed without GL calls.
@@ -143,6 +145,7 @@ void shutdown() {
   freesettings(&settings);
   free(tileblock);
   free(info.texture);
+  free(info.generation);
   free(context);
   glfwTerminate();
   removetmpdirectory(tmpdirectory, paths.tmpdir);
@@ -173,6 +176,7 @@ int main(int argc, char** argv) {
   startengine();
   loadschemes();
   setupfixedprograms();
+  initpictures();
   generalrealm = addrealm(context, GENERAL);
   reset();
   displaylist[0] = glGenLists(1);
