@@ -766,3 +766,30 @@ TEST_F(Draw, AKeptPictureRedrawsATileThatWasUploadedAgain) {
   glDeleteProgram(probe);
   freepictures();
 }
+
+TEST_F(Draw, ATilesFirstUploadMakesItsStorage) {
+  GLuint name = 0;
+  glGenTextures(1, &name);
+  uint32_t generation[1] = {0};
+  CALLBACKINFO cb{&name, generation};
+  std::vector<float> texels(TEXTURESIZE * TEXTURESIZE, 0.25f);
+  textureuploadcallback(nullptr, 0, texels.data(), &cb);
+  GLint w = 0, h = 0, format = 0;
+  glBindTexture(GL_TEXTURE_2D, name);
+  glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &w);
+  glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_HEIGHT, &h);
+  glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_INTERNAL_FORMAT, &format);
+  EXPECT_EQ(w, TEXTURESIZE);
+  EXPECT_EQ(h, TEXTURESIZE);
+  EXPECT_EQ(format, GL_R32F);
+  // The next upload goes into the same storage.
+  texels.assign(texels.size(), 0.75f);
+  textureuploadcallback(nullptr, 0, texels.data(), &cb);
+  EXPECT_EQ(generation[0], 2u);
+  std::vector<float> back(TEXTURESIZE * TEXTURESIZE);
+  glBindTexture(GL_TEXTURE_2D, name);
+  glGetTexImage(GL_TEXTURE_2D, 0, GL_RED, GL_FLOAT, back.data());
+  EXPECT_EQ(back[0], 0.75f);
+  EXPECT_EQ(glGetError(), static_cast<GLenum>(GL_NO_ERROR));
+  glDeleteTextures(1, &name);
+}
