@@ -17,7 +17,9 @@
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -74,6 +76,22 @@ struct XSERVER {
     ssize_t n = read(fd[0], buf, sizeof buf - 1);
     close(fd[0]);
     if (n > 0) display = ":" + std::to_string(atoi(buf));
+    if (!display.empty() && !listening(atoi(buf))) display.clear();
+  }
+  // Whether the server takes connections on its socket, waiting up to 5 s:
+  // the display number can come before the socket does.
+  static bool listening(int number) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof addr.sun_path, "/tmp/.X11-unix/X%i", number);
+    for (int i = 0; i < 250; i++) {
+      int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+      bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+      close(fd);
+      if (ok) return true;
+      usleep(20000);
+    }
+    return false;
   }
   ~XSERVER() {
     if (pid <= 0) return;
@@ -116,7 +134,8 @@ double percentile(std::vector<double> v, double q) {
 
 // Runs the explorer until it closes itself (or `timeout` s); the turns it
 // logged and the time it was started.
-bool runexplorer(const XSERVER& x, const TMPDIR& dir, double timeout, int64_t* started) {
+// The explorer's exit: "exit N", "signal N" or "timeout".
+std::string runexplorer(const XSERVER& x, const TMPDIR& dir, double timeout, int64_t* started) {
   std::string log = dir.path + "/frames.log";
   *started = monotonicns();
   pid_t pid = fork();
@@ -135,11 +154,13 @@ bool runexplorer(const XSERVER& x, const TMPDIR& dir, double timeout, int64_t* s
   int64_t deadline = *started + static_cast<int64_t>(timeout * 1e9);
   for (;;) {
     int status = 0;
-    if (waitpid(pid, &status, WNOHANG) == pid) return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    if (waitpid(pid, &status, WNOHANG) == pid)
+      return WIFEXITED(status) ? "exit " + std::to_string(WEXITSTATUS(status))
+                               : "signal " + std::to_string(WTERMSIG(status));
     if (monotonicns() > deadline) {
       kill(pid, SIGKILL);
       waitpid(pid, nullptr, 0);
-      return false;
+      return "timeout";
     }
     usleep(20000);
   }
@@ -155,10 +176,16 @@ void BM_ExplorerStartView(benchmark::State& state) {
     }
     TMPDIR dir;
     int64_t started = 0;
-    bool ok = runexplorer(x, dir, 300, &started);
+    std::string end = runexplorer(x, dir, 300, &started);
     std::vector<TURN> turns = readlog(dir.path + "/frames.log");
-    if (!ok || turns.empty()) {
-      state.SkipWithError("the explorer did not finish the start view and close");
+    if (end != "exit 0" || turns.empty()) {
+      std::ifstream out(dir.path + "/out.txt");
+      std::string line, last;
+      while (std::getline(out, line))
+        if (!line.empty()) last = line;
+      std::string why = "the explorer ended with " + end + " after " + std::to_string(turns.size()) +
+                        " turns; its last line: " + last;
+      state.SkipWithError(why.c_str());
       return;
     }
     size_t any = 0, viewdone = 0;
