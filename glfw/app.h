@@ -43,6 +43,7 @@ extern volatile bool stringschanged;
 extern bool smooth;
 extern bool hardframe;
 extern bool framehadtiles;  // the last frame drawn showed a list's tiles
+extern uint64_t tileuploads;  // uploads so far, of any tile
 extern bool changeuniform;
 extern bool highres;
 

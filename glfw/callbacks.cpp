@@ -24,6 +24,7 @@ void textureuploadcallback(OVCONTEXT*, int i, void* data, void* pdata) {
   else
     glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, TEXTURESIZE, TEXTURESIZE, GL_RED, GL_FLOAT, data);
   if (cb->generation) cb->generation[i]++;
+  tileuploads++;
 }
 
 void stringscallback(OVCONTEXT*, void*) { stringschanged = true; }

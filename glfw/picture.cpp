@@ -53,6 +53,7 @@ struct PICTURE {
   bool haskey = false;  // something was drawn under `key`
   KEY key{};
   int list = -1;
+  uint64_t uploads = 0;  // `tileuploads` when the cells were last wanted
   PICTURECELLS cells;
   std::vector<PIXELBOX> rects;  // where each rectangle of the list lies, in pixels
 };
@@ -270,7 +271,11 @@ bool drawpicture(VIEWPORT* v, int vid, int list, complexd delta, complexd zoom, 
   bool compiled = compiledisplaylist(v, list, texture);
   KEY key{delta, zoom, deltaabs, zoomabs, cs};
   bool moved = p->haskey && !(key == p->key);
-  if (compiled || moved || !p->haskey || list != p->list) wantlist(p, v, list, texture);
+  // New pixels in a tile of the same list change what its cells want too.
+  if (compiled || moved || !p->haskey || list != p->list || p->uploads != tileuploads) {
+    wantlist(p, v, list, texture);
+    p->uploads = tileuploads;
+  }
   // A view in motion, or under a new palette, is drawn whole: a picture
   // mixed of two places or two palettes would show seams.
   if (moved || (whole && p->haskey)) {

@@ -18,6 +18,7 @@ volatile bool stringschanged = false;
 bool smooth = true;
 bool hardframe = false;
 bool framehadtiles = false;
+uint64_t tileuploads = 0;
 bool changeuniform = true;
 bool highres = false;
 

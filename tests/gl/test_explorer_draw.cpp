@@ -767,6 +767,29 @@ TEST_F(Draw, AKeptPictureRedrawsATileThatWasUploadedAgain) {
   freepictures();
 }
 
+TEST_F(Draw, AKeptPictureRedrawsATileUploadedAgainUnderTheSameList) {
+  width = height = SIZE;
+  initpictures();
+  ASSERT_TRUE(picturesavailable());
+  GLuint probe = probeprogram();
+  VIEWS views;
+  uint32_t generation[1] = {0};
+  info.generation = generation;
+  oldlist[0] = -1;
+  ASSERT_TRUE(pictureframe(&views, 1));
+  EXPECT_NEAR(reds()[32 * SIZE + 56], 191, 2);
+  std::vector<float> texels(TEXTURESIZE * TEXTURESIZE, 0.5f);
+  CALLBACKINFO cb{views.names, generation};
+  textureuploadcallback(nullptr, 0, texels.data(), &cb);
+  glUseProgram(probe);
+  ASSERT_TRUE(pictureframe(&views, 1));
+  EXPECT_NEAR(reds()[32 * SIZE + 56], 128, 2);
+  info.generation = nullptr;
+  glUseProgram(0);
+  glDeleteProgram(probe);
+  freepictures();
+}
+
 TEST_F(Draw, ATilesFirstUploadMakesItsStorage) {
   GLuint name = 0;
   glGenTextures(1, &name);
