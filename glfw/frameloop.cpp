@@ -1,7 +1,8 @@
 // The frame loop: one turn per displayed frame, on the first thread. It
-// draws the views, feeds the GL queue within the upload budget on frames
-// that didn't rebuild a display list, swaps, advances the virtual clock and
-// polls events.
+// draws the views, feeds the GL queue within the upload budget (on every
+// frame while the views keep their pictures, else on frames that didn't
+// rebuild a display list), swaps, advances the virtual clock and polls
+// events.
 #include <time.h>
 
 #include <cstdint>
@@ -118,7 +119,8 @@ void testclose(TESTCLOSE* t, bool drawn) {
 // naming a file, every turn of the loop appends one line there: the
 // monotonic clock in ns at the turn's end, the turn's work in ns (its sleep
 // excluded), whether it drew, whether it built a new list, whether the
-// frame showed tiles, whether the view had finished and whether the window's picture still waits for work.
+// frame showed tiles, whether the view had finished and whether the
+// window's picture still waits for work.
 struct FRAMELOG {
   FILE* f = nullptr;
 };

@@ -1,7 +1,9 @@
 // One on-screen frame of a view: the newest draw list, shown under the
 // transform from the list's coordinates to the present, through the colour
 // scheme's program. The rectangles of a list are compiled once into a GL
-// display list; a frame without a new list costs one glCallList.
+// display list; a frame without a new list costs one glCallList. Where the
+// views keep their pictures (picture.cpp) a frame at rest costs the cells a
+// new list changed and a copy of the picture instead.
 #include <algorithm>
 #include <cmath>
 #include <vector>
@@ -56,12 +58,12 @@ std::vector<std::complex<double>>& overlaypoints() {
   return points;
 }
 
+}  // namespace
+
 // The unit of the tile of `channel`, the i-th of its rectangle: the sampler
 // the scheme's program reads it from, 2 plus the scheme's channels below it,
 // as the uniforms assign them; a channel the scheme doesn't read is not bound
 // (-1). Without a scheme the rectangle's packing decides.
-}  // namespace
-
 int tileunit(const COLORSCHEME* scheme, int channel, int i) {
   if (!scheme) return 2 + i;
   if (!(scheme->channels & (1 << channel))) return -1;
