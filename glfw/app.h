@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <complex>
+#include <cstdint>
 
 #include "Mandelbrot.h"
 #include "MandelbrotColorscheme.h"
@@ -20,6 +21,9 @@
 // name of every tile, by tile index.
 struct CALLBACKINFO {
   GLuint* texture;
+  // How often each tile was uploaded: a tile's name alone doesn't tell
+  // whether the pixels it holds are those a picture was drawn from.
+  uint32_t* generation;
 };
 
 extern PATHS paths;
@@ -38,6 +42,8 @@ extern bool guion;
 extern volatile bool stringschanged;
 extern bool smooth;
 extern bool hardframe;
+extern bool framehadtiles;  // the last frame drawn showed a list's tiles
+extern uint64_t tileuploads;  // uploads so far, of any tile
 extern bool changeuniform;
 extern bool highres;
 
@@ -95,6 +101,37 @@ void endpoints();
 bool drawviewport(OVCONTEXT* context, VIEWPORT* vp, int vid, double time, int x, int y, int w, int h,
                   GLuint* texture, bool force);
 void renderdisplaylist(OVCONTEXT* context, VIEWPORT* viewport, int list, GLuint* texture);
+// The unit of the tile of `channel`, the i-th of its rectangle, under the
+// list's scheme; -1 for a channel the scheme doesn't read.
+int tileunit(const COLORSCHEME* scheme, int channel, int i);
+// One rectangle of a list: its quad with texture coordinates and its
+// correction; the tiles are bound.
+void drawrectangle(const DRAWRECT& dr);
+// The view's GL display list made from `list` unless it already is; whether
+// it was made now (a hard frame).
+bool compiledisplaylist(VIEWPORT* viewport, int list, GLuint* texture);
+
+// ---------------------------------------------------------------- picture.cpp
+// Each view's kept picture (picture.cpp): set up once GL runs; without frame
+// buffers views are drawn whole every frame.
+void initpictures();
+bool picturesavailable();
+void freepictures();
+// View `vid`'s list brought into its kept picture, the cells it changed, as
+// far as this frame's budget goes (all at once when the view moved or
+// `whole`), and the picture copied into the window rectangle. The list's
+// projection, program and uniforms are loaded. False when there is no kept
+// picture: the caller draws.
+bool drawpicture(VIEWPORT* v, int vid, int list, complexd delta, complexd zoom, complexd deltaabs,
+                 complexd zoomabs, const COLORSCHEME* cs, bool whole, int x, int y, int w, int h,
+                 GLuint* texture);
+// Whether view `vid`'s picture waits for cells put off to later frames.
+bool picturepending(int vid);
+// The same for any view.
+bool pictureunfinished();
+// After the frame: the seconds it worked, from which the next frame's
+// shading budget follows.
+void picturebudget(double seconds);
 
 // ---------------------------------------------------------------- overlay.cpp
 struct ORTHO;

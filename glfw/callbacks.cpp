@@ -18,7 +18,13 @@ void textureuploadcallback(OVCONTEXT*, int i, void* data, void* pdata) {
   // aux image on unit 1.
   glActiveTexture(GL_TEXTURE0);
   glBindTexture(GL_TEXTURE_2D, cb->texture[i]);
-  glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, TEXTURESIZE, TEXTURESIZE, GL_RED, GL_FLOAT, data);
+  // A tile's first upload makes its storage (see maketiles).
+  if (cb->generation && cb->generation[i] == 0)
+    glTexImage2D(GL_TEXTURE_2D, 0, GL_R32F, TEXTURESIZE, TEXTURESIZE, 0, GL_RED, GL_FLOAT, data);
+  else
+    glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, TEXTURESIZE, TEXTURESIZE, GL_RED, GL_FLOAT, data);
+  if (cb->generation) cb->generation[i]++;
+  tileuploads++;
 }
 
 void stringscallback(OVCONTEXT*, void*) { stringschanged = true; }

@@ -1,7 +1,11 @@
 // The frame loop: one turn per displayed frame, on the first thread. It
-// draws the views, feeds the GL queue within the upload budget on frames
-// that didn't rebuild a display list, swaps, advances the virtual clock and
-// polls events.
+// draws the views, feeds the GL queue within the upload budget (on every
+// frame while the views keep their pictures, else on frames that didn't
+// rebuild a display list), swaps, advances the virtual clock and polls
+// events.
+#include <time.h>
+
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -82,7 +86,7 @@ bool testclosedue(TESTCLOSE* t) {
   if (!t->onfinish && t->frames < 0) return false;
   t->turns++;
   if (t->onfinish) {
-    if (t->afterfinish < 0 && viewfinished.load()) t->afterfinish = 0;
+    if (t->afterfinish < 0 && viewfinished.load() && !pictureunfinished()) t->afterfinish = 0;
     // Some turns after the finish: the last list compiled and shown, and
     // frames with nothing new passed.
     t->due = t->afterfinish >= 0 && ++t->afterfinish >= 10;
@@ -111,6 +115,43 @@ void testclose(TESTCLOSE* t, bool drawn) {
   t->due = false;
 }
 
+// A knob for measurements, harmless otherwise: with ORVANTA_TEST_FRAME_LOG
+// naming a file, every turn of the loop appends one line there: the
+// monotonic clock in ns at the turn's end, the turn's work in ns (its sleep
+// excluded), whether it drew, whether it built a new list, whether the
+// frame showed tiles, whether the view had finished and whether the
+// window's picture still waits for work.
+struct FRAMELOG {
+  FILE* f = nullptr;
+};
+
+int64_t monotonicns() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+FRAMELOG framelogfromenv() {
+  FRAMELOG l;
+  const char* path = getenv("ORVANTA_TEST_FRAME_LOG");
+  if (!path || !*path) return l;
+  l.f = fopen(path, "w");
+  if (!l.f) perror(path);
+  return l;
+}
+
+void logframe(FRAMELOG* l, int64_t start, bool drawn, bool newlist) {
+  if (!l->f) return;
+  int64_t now = monotonicns();
+  fprintf(l->f, "%lld %lld %i %i %i %i %i\n", static_cast<long long>(now), static_cast<long long>(now - start),
+          drawn ? 1 : 0, newlist ? 1 : 0, framehadtiles ? 1 : 0, viewfinished.load() ? 1 : 0, pictureunfinished() ? 1 : 0);
+}
+
+void closeframelog(FRAMELOG* l) {
+  if (l->f) fclose(l->f);
+  l->f = nullptr;
+}
+
 // Without a swap that waits for the display (none, or a virtual one) the
 // loop keeps to the frame rate by itself.
 void pace(double framestart) {
@@ -125,8 +166,10 @@ void frameloop() {
   int lastwidth = -1, lastheight = -1;
   double nexttick = glfwGetTime();
   TESTCLOSE test = testclosefromenv();
+  FRAMELOG log = framelogfromenv();
   for (;;) {
     double framestart = glfwGetTime();
+    int64_t turnstart = monotonicns();
     // Without a file renderer there is no job to ask about.
     if (glfwWindowShouldClose(window)) break;
     glfwGetFramebufferSize(window, &width, &height);
@@ -143,13 +186,19 @@ void frameloop() {
     bool force = redrawall || last;
     redrawall = false;
     bool drawn = vp && drawviewport(context, vp, 0, _curtime, 0, 0, width, height, info.texture, force);
-    if (smooth && !hardframe) serveglqueue(context, UPLOADPERFRAME);
+    bool newlist = drawn && hardframe;
+    // With kept pictures a new list costs no more than the frame's shading
+    // budget, so the uploads go on in its frame too.
+    if (smooth && (!hardframe || picturesavailable())) serveglqueue(context, UPLOADPERFRAME);
     testclose(&test, drawn);
     // A frame with nothing new isn't swapped: the window keeps the last.
     if (drawn) glfwSwapBuffers(window);
+    logframe(&log, turnstart, drawn, newlist);
+    picturebudget(static_cast<double>(monotonicns() - turnstart) * 1e-9);
     advanceclock();
     navigationticks(&nexttick);
     glfwPollEvents();
     pace(framestart);
   }
+  closeframelog(&log);
 }

@@ -5,7 +5,7 @@ PATHS paths;
 SETTINGS settings;
 GLFWwindow* window = nullptr;
 int width = 0, height = 0;
-CALLBACKINFO info{nullptr};
+CALLBACKINFO info{nullptr, nullptr};
 OVCONTEXT* context = nullptr;
 int UPLOADPERFRAME = 1;
 
@@ -17,6 +17,8 @@ bool guion = true;
 volatile bool stringschanged = false;
 bool smooth = true;
 bool hardframe = false;
+bool framehadtiles = false;
+uint64_t tileuploads = 0;
 bool changeuniform = true;
 bool highres = false;
 

@@ -1,7 +1,9 @@
 // One on-screen frame of a view: the newest draw list, shown under the
 // transform from the list's coordinates to the present, through the colour
 // scheme's program. The rectangles of a list are compiled once into a GL
-// display list; a frame without a new list costs one glCallList.
+// display list; a frame without a new list costs one glCallList. Where the
+// views keep their pictures (picture.cpp) a frame at rest costs the cells a
+// new list changed and a copy of the picture instead.
 #include <algorithm>
 #include <cmath>
 #include <vector>
@@ -56,6 +58,8 @@ std::vector<std::complex<double>>& overlaypoints() {
   return points;
 }
 
+}  // namespace
+
 // The unit of the tile of `channel`, the i-th of its rectangle: the sampler
 // the scheme's program reads it from, 2 plus the scheme's channels below it,
 // as the uniforms assign them; a channel the scheme doesn't read is not bound
@@ -69,15 +73,26 @@ int tileunit(const COLORSCHEME* scheme, int channel, int i) {
   return unit;
 }
 
-}  // namespace
+void drawrectangle(const DRAWRECT& dr) {
+  glBegin(GL_TRIANGLE_STRIP);
+  // The rectangle's correction reaches the shader as the colour's alpha,
+  // scaled into the colour's range.
+  glColor4d(0, 0, 0, dr.correction * std::ldexp(1.0, -32));
+  double e = dr.epsilon;
+  glTexCoord2d(dr.x0 * e, dr.y0 * e);
+  glVertex2f(dr.c[0][0], dr.c[0][1]);
+  glTexCoord2d(dr.x1 * e, dr.y0 * e);
+  glVertex2f(dr.c[1][0], dr.c[1][1]);
+  glTexCoord2d(dr.x0 * e, dr.y1 * e);
+  glVertex2f(dr.c[3][0], dr.c[3][1]);
+  glTexCoord2d(dr.x1 * e, dr.y1 * e);
+  glVertex2f(dr.c[2][0], dr.c[2][1]);
+  glEnd();
+}
 
-void renderdisplaylist(OVCONTEXT*, VIEWPORT* viewport, int list, GLuint* texture) {
+bool compiledisplaylist(VIEWPORT* viewport, int list, GLuint* texture) {
   int v = viewport->nav_viewportid;
-  if (oldlist[v] == list) {
-    glCallList(displaylist[v]);
-    hardframe = false;
-    return;
-  }
+  if (oldlist[v] == list) return false;
   const COLORSCHEME* scheme = viewport->schemes[list];
   glNewList(displaylist[v], GL_COMPILE);
   unsigned int n = viewport->idrawrect[list];
@@ -93,27 +108,18 @@ void renderdisplaylist(OVCONTEXT*, VIEWPORT* viewport, int list, GLuint* texture
       glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
       glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
     }
-    glBegin(GL_TRIANGLE_STRIP);
-    // The rectangle's correction reaches the shader as the colour's alpha,
-    // scaled into the colour's range.
-    glColor4d(0, 0, 0, dr.correction * std::ldexp(1.0, -32));
-    double e = dr.epsilon;
-    glTexCoord2d(dr.x0 * e, dr.y0 * e);
-    glVertex2f(dr.c[0][0], dr.c[0][1]);
-    glTexCoord2d(dr.x1 * e, dr.y0 * e);
-    glVertex2f(dr.c[1][0], dr.c[1][1]);
-    glTexCoord2d(dr.x0 * e, dr.y1 * e);
-    glVertex2f(dr.c[3][0], dr.c[3][1]);
-    glTexCoord2d(dr.x1 * e, dr.y1 * e);
-    glVertex2f(dr.c[2][0], dr.c[2][1]);
-    glEnd();
+    drawrectangle(dr);
   }
   glEndList();
-  // Drawn at once as well: a frame that only compiled would be swapped to
-  // the screen cleared, a black flash at every new list.
-  glCallList(displaylist[v]);
-  hardframe = true;
   oldlist[v] = list;
+  return true;
+}
+
+void renderdisplaylist(OVCONTEXT*, VIEWPORT* viewport, int list, GLuint* texture) {
+  // A new list is drawn at once as well: a frame that only compiled would
+  // be swapped to the screen cleared, a black flash at every new list.
+  hardframe = compiledisplaylist(viewport, list, texture);
+  glCallList(displaylist[viewport->nav_viewportid]);
 }
 
 namespace {
@@ -147,13 +153,15 @@ bool drawviewport(OVCONTEXT* context, VIEWPORT* v, int vid, double time, int x, 
                            nullptr, 0, nullptr, nullptr);
   SHOWN now{true, list, cs, x, y, w, h, delta, zoom, deltaabs, zoomabs};
   SHOWN& last = shown[vid & 1];
-  bool changing = changeuniform || overlayshown(v) || (cs && cs->timedependent);
+  bool changing = changeuniform || overlayshown(v) || (cs && cs->timedependent) || picturepending(vid);
   if (!force && !changing && sameframe(now, last)) {
     if (list >= 0) unlocklist(context, v);
     hardframe = false;
     return false;
   }
   last = now;
+  framehadtiles = false;
+  hardframe = false;
 
   glScissor(x, height - y - h, w, h);
   glViewport(x, height - y - h, w, h);
@@ -167,8 +175,16 @@ bool drawviewport(OVCONTEXT* context, VIEWPORT* v, int vid, double time, int x, 
     ORTHO box = aspectbox(w, h, iz, &d);
     loadtransform(box, zoom, delta);
     glUseProgram(cs->shader->prog);
+    bool palette = changeuniform;
+    int before = oldlist[v->nav_viewportid];
     senduniforms(cs, v, w, h, d, deltaabs, zoom);
-    renderdisplaylist(context, v, list, texture);
+    if (drawpicture(v, vid, list, delta, zoom, deltaabs, zoomabs, cs, palette || cs->timedependent, x, y, w, h,
+                    texture)) {
+      hardframe = oldlist[v->nav_viewportid] != before;
+    } else {
+      renderdisplaylist(context, v, list, texture);
+    }
+    framehadtiles = true;
     if (overlayshown(v)) drawoverlay(points.data(), npoints, box, zoom2, delta2, time);
   }
   // A list taken is given back even when nothing could be drawn from it.

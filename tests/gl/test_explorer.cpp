@@ -442,3 +442,50 @@ TEST(Explorer, ANewWindowSizeIsApplied) {
   ASSERT_EQ(rr.code, 0) << rr.err;
   EXPECT_LT(meandifference(im, readpng(rendered)), 0.02);
 }
+
+// The measuring knob: a line per turn of the frame loop. While a view's kept
+// picture waits for cells, every turn draws; the close on finish waits for
+// the picture to be complete.
+TEST(Explorer, TheFrameLogHasEveryTurnAndThePictureCompletesBeforeTheClose) {
+  TMPDIR dir, cfg;
+  writesettings(cfg.path, R"({"totalmemory": 512})");
+  std::string log = dir.path + "/frames.log";
+  RESULT r = run({}, {{"XDG_CONFIG_HOME", cfg.path}, {CLOSEONFINISH, "finish"}, {"ORVANTA_TEST_FRAME_LOG", log}}, {},
+                 240, dir.path);
+  ASSERT_FALSE(r.timedout) << r.err;
+  ASSERT_EQ(r.code, 0) << r.err;
+  long turns = 0, drawn = 0;
+  size_t at = r.err.find("orvanta test close: ");
+  ASSERT_NE(at, std::string::npos) << r.err;
+  ASSERT_EQ(sscanf(r.err.c_str() + at, "orvanta test close: %ld frames (%ld drawn)", &turns, &drawn), 2);
+
+  struct TURN {
+    long long t, work;
+    int drawn, newlist, tiles, finished, waiting;
+  };
+  std::vector<TURN> lines;
+  std::istringstream in(readfile(log));
+  TURN t{};
+  while (in >> t.t >> t.work >> t.drawn >> t.newlist >> t.tiles >> t.finished >> t.waiting) lines.push_back(t);
+  ASSERT_EQ(static_cast<long>(lines.size()), turns);
+  long drawnlines = 0, lists = 0;
+  bool tiles = false;
+  for (size_t i = 0; i < lines.size(); i++) {
+    drawnlines += lines[i].drawn;
+    lists += lines[i].newlist;
+    tiles = tiles || (lines[i].drawn && lines[i].tiles);
+    EXPECT_GE(lines[i].work, 0);
+    if (i > 0) {
+      EXPECT_GE(lines[i].t, lines[i - 1].t);
+    }
+    // A turn that left cells waiting is followed by one that draws.
+    if (lines[i].waiting && i + 1 < lines.size()) {
+      EXPECT_TRUE(lines[i + 1].drawn) << "turn " << i + 1;
+    }
+  }
+  EXPECT_EQ(drawnlines, drawn);
+  EXPECT_GT(lists, 0);
+  EXPECT_TRUE(tiles);
+  EXPECT_TRUE(lines.back().finished);
+  EXPECT_FALSE(lines.back().waiting);
+}

@@ -541,3 +541,278 @@ TEST_F(Draw, ANewTraceFadesInAlongItsPoints) {
   EXPECT_EQ(pixel(48, 32), (std::vector<int>{255, 255, 255})) << "all at the end";
   glUseProgram(0);
 }
+
+// ---------------------------------------------------------------- kept pictures
+
+#include "picturecells.h"
+
+namespace {
+
+// The corners of the pixel box x0..x1, y0..y1.
+void boxcorners(double x0, double y0, double x1, double y1, double c[4][2]) {
+  const double v[4][2] = {{x0, y0}, {x1, y0}, {x1, y1}, {x0, y1}};
+  for (int i = 0; i < 4; i++) {
+    c[i][0] = v[i][0];
+    c[i][1] = v[i][1];
+  }
+}
+
+// 4 x 2 cells of 64 pixels, the last column and row cut short.
+PICTURECELLS cellsof(const std::vector<std::vector<double>>& boxes, PICTURECELLS* cells = nullptr) {
+  PICTURECELLS fresh;
+  if (!cells) {
+    fresh.resize(200, 100);
+    cells = &fresh;
+  }
+  cells->beginlist();
+  uint64_t hash = 1;
+  for (const std::vector<double>& b : boxes) {
+    double c[4][2];
+    boxcorners(b[0], b[1], b[2], b[3], c);
+    cells->addrect(c, b.size() > 4 ? static_cast<uint64_t>(b[4]) : hash++);
+  }
+  return *cells;
+}
+
+int area(const std::vector<CELLRUN>& runs) {
+  int a = 0;
+  for (const CELLRUN& r : runs) a += (r.box.x1 - r.box.x0) * (r.box.y1 - r.box.y0);
+  return a;
+}
+
+}  // namespace
+
+TEST(PictureCells, AFreshPictureIsDirtyEverywhereAndOneTakeDrawsItAll) {
+  PICTURECELLS cells = cellsof({});
+  EXPECT_EQ(cells.columns(), 4);
+  EXPECT_EQ(cells.rows(), 2);
+  EXPECT_EQ(cells.dirtycells(), 8);
+  std::vector<CELLRUN> runs = cells.takeall();
+  // One run per row, each the whole width: the picture's every pixel once.
+  ASSERT_EQ(runs.size(), 2u);
+  EXPECT_EQ(area(runs), 200 * 100);
+  EXPECT_EQ(runs[0].box.y0, 64);  // rows from the top
+  EXPECT_EQ(runs[0].box.y1, 100);
+  EXPECT_EQ(runs[0].box.x1, 200);
+  EXPECT_EQ(cells.dirtycells(), 0);
+}
+
+TEST(PictureCells, TheSameListAgainLeavesEveryCellStanding) {
+  PICTURECELLS cells;
+  cells.resize(200, 100);
+  cellsof({{0, 0, 200, 100, 7}, {10, 10, 50, 50, 8}}, &cells);
+  cells.takeall();
+  cellsof({{0, 0, 200, 100, 7}, {10, 10, 50, 50, 8}}, &cells);
+  EXPECT_EQ(cells.dirtycells(), 0);
+  EXPECT_TRUE(cells.take(1 << 20).empty());
+}
+
+TEST(PictureCells, ANewRectangleDirtiesOnlyTheCellsUnderIt) {
+  PICTURECELLS cells;
+  cells.resize(200, 100);
+  cellsof({{0, 0, 200, 100, 7}}, &cells);
+  cells.takeall();
+  // Inside the first cell, its margin included.
+  cellsof({{0, 0, 200, 100, 7}, {10, 10, 50, 50, 8}}, &cells);
+  EXPECT_EQ(cells.dirtycells(), 1);
+  std::vector<CELLRUN> runs = cells.takeall();
+  ASSERT_EQ(runs.size(), 1u);
+  EXPECT_EQ(runs[0].box.x0, 0);
+  EXPECT_EQ(runs[0].box.y0, 0);
+  EXPECT_EQ(runs[0].box.x1, 64);
+  EXPECT_EQ(runs[0].box.y1, 64);
+  // Across the border of the second and third column of the top row.
+  cellsof({{0, 0, 200, 100, 7}, {10, 10, 50, 50, 8}, {100, 70, 140, 90, 9}}, &cells);
+  EXPECT_EQ(cells.dirtycells(), 2);
+}
+
+TEST(PictureCells, ARectangleThatGoesAwayOrChangesItsTilesDirtiesItsCells) {
+  PICTURECELLS cells;
+  cells.resize(200, 100);
+  cellsof({{0, 0, 200, 100, 7}, {10, 10, 50, 50, 8}}, &cells);
+  cells.takeall();
+  cellsof({{0, 0, 200, 100, 7}}, &cells);
+  EXPECT_EQ(cells.dirtycells(), 1);
+  cells.takeall();
+  // The same place with other pixels (another hash): dirty everywhere.
+  cellsof({{0, 0, 200, 100, 11}}, &cells);
+  EXPECT_EQ(cells.dirtycells(), 8);
+}
+
+TEST(PictureCells, TheOrderOfTheRectanglesCounts) {
+  PICTURECELLS cells;
+  cells.resize(200, 100);
+  cellsof({{0, 0, 60, 60, 1}, {0, 0, 60, 60, 2}}, &cells);
+  cells.takeall();
+  cellsof({{0, 0, 60, 60, 2}, {0, 0, 60, 60, 1}}, &cells);
+  EXPECT_EQ(cells.dirtycells(), 1);
+}
+
+TEST(PictureCells, ABudgetSpreadsTheCellsOverFrames) {
+  PICTURECELLS cells;
+  cells.resize(256, 128);
+  // Every cell under two rectangles: a cell costs 2 * 64 * 64.
+  cellsof({{0, 0, 256, 128, 1}, {0, 0, 256, 128, 2}}, &cells);
+  int takes = 0, total = 0;
+  while (cells.dirtycells() > 0 && takes < 100) {
+    std::vector<CELLRUN> runs = cells.take(3 * 2 * 64 * 64);
+    int64_t cost = 0;
+    for (const CELLRUN& r : runs) cost += r.cost;
+    EXPECT_LE(cost, 3 * 2 * 64 * 64);
+    EXPECT_GT(cost, 0);
+    total += area(runs);
+    takes++;
+  }
+  // 8 cells, 3 a frame.
+  EXPECT_EQ(takes, 3);
+  EXPECT_EQ(total, 256 * 128);
+}
+
+TEST(PictureCells, ACellDearerThanTheBudgetIsStillDrawn) {
+  PICTURECELLS cells = cellsof({{0, 0, 200, 100, 1}});
+  std::vector<CELLRUN> runs = cells.take(1);
+  ASSERT_EQ(runs.size(), 1u);
+  EXPECT_EQ(area(runs), 64 * 36);  // the top row's first cell, cut short
+  EXPECT_EQ(cells.dirtycells(), 7);
+}
+
+TEST(PictureCells, ARectangleOffThePictureOrNotANumberCoversNothing) {
+  PICTURECELLS cells;
+  cells.resize(200, 100);
+  cellsof({}, &cells);
+  cells.takeall();
+  cellsof({{300, 300, 400, 400, 1}, {-100, -100, -50, -50, 2}, {NAN, 0, 10, 10, 3}}, &cells);
+  EXPECT_EQ(cells.dirtycells(), 0);
+}
+
+namespace {
+
+// The 64 x 64 pixels of the back buffer's lower left corner, red only.
+std::vector<int> reds() {
+  std::vector<unsigned char> rgba(SIZE * SIZE * 4);
+  glReadBuffer(GL_BACK);
+  glReadPixels(0, 0, SIZE, SIZE, GL_RGBA, GL_UNSIGNED_BYTE, rgba.data());
+  std::vector<int> r(SIZE * SIZE);
+  for (int i = 0; i < SIZE * SIZE; i++) r[i] = rgba[i * 4];
+  return r;
+}
+
+// A frame of view 0 through its kept picture, list `list`, the view at rest.
+bool pictureframe(VIEWS* views, int list) {
+  clear();
+  glMatrixMode(GL_PROJECTION);
+  glLoadIdentity();
+  complexd zero{0, 0}, one{1, 0};
+  return drawpicture(views->v[0], 0, list, zero, one, zero, one, nullptr, false, 0, 0, SIZE, SIZE, views->names);
+}
+
+}  // namespace
+
+TEST_F(Draw, AKeptPictureShowsWhatTheListDrawsAndFollowsANewList) {
+  width = height = SIZE;
+  initpictures();
+  ASSERT_TRUE(picturesavailable()) << "Mesa offers frame buffers";
+  GLuint probe = probeprogram();
+  VIEWS views;
+  // Drawn directly, list 1 then list 2, for reference.
+  views.frame(0, 1);
+  std::vector<int> direct1 = reds();
+  views.frame(0, 2);
+  std::vector<int> direct2 = reds();
+  ASSERT_NE(direct1, direct2);
+
+  oldlist[0] = -1;
+  glUseProgram(probe);
+  ASSERT_TRUE(pictureframe(&views, 1));
+  EXPECT_FALSE(picturepending(0));  // a 64 x 64 view fits one frame's budget
+  EXPECT_EQ(reds(), direct1);
+  // A new list: the picture follows it.
+  glUseProgram(probe);
+  ASSERT_TRUE(pictureframe(&views, 2));
+  EXPECT_EQ(reds(), direct2);
+  // The window's contents lost: the next frame brings the picture back
+  // without drawing a rectangle.
+  clear();
+  glUseProgram(probe);
+  ASSERT_TRUE(pictureframe(&views, 2));
+  EXPECT_EQ(reds(), direct2);
+  glUseProgram(0);
+  glDeleteProgram(probe);
+  freepictures();
+}
+
+TEST_F(Draw, AKeptPictureRedrawsATileThatWasUploadedAgain) {
+  width = height = SIZE;
+  initpictures();
+  ASSERT_TRUE(picturesavailable());
+  GLuint probe = probeprogram();
+  VIEWS views;
+  uint32_t generation[1] = {0};
+  info.generation = generation;
+  oldlist[0] = -1;
+  ASSERT_TRUE(pictureframe(&views, 1));
+  EXPECT_NEAR(reds()[32 * SIZE + 8], 64, 2);
+  // New pixels in the same tile, in a new list with the same rectangle.
+  std::vector<float> texels(TEXTURESIZE * TEXTURESIZE, 0.5f);
+  CALLBACKINFO cb{views.names, generation};
+  textureuploadcallback(nullptr, 0, texels.data(), &cb);
+  EXPECT_EQ(generation[0], 1u);
+  views.rect[0][0] = views.rect[0][1];
+  glUseProgram(probe);
+  ASSERT_TRUE(pictureframe(&views, 0));
+  EXPECT_NEAR(reds()[32 * SIZE + 8], 128, 2);
+  info.generation = nullptr;
+  glUseProgram(0);
+  glDeleteProgram(probe);
+  freepictures();
+}
+
+TEST_F(Draw, AKeptPictureRedrawsATileUploadedAgainUnderTheSameList) {
+  width = height = SIZE;
+  initpictures();
+  ASSERT_TRUE(picturesavailable());
+  GLuint probe = probeprogram();
+  VIEWS views;
+  uint32_t generation[1] = {0};
+  info.generation = generation;
+  oldlist[0] = -1;
+  ASSERT_TRUE(pictureframe(&views, 1));
+  EXPECT_NEAR(reds()[32 * SIZE + 56], 191, 2);
+  std::vector<float> texels(TEXTURESIZE * TEXTURESIZE, 0.5f);
+  CALLBACKINFO cb{views.names, generation};
+  textureuploadcallback(nullptr, 0, texels.data(), &cb);
+  glUseProgram(probe);
+  ASSERT_TRUE(pictureframe(&views, 1));
+  EXPECT_NEAR(reds()[32 * SIZE + 56], 128, 2);
+  info.generation = nullptr;
+  glUseProgram(0);
+  glDeleteProgram(probe);
+  freepictures();
+}
+
+TEST_F(Draw, ATilesFirstUploadMakesItsStorage) {
+  GLuint name = 0;
+  glGenTextures(1, &name);
+  uint32_t generation[1] = {0};
+  CALLBACKINFO cb{&name, generation};
+  std::vector<float> texels(TEXTURESIZE * TEXTURESIZE, 0.25f);
+  textureuploadcallback(nullptr, 0, texels.data(), &cb);
+  GLint w = 0, h = 0, format = 0;
+  glBindTexture(GL_TEXTURE_2D, name);
+  glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &w);
+  glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_HEIGHT, &h);
+  glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_INTERNAL_FORMAT, &format);
+  EXPECT_EQ(w, TEXTURESIZE);
+  EXPECT_EQ(h, TEXTURESIZE);
+  EXPECT_EQ(format, GL_R32F);
+  // The next upload goes into the same storage.
+  texels.assign(texels.size(), 0.75f);
+  textureuploadcallback(nullptr, 0, texels.data(), &cb);
+  EXPECT_EQ(generation[0], 2u);
+  std::vector<float> back(TEXTURESIZE * TEXTURESIZE);
+  glBindTexture(GL_TEXTURE_2D, name);
+  glGetTexImage(GL_TEXTURE_2D, 0, GL_RED, GL_FLOAT, back.data());
+  EXPECT_EQ(back[0], 0.75f);
+  EXPECT_EQ(glGetError(), static_cast<GLenum>(GL_NO_ERROR));
+  glDeleteTextures(1, &name);
+}
