@@ -369,6 +369,7 @@ CHPVALUE* endslot(typename T::CANVAS* canvas, const ENVIRONMENT* e) {
     ITER reached = last;
     canvaskernels::calcitercanvashpex<T>(canvas, h, e->c->v[0], &reached, last + 1);
     made = reached == last + 1;
+    // At most: the run starts from the environment's nearest checkpoint.
     canvaskernels::orbittally().hpiterations += static_cast<long>(e->n);
   }
   if (!made) {

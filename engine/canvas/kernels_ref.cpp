@@ -200,6 +200,7 @@ int refkernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int 
     return CALC_MORE;
   }
   // The reference orbit ended at this sample: absolute from here.
+  orbittally().endedabsolute++;
   dropcheckpoint<T>(canvas, cvalue->hpvalue);
   cvalue->hpvalue = nullptr;
   cvalue->Z = p.Z;

@@ -24,11 +24,11 @@ struct ORBITTALLY {
   std::atomic<long> selfrelative{0};  // refused: the state is relative to its own vertex
   std::atomic<long> shared{0};     // `restartref` took a neighbour's orbit from z = 0
   std::atomic<long> restarted{0};  // `restartref` made an orbit of its own from z = 0
-  std::atomic<long> rebased{0};    // `restartref` took a neighbour's orbit at the state's iteration
   std::atomic<long> hpiterations{0};  // iterations at full precision that extended orbits
+  std::atomic<long> endedabsolute{0};  // states that outlived their vertex's orbit, absolute on
   void clear() {
     for (std::atomic<long>* c : {&made, &nocheckpoint, &followed, &selfrelative, &shared,
-                                 &restarted, &rebased, &hpiterations})
+                                 &restarted, &hpiterations, &endedabsolute})
       c->store(0);
   }
 };
