@@ -26,9 +26,11 @@ struct ORBITTALLY {
   std::atomic<long> restarted{0};  // `restartref` made an orbit of its own from z = 0
   std::atomic<long> hpiterations{0};  // iterations at full precision that extended orbits
   std::atomic<long> endedabsolute{0};  // states that outlived their vertex's orbit, absolute on
+  std::atomic<long> madeatorbitend{0};  // states that outlived it and became references there
   void clear() {
     for (std::atomic<long>* c : {&made, &nocheckpoint, &followed, &selfrelative, &shared,
-                                 &restarted, &hpiterations, &endedabsolute})
+                                 &restarted, &hpiterations, &endedabsolute,
+                                 &madeatorbitend})
       c->store(0);
   }
 };
