@@ -359,7 +359,7 @@ CHPVALUE* environmentslot(typename T::CANVAS* canvas, const ENVIRONMENT* e, int 
 template <typename T>
 CHPVALUE* endslot(typename T::CANVAS* canvas, const ENVIRONMENT* e) {
   if (canvas->endenvironmenthpvalue) return canvas->endenvironmenthpvalue;
-  if (e->n == 0 || (e->flags & E_PERIODIC)) return nullptr;
+  if (e->n == 0 || (e->flags & E_PERIODIC) || (canvas->flags & CF_JULIA)) return nullptr;
   CHPVALUE* h = addhpvalue<T>(canvas, false);
   if (!h) return nullptr;
   // The stored checkpoints stop below `n`: the last step is made here.

@@ -221,10 +221,12 @@ int envkernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int 
         // keeps a checkpoint of the environment at its end, so the vertex
         // becomes a reference from this iteration on instead of running
         // its whole orbit again from z = 0.
-        cvalue->iter = n;
-        cvalue->value = p.delta;
-        cvalue->d = p.d;
-        cvalue->Z = p.Z;
+        if constexpr (!JULIA) {
+          cvalue->iter = n;
+          cvalue->value = p.delta;
+          cvalue->d = p.d;
+          cvalue->Z = p.Z;
+        }
         int f = precisionfailure<T, JULIA>(context, canvas, x, y, self, cvalue, maxiter, ii,
                                            forced, idepth, nullptr, n, p.z, p.d);
         if (f >= 0) return f;
