@@ -209,6 +209,7 @@ struct CANVASLAYOUT {
   CHPVALUE* environmenthpvalue;  // at `interpoliter`
   CHPVALUE* oldenvironmenthpvalue;
   CHPVALUE* oldenvironmenthpvalue2;
+  CHPVALUE* endenvironmenthpvalue;  // at the environment's end `n`, made when first asked
   ITER interpoliter;
   ITER newinterpoliter;
   ITER oldinterpoliter;

@@ -17,6 +17,15 @@
 #include "canvas/model.h"
 #include "envhp.h"
 
+namespace canvaskernels {
+
+ORBITTALLY& orbittally() {
+  static ORBITTALLY tally;
+  return tally;
+}
+
+}  // namespace canvaskernels
+
 namespace canvasmodel {
 
 namespace {
@@ -288,6 +297,8 @@ CHPVALUE* refgethpvalue(typename T::CANVAS* canvas, int vertex, ITER* iter, int 
   ITER reached = lower->iter;
   int complete = canvaskernels::calcitercanvashp<T>(canvas, h, v->x, v->y, &reached, *iter,
                                                     &v->lastdata, vertex);
+  canvaskernels::orbittally().hpiterations +=
+      static_cast<long>(complete ? *iter : reached) - static_cast<long>(lower->iter);
   if (!complete) {
     detachhpvalue<T>(canvas, h, false);
     if (canvaskernels::jobstopped<T>(canvas)) return nullptr;
@@ -327,6 +338,8 @@ CHPVALUE* environmentslot(typename T::CANVAS* canvas, const ENVIRONMENT* e, int 
     mpf_set(h->value[1], before->value[1]);
     ITER reached = before->iter;
     canvaskernels::calcitercanvashpex<T>(canvas, h, e->c->v[0], &reached, iters[k]);
+    canvaskernels::orbittally().hpiterations +=
+        static_cast<long>(reached) - static_cast<long>(before->iter);
     made = reached == iters[k];
   } else {
     made = getenvironmenthpvalueraw(e, iters[k], h->value[0]);
@@ -336,6 +349,35 @@ CHPVALUE* environmentslot(typename T::CANVAS* canvas, const ENVIRONMENT* e, int 
     return nullptr;
   }
   *slots[k] = h;
+  return h;
+}
+
+// The environment's orbit at its end `n`, where it left the disc: every
+// vertex that outlives it becomes a reference there, and one checkpoint per
+// canvas serves them all, where each of them used to run its own orbit from
+// z = 0 (thousands of iterations at the full precision of a deep tile).
+template <typename T>
+CHPVALUE* endslot(typename T::CANVAS* canvas, const ENVIRONMENT* e) {
+  if (canvas->endenvironmenthpvalue) return canvas->endenvironmenthpvalue;
+  if (e->n == 0 || (e->flags & E_PERIODIC) || (canvas->flags & CF_JULIA)) return nullptr;
+  CHPVALUE* h = addhpvalue<T>(canvas, false);
+  if (!h) return nullptr;
+  // The stored checkpoints stop below `n`: the last step is made here.
+  const ITER last = static_cast<ITER>(e->n - 1);
+  bool made = getenvironmenthpvalueraw(e, last, h->value[0]);
+  if (made) {
+    ITER reached = last;
+    canvaskernels::calcitercanvashpex<T>(canvas, h, e->c->v[0], &reached, last + 1);
+    made = reached == last + 1;
+    // At most: the run starts from the environment's nearest checkpoint.
+    canvaskernels::orbittally().hpiterations += static_cast<long>(e->n);
+  }
+  if (!made) {
+    detachhpvalue<T>(canvas, h, false);
+    return nullptr;
+  }
+  h->iter = last + 1;
+  canvas->endenvironmenthpvalue = h;
   return h;
 }
 
@@ -349,7 +391,13 @@ CHPVALUE* getenvironmenthpvalue(typename T::CANVAS* canvas, ITER iter, int flag)
   if (iter == canvas->interpoliter) k = 2;
   else if (iter == canvas->oldinterpoliter) k = 1;
   else if (iter == canvas->oldinterpoliter2) k = 0;
+  else if (iter > 0 && static_cast<UITER>(iter) == e->n) k = 3;
   else return nullptr;
+  if (k == 3) {
+    CHPVALUE* end = endslot<T>(canvas, e);
+    if (end && flag) attachhpvalue<T>(end);
+    return end;
+  }
   CHPVALUE* h = environmentslot<T>(canvas, e, k);
   if (h && flag) attachhpvalue<T>(h);
   return h;
@@ -481,6 +529,7 @@ int makeorbit(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value,
     // The start state is a difference to the environment's orbit.
     CHPVALUE* e = getenvironmenthpvalue<T>(canvas, static_cast<ITER>(value->iter), 1);
     if (!e) {
+      canvaskernels::orbittally().nocheckpoint++;
       detachhpvalue<T>(canvas, h, false);
       return 0;
     }
@@ -513,6 +562,8 @@ int makeorbit(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value,
   if (b == -1) return 0;
 
   newref<T>(canvas, vertex);
+  if (restart) canvaskernels::orbittally().restarted++;
+  else canvaskernels::orbittally().made++;
   return 1;
 }
 
@@ -521,8 +572,14 @@ int makeorbit(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value,
 template <typename T>
 int makeref(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value,
             [[maybe_unused]] int* limit) {
-  if ((value->flags & CV_RELATIVE) && value->ref == vertex) return 0;
-  if (orbitfollowed<T>(&canvas->v[vertex])) return 0;
+  if ((value->flags & CV_RELATIVE) && value->ref == vertex) {
+    canvaskernels::orbittally().selfrelative++;
+    return 0;
+  }
+  if (orbitfollowed<T>(&canvas->v[vertex])) {
+    canvaskernels::orbittally().followed++;
+    return 0;
+  }
   return makeorbit<T>(canvas, vertex, value, false);
 }
 
@@ -534,6 +591,7 @@ int restartref(typename T::CANVAS* canvas, int vertex, typename T::CVALUE* value
   int r = rootedneighbour<T>(canvas, vertex);
   if (r != -1) {
     sharerootedorbit<T>(canvas, value, r);
+    canvaskernels::orbittally().shared++;
     return 1;
   }
   return makeorbit<T>(canvas, vertex, value, true);

@@ -106,6 +106,7 @@ void initcanvas(OVCONTEXT* context, typename T::CANVAS* canvas, WORKER* worker, 
   canvas->environmenthpvalue = nullptr;
   canvas->oldenvironmenthpvalue = nullptr;
   canvas->oldenvironmenthpvalue2 = nullptr;
+  canvas->endenvironmenthpvalue = nullptr;
   canvas->next = nullptr;
   canvas->__worker = worker;
   canvas->statvertices = 0;

@@ -129,13 +129,8 @@ inline TILEARGS deepargs(const DEEPCASE& c) {
 
 // The whole check of one tile: computed through the engine, in the format
 // its depth asks for, with the counts of the sample matching.
-inline void checkdeeptile(const DEEPCASE& c, bool centre = false) {
+inline void checkdeepresult(const DEEPCASE& c, const TILERESULT& r) {
   SCOPED_TRACE(c.name);
-  TILEARGS a = deepargs(c);
-  a.referenceatcentre = centre;
-  TILERESULT r;
-  std::string error;
-  ASSERT_TRUE(computetile(a, &r, &error)) << error;
   EXPECT_EQ(r.format, c.format);
   EXPECT_GT(r.escaped, 0);
   EXPECT_GT(r.referencems, 0);
@@ -148,6 +143,16 @@ inline void checkdeeptile(const DEEPCASE& c, bool centre = false) {
       << " off by one, " << t.wrong << " wrong";
   EXPECT_EQ(t.wrong, 0) << t.firstwrong;
   EXPECT_EQ(t.boundedcounted, 0) << "of " << t.bounded << " pixels that stay inside";
+}
+
+inline void checkdeeptile(const DEEPCASE& c, bool centre = false) {
+  SCOPED_TRACE(c.name);
+  TILEARGS a = deepargs(c);
+  a.referenceatcentre = centre;
+  TILERESULT r;
+  std::string error;
+  ASSERT_TRUE(computetile(a, &r, &error)) << error;
+  checkdeepresult(c, r);
 }
 
 }  // namespace deeptile

@@ -217,6 +217,16 @@ int envkernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int 
       // carry the point's own orbit once it comes back near 0, so a vertex
       // that may become a reference does; otherwise absolute from now on.
       if (testprecision && self != -1 && idepth < NCANVASLEVEL - 1) {
+        // The state here, not the one the call began with: the canvas
+        // keeps a checkpoint of the environment at its end, so the vertex
+        // becomes a reference from this iteration on instead of running
+        // its whole orbit again from z = 0.
+        if constexpr (!JULIA) {
+          cvalue->iter = n;
+          cvalue->value = p.delta;
+          cvalue->d = p.d;
+          cvalue->Z = p.Z;
+        }
         int f = precisionfailure<T, JULIA>(context, canvas, x, y, self, cvalue, maxiter, ii,
                                            forced, idepth, nullptr, n, p.z, p.d);
         if (f >= 0) return f;

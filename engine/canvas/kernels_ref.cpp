@@ -90,6 +90,31 @@ int precisionfailure(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int 
 
 namespace {
 
+// The orbit of vertex `ref` at its end `n`, run again at full precision from
+// the checkpoint `from` that a state holds: the vertex's chain keeps no
+// checkpoint where its orbit ended. The samples rewritten on the way are
+// the ones already stored. Null when the run does not reach `n`.
+template <typename T>
+CHPVALUE* orbitend(typename T::CANVAS* canvas, int ref, const CHPVALUE* from, int block,
+                   UITER n) {
+  if (!from || static_cast<UITER>(from->iter) > n) return nullptr;
+  CHPVALUE* h = canvasmodel::addhpvalue<T>(canvas, false);
+  if (!h) return nullptr;
+  mpf_set(h->value[0], from->value[0]);
+  mpf_set(h->value[1], from->value[1]);
+  const typename T::CVERTEX* vr = &canvas->v[ref];
+  ITER reached = from->iter;
+  int cursor = block;
+  calcitercanvashp<T>(canvas, h, vr->x, vr->y, &reached, static_cast<ITER>(n), &cursor, ref);
+  orbittally().hpiterations += static_cast<long>(reached) - static_cast<long>(from->iter);
+  if (reached != static_cast<ITER>(n)) {
+    canvasmodel::detachhpvalue<T>(canvas, h, false);
+    return nullptr;
+  }
+  h->iter = static_cast<ITER>(n);
+  return h;
+}
+
 template <typename T, bool JULIA>
 int referencebranch(typename T::CANVAS* canvas, typename T::CVALUE* cvalue, ITER limit,
                     CHPVALUE* h, ORBITCURSOR<T> cur, const KERNELCONST<T>& k) {
@@ -199,7 +224,28 @@ int refkernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int 
     cvalue->data = cur.block;
     return CALC_MORE;
   }
-  // The reference orbit ended at this sample: absolute from here.
+  // The reference orbit ended at this sample. Under the precision test the
+  // vertex becomes a reference from here, as where the environment's orbit
+  // ends: deep down the format cannot carry the point on its own.
+  if (!JULIA && (canvas->flags & CF_HPCORRECT) && self != -1 && self != ref &&
+      idepth < NCANVASLEVEL - 1) {
+    if (CHPVALUE* end = orbitend<T>(canvas, ref, cvalue->hpvalue, cvalue->data, n)) {
+      dropcheckpoint<T>(canvas, cvalue->hpvalue);
+      cvalue->hpvalue = end;
+      cvalue->iter = n;
+      cvalue->value = p.delta;
+      cvalue->d = p.d;
+      cvalue->Z = p.Z;
+      cvalue->data = cur.block;
+      int f = precisionfailure<T, JULIA>(context, canvas, x, y, self, cvalue, maxiter, ii, forced,
+                                         idepth, nullptr, n, p.z, p.d);
+      if (f >= 0) {
+        orbittally().madeatorbitend++;
+        return f;
+      }
+    }
+  }
+  orbittally().endedabsolute++;
   dropcheckpoint<T>(canvas, cvalue->hpvalue);
   cvalue->hpvalue = nullptr;
   cvalue->Z = p.Z;

@@ -4,12 +4,38 @@
 
 #include <gmp.h>
 
+#include <atomic>
 #include <type_traits>
 
 #include "../environment.h"
 #include "model.h"
 
 namespace canvaskernels {
+
+// ---------------------------------------------------------------- the tally of new orbits
+
+// What the vertices that took an orbit of their own cost, counted over the
+// whole process (every canvas and thread): the counts are exact and decide
+// whether a deep tile repeats the same high-precision work many times.
+struct ORBITTALLY {
+  std::atomic<long> made{0};       // `makeref` made an orbit of the state
+  std::atomic<long> nocheckpoint{0};  // refused: no checkpoint of the environment at the state
+  std::atomic<long> followed{0};   // refused: a state still follows the vertex's orbit
+  std::atomic<long> selfrelative{0};  // refused: the state is relative to its own vertex
+  std::atomic<long> shared{0};     // `restartref` took a neighbour's orbit from z = 0
+  std::atomic<long> restarted{0};  // `restartref` made an orbit of its own from z = 0
+  std::atomic<long> hpiterations{0};  // iterations at full precision that extended orbits
+  std::atomic<long> endedabsolute{0};  // states that outlived their vertex's orbit, absolute on
+  std::atomic<long> madeatorbitend{0};  // states that outlived it and became references there
+  void clear() {
+    for (std::atomic<long>* c : {&made, &nocheckpoint, &followed, &selfrelative, &shared,
+                                 &restarted, &hpiterations, &endedabsolute,
+                                 &madeatorbitend})
+      c->store(0);
+  }
+};
+
+ORBITTALLY& orbittally();
 
 // The step exponent of the grid: a grid step is 2^s.
 template <typename T>
