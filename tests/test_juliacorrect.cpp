@@ -31,6 +31,10 @@ struct STACK {
     realm->juliastack = static_cast<JULIASTACKDATA*>(calloc(levels, sizeof(JULIASTACKDATA)));
     realm->readyjuliastack = ready;
     realm->priojuliastack = -1;
+    // The chains a real stack starts with: areas waiting for a level, and
+    // the bypass tiles.
+    initchain(&realm->bypassjc);
+    for (int s = 0; s < levels; s++) initchain(&realm->juliastack[s].wait);
   }
   ~STACK() {
     free(realm->juliastack);
