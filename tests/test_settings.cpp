@@ -313,6 +313,18 @@ TEST(Settings, SmallGraphicsMemoryGivesRateZeroAndOneUploadPerFrame) {
   EXPECT_EQ(s.uploadperframe, 1);
 }
 
+// Nothing guards a frame rate of 0: it is kept as given, and the upload
+// budget, whose division by it means nothing, falls back to one tile.
+TEST(Settings, AFramerateOfZeroIsKeptAndUploadsOneTilePerFrame) {
+  std::string message;
+  SETTINGS s = readtext(R"({"framerate": 0, "graphicsrate": 100})", &message);
+  derivesettings(&s, 1920, 1080);
+  EXPECT_EQ(message, "");
+  EXPECT_EQ(s.framerate, 0.0);
+  EXPECT_EQ(s.graphicsrate, 100);
+  EXPECT_EQ(s.uploadperframe, 1);
+}
+
 TEST(Settings, TheStartReport) {
   std::string message;
   SETTINGS s = readtext(R"({"totalmemory": 512, "nthread": 4})", &message);
