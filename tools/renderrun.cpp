@@ -5,6 +5,7 @@
 #include <glad/gl.h>
 // after the loader
 #include "renderrun.h"
+#include "maincall.h"
 
 #include <gmp.h>
 #include <png.h>
@@ -38,27 +39,8 @@ double since(CLOCK::time_point t) { return std::chrono::duration<double>(CLOCK::
 
 // ---------------------------------------------------------------- the engine's main thread
 
-struct MAINCALL {
-  std::function<void(OVCONTEXT*)> fn;
-  std::atomic<bool> done{false};
-};
-
-void worker_rendercall(OVCONTEXT* context, WORKER* worker) {
-  MAINCALL* call = static_cast<MAINCALL*>(worker->pdata[0]);
-  call->fn(context);
-  freeworker(context, worker);
-  call->done.store(true);
-}
-
-bool onmain(OVCONTEXT* context, std::function<void(OVCONTEXT*)> fn) {
-  MAINCALL call;
-  call.fn = std::move(fn);
-  WORKER* w = addworker(context, THREAD_MAIN, worker_rendercall);
-  if (!w) return false;
-  w->pdata[0] = &call;
-  dispatch(context, w);
-  while (!call.done.load()) std::this_thread::sleep_for(std::chrono::microseconds(200));
-  return true;
+bool onmain(OVCONTEXT* context, const std::function<void(OVCONTEXT*)>& fn) {
+  return runonmain(context, fn);
 }
 
 // ---------------------------------------------------------------- colour scheme hooks

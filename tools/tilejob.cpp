@@ -1,5 +1,6 @@
 // tilejob.cpp: one area through the engine, for orvanta-tile and its tests.
 #include "tilejob.h"
+#include "maincall.h"
 
 #include <gmp.h>
 
@@ -23,28 +24,8 @@ constexpr int TILENTHREAD = 4;
 constexpr int TILENTEXTURE = 32;
 constexpr int TILEPRIORITY = 1;
 
-struct MAINCALL {
-  std::function<void(OVCONTEXT*)> fn;
-  std::atomic<bool> done{false};
-};
-
-void worker_maincall(OVCONTEXT* context, WORKER* worker) {
-  MAINCALL* call = static_cast<MAINCALL*>(worker->pdata[0]);
-  call->fn(context);
-  freeworker(context, worker);
-  call->done.store(true);
-}
-
-// Runs fn on the engine's main thread, where areas and realms live, and waits.
-bool onmain(OVCONTEXT* context, std::function<void(OVCONTEXT*)> fn) {
-  MAINCALL call;
-  call.fn = std::move(fn);
-  WORKER* w = addworker(context, THREAD_MAIN, worker_maincall);
-  if (!w) return false;
-  w->pdata[0] = &call;
-  dispatch(context, w);
-  while (!call.done.load()) std::this_thread::sleep_for(std::chrono::microseconds(200));
-  return true;
+bool onmain(OVCONTEXT* context, const std::function<void(OVCONTEXT*)>& fn) {
+  return runonmain(context, fn);
 }
 
 // Polls a condition on the main thread until it holds.

@@ -1,5 +1,6 @@
 // viewrun.cpp: one view through the engine without a display.
 #include "viewrun.h"
+#include "maincall.h"
 
 #include <gmp.h>
 
@@ -22,17 +23,6 @@ double nowms() {
       .count();
 }
 
-struct MAINCALL {
-  std::function<void(OVCONTEXT*)> fn;
-  std::atomic<bool> done{false};
-};
-
-void worker_maincall(OVCONTEXT* context, WORKER* worker) {
-  MAINCALL* call = static_cast<MAINCALL*>(worker->pdata[0]);
-  call->fn(context);
-  freeworker(context, worker);
-  call->done.store(true);
-}
 
 const char* eventname(int event) {
   switch (event) {
@@ -127,14 +117,7 @@ std::string poolstext(const POOLCOUNTS& p) {
 }
 
 bool viewonmain(VIEWRUN* run, const std::function<void(OVCONTEXT*)>& fn) {
-  MAINCALL call;
-  call.fn = fn;
-  WORKER* w = addworker(run->context, THREAD_MAIN, worker_maincall);
-  if (!w) return false;
-  w->pdata[0] = &call;
-  dispatch(run->context, w);
-  while (!call.done.load()) std::this_thread::sleep_for(std::chrono::microseconds(200));
-  return true;
+  return runonmain(run->context, fn);
 }
 
 bool startviewrun(VIEWRUN* run, const VIEWARGS& args, VIEWSINK sink, std::string* error) {
