@@ -341,23 +341,38 @@ void worker_canvas_calc(OVCONTEXT* context, WORKER* worker) {
                [&](unsigned int mode) { renderjob(context, worker, mode); });
 }
 
+namespace {
+
+// A job's result is back on the main thread: the area has no worker any
+// more. True when the realm moved on to another cycle in which the area is
+// no longer valid: it was reset and asked for again, and the result is void.
+bool outdatedjobended(OVCONTEXT* context, AREA* a) {
+  a->worker = nullptr;
+  if (a->computecycle == a->realm->computecycle || isvalid(context, a)) return false;
+  resetarea(context, a, false);
+  processarea(context, a);
+  return true;
+}
+
+// The job's counts of vertices and iterations, kept with the area.
+void takestatistics(AREA* a, const WORKER* worker) {
+  a->statvertices = worker->idata[JOB_STATVERTICES];
+  a->statiterations = static_cast<int64_t>(
+      static_cast<uint64_t>(static_cast<uint32_t>(worker->idata[JOB_STATITERLOW])) |
+      static_cast<uint64_t>(static_cast<uint32_t>(worker->idata[JOB_STATITERHIGH])) << 32);
+}
+
+}  // namespace
+
 void worker_canvas_calc_return(OVCONTEXT* context, WORKER* worker) {
   AREA* a = static_cast<AREA*>(worker->pdata[JOB_AREA]);
   if (atomicload(&worker->stop)) {
     freecanvascalcworker(context, worker);
     return;
   }
-  a->worker = nullptr;
-  REALM* r = a->realm;
-  if (a->computecycle != r->computecycle && !isvalid(context, a)) {
-    resetarea(context, a, false);
-    processarea(context, a);
-  } else {
+  if (!outdatedjobended(context, a)) {
     a->flags |= A_PRECALCULATED;
-    a->statvertices = worker->idata[JOB_STATVERTICES];
-    a->statiterations = static_cast<int64_t>(
-        static_cast<uint64_t>(static_cast<uint32_t>(worker->idata[JOB_STATITERLOW])) |
-        static_cast<uint64_t>(static_cast<uint32_t>(worker->idata[JOB_STATITERHIGH])) << 32);
+    takestatistics(a, worker);
     handtiles(context, worker, a);
   }
   areacheckvacount(context, a);
@@ -458,18 +473,11 @@ void worker_canvas_calc_inner_return(OVCONTEXT* context, WORKER* worker) {
     freecanvascalcworker(context, worker);
     return;
   }
-  a->worker = nullptr;
-  REALM* r = a->realm;
-  if (a->computecycle != r->computecycle && !isvalid(context, a)) {
-    resetarea(context, a, false);
-    processarea(context, a);
+  if (outdatedjobended(context, a)) {
     freecanvascalcworker(context, worker);
     return;
   }
-  a->statvertices = worker->idata[JOB_STATVERTICES];
-  a->statiterations = static_cast<int64_t>(
-      static_cast<uint64_t>(static_cast<uint32_t>(worker->idata[JOB_STATITERLOW])) |
-      static_cast<uint64_t>(static_cast<uint32_t>(worker->idata[JOB_STATITERHIGH])) << 32);
+  takestatistics(a, worker);
   removeprepixels(context, a->prepixels);
   a->prepixels = worker->prepixels;
   worker->prepixels = nullptr;
@@ -561,12 +569,7 @@ void worker_prepixel2pixel_return(OVCONTEXT* context, WORKER* worker) {
     freecanvascalcworker(context, worker);
     return;
   }
-  a->worker = nullptr;
-  REALM* r = a->realm;
-  if (a->computecycle != r->computecycle && !isvalid(context, a)) {
-    resetarea(context, a, false);
-    processarea(context, a);
-  } else {
+  if (!outdatedjobended(context, a)) {
     a->flags |= A_PRECALCULATED;
     handtiles(context, worker, a);
   }
