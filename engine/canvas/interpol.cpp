@@ -74,6 +74,15 @@ typename T::COMPLEX derivativescale(const typename T::CANVAS* canvas, int L) {
   return N::creal(N::fromHF(D));
 }
 
+// Is the start state of this canvas a difference to its environment's
+// orbit, as the general kernels take it?
+template <typename T>
+bool startisrelative(const typename T::CANVAS* canvas) {
+  const ENVIRONMENT* e = jobenvironment<T>(canvas);
+  if (!e || e->n == 0 || ((e->flags & E_PERIODIC) && !(e->flags & E_SERIES))) return false;
+  return std::is_same_v<typename T::FLOAT, HFLOAT> ? e->refdatah != nullptr : e->refdatad != nullptr;
+}
+
 // Brings four states of one iteration into one frame: absolute values when
 // all are absolute, else differences to the orbit of corner `frame`'s
 // reference. False when no common frame can be made.
@@ -90,7 +99,13 @@ bool commonframe(typename T::CANVAS* canvas, typename T::CVALUE* const s[4],
   *hpv = nullptr;
   *ref = -1;
   if (nrel == 0) {
-    *absolute = true;
+    // Over an environment's orbit the start state (flags 0) is a difference
+    // to that orbit, which an absolute value cannot share a cubic with.
+    int nstart = 0;
+    for (int k = 0; k < 4; k++) nstart += s[k]->flags == 0;
+    bool overorbit = startisrelative<T>(canvas);
+    if (overorbit && nstart != 0 && nstart != 4) return false;
+    *absolute = !(overorbit && nstart == 4);
     for (int k = 0; k < 4; k++) d[k] = s[k]->value;
     return true;
   }
@@ -236,13 +251,25 @@ template <typename T>
 bool goodoldstates(OVCONTEXT* context, typename T::CANVAS* canvas, typename T::CVERTEX* cv[4],
                    int below, typename T::COMPLEX d[4], UITER* iter, CHPVALUE** hpv, int* ref,
                    bool* absolute) {
-  for (int which = 0; which < 2; which++) {
-    UITER at = static_cast<UITER>(which == 0 ? canvas->oldinterpoliter : canvas->oldinterpoliter2);
+  // The two stops first; then any other iteration all four corners kept a
+  // state of (a cell split from a fill holds the states of its fill, which
+  // lie behind both stops once the stride has moved on).
+  UITER tries[4] = {static_cast<UITER>(canvas->oldinterpoliter),
+                    static_cast<UITER>(canvas->oldinterpoliter2), cv[0]->oldv.iter,
+                    cv[0]->oldv2.iter};
+  if (tries[3] > tries[2]) std::swap(tries[2], tries[3]);
+  for (int which = 0; which < 4; which++) {
+    UITER at = tries[which];
+    bool seen = false;
+    for (int w = 0; w < which; w++) seen = seen || tries[w] == at;
+    if (seen) continue;
     typename T::CVALUE* s[4];
     bool usable = true;
     for (int k = 0; k < 4; k++) {
-      s[k] = which == 0 ? &cv[k]->oldv : &cv[k]->oldv2;
-      usable = usable && s[k]->flags != EMPTYOLD && s[k]->iter == at;
+      s[k] = nullptr;
+      for (typename T::CVALUE* o : {&cv[k]->oldv, &cv[k]->oldv2})
+        if (!s[k] && o->flags != EMPTYOLD && o->iter == at) s[k] = o;
+      usable = usable && s[k];
     }
     if (!usable) continue;
     if (goodcubic<T>(context, canvas, s, below, d, absolute, hpv, ref)) {
@@ -251,6 +278,17 @@ bool goodoldstates(OVCONTEXT* context, typename T::CANVAS* canvas, typename T::C
     }
   }
   return false;
+}
+
+// Would the split of a cell fill its new vertices from earlier states?
+template <typename T>
+bool goodbefore(OVCONTEXT* context, typename T::CANVAS* canvas, typename T::CVERTEX* cv[4], int below) {
+  typename T::COMPLEX d[4];
+  UITER iter;
+  CHPVALUE* hpv;
+  int ref;
+  bool absolute;
+  return goodoldstates<T>(context, canvas, cv, below + FILLMARGIN, d, &iter, &hpv, &ref, &absolute);
 }
 
 }  // namespace
@@ -354,8 +392,18 @@ void initializeinterpol(typename T::CANVAS* canvas, typename T::CVERTEX* vertex,
   }
   canvasmodel::copyvalue<T>(canvas, &vertex->interpolv, &s);
   vertex->flags &= ~(VX_FORCE_FINAL | VX_FILLED);
-  if (static_cast<ITER>(iter) == canvas->oldinterpoliter) canvasmodel::copyvalue<T>(canvas, &vertex->oldv, &s);
-  if (static_cast<ITER>(iter) == canvas->oldinterpoliter2) canvasmodel::copyvalue<T>(canvas, &vertex->oldv2, &s);
+  bool atstop = false;
+  if (static_cast<ITER>(iter) == canvas->oldinterpoliter) {
+    canvasmodel::copyvalue<T>(canvas, &vertex->oldv, &s);
+    atstop = true;
+  }
+  if (static_cast<ITER>(iter) == canvas->oldinterpoliter2) {
+    canvasmodel::copyvalue<T>(canvas, &vertex->oldv2, &s);
+    atstop = true;
+  }
+  // A fill behind both stops is kept too: should the new cells' corners all
+  // leave before the next stop, their split starts from here.
+  if (!atstop) canvasmodel::copyvalue<T>(canvas, &vertex->oldv, &s);
 }
 
 template <typename T>
@@ -482,6 +530,7 @@ void interpolcell(OVCONTEXT* context, typename T::CANVAS* canvas, int i, int* he
     if (vx->flags & (VX_FORCE_FINAL | VX_NOINTERPOL)) nsettled++;
   }
   if (nsettled == 4) {
+    bool filled = false;
     if (nfinal == 4 && (canvas->flags & CF_SUPERINTERPOL)) {
       typename T::CVALUE* s[4] = {&cv[0]->v, &cv[1]->v, &cv[2]->v, &cv[3]->v};
       bool same = true;
@@ -491,7 +540,18 @@ void interpolcell(OVCONTEXT* context, typename T::CANVAS* canvas, int i, int* he
       CHPVALUE* hpv;
       int ref;
       if (same && goodcubic<T>(context, canvas, s, S - L - 1, d, &absolute, &hpv, &ref))
+      {
         superinterpol<T>(context, canvas, cv[0], d, s[0]->iter, w, CV_ESCAPED);
+        filled = true;
+      }
+    }
+    // All four corners left within the same stride, and the cell was good
+    // at the stop before: its inside is as good there. Closing it would send
+    // every inside vertex back to z = 0 (interpolation keeps the finite pass
+    // from closing equal cells), so it is split from those states instead.
+    if (nfinal == 4 && !filled && L < S && goodbefore<T>(context, canvas, cv, S - L - 1)) {
+      interpolarea<T>(context, canvas, i, cv, w, head);
+      return;
     }
     retirecell<T>(canvas, cv);
     canvasdriver::canvasinworkerfinite<T>(canvas, i);
