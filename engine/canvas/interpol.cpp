@@ -35,7 +35,7 @@ constexpr UITER EMPTYOLDITER = 12345;
 // test of a cell this many levels deeper than the split one: an escape
 // count is discontinuous, and a fill that is merely good enough to split by
 // moves counts by one along every level line.
-constexpr int FILLMARGIN = 4;
+constexpr int FILLMARGIN = 6;
 // Past this, iterations are the finite pass's: 3M + 3000 at the largest M.
 constexpr int64_t LASTINTERPOLITER = 3 * int64_t(715825882) + 3000;
 
@@ -280,17 +280,6 @@ bool goodoldstates(OVCONTEXT* context, typename T::CANVAS* canvas, typename T::C
   return false;
 }
 
-// Would the split of a cell fill its new vertices from earlier states?
-template <typename T>
-bool goodbefore(OVCONTEXT* context, typename T::CANVAS* canvas, typename T::CVERTEX* cv[4], int below) {
-  typename T::COMPLEX d[4];
-  UITER iter;
-  CHPVALUE* hpv;
-  int ref;
-  bool absolute;
-  return goodoldstates<T>(context, canvas, cv, below + FILLMARGIN, d, &iter, &hpv, &ref, &absolute);
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------- the cubic
@@ -433,6 +422,51 @@ void superinterpol([[maybe_unused]] OVCONTEXT* context, typename T::CANVAS* canv
   }
 }
 
+// Every vertex inside a cell, and on its border where no live cell holds
+// it, takes its state from the cubic through the corners' states `d` at
+// `iter`, in the frame (`hpv`, `ref`, `absolute`): the cubic was found good
+// for the finest level, so each vertex may go on from there on its own.
+template <typename T>
+void fillinside(typename T::CANVAS* canvas, int i, int L, const typename T::COMPLEX d[4], UITER iter,
+                CHPVALUE* hpv, int ref, bool absolute) {
+  typedef canvasmodel::NUM<typename T::FLOAT> N;
+  typename T::COMPLEX a1 = interpol1<T>(d), a2 = interpol2<T>(d), a3 = interpol3<T>(d);
+  typename T::COMPLEX a2t = N::ctwice(a2), a3t = N::cmul(N::cfromd(3, 0), a3);
+  typename T::COMPLEX D = derivativescale<T>(canvas, L);
+  const int w = 1 << (canvas->canvassizeshift - L);
+  const double inv = 1.0 / w;
+  for (int j = 0; j <= w; j++) {
+    for (int k = 0; k <= w; k++) {
+      bool border = j == 0 || k == 0 || j == w || k == w;
+      bool corner = (j == 0 || j == w) && (k == 0 || k == w);
+      typename T::CVERTEX* vx = &canvas->v[i + j * R + k];
+      if (corner || (border && (vx->flags & VX_CALCULATEDMASK))) continue;
+      typename T::COMPLEX s = N::cfromd(k * inv, j * inv);
+      typename T::COMPLEX value =
+          N::cadd(N::cmul(N::cadd(N::cmul(N::cadd(N::cmul(a3, s), a2), s), a1), s), d[0]);
+      typename T::COMPLEX dv = N::cmul(N::cadd(N::cmul(N::cadd(N::cmul(a3t, s), a2t), s), a1), D);
+      initializeinterpol<T>(canvas, vx, value, hpv, ref, 0, dv, iter, absolute);
+    }
+  }
+}
+
+// A cell whose four corners all left within one stride was good at an
+// earlier stop: its inside is filled from there, not left to begin at z = 0
+// (the finite pass does not close equal cells under interpolation).
+template <typename T>
+void fillfromearlier(OVCONTEXT* context, typename T::CANVAS* canvas, int i, typename T::CVERTEX* cv[4]) {
+  const int S = canvas->canvassizeshift;
+  int L = canvas->v[i].interpoldepth;
+  if (L >= S) return;
+  typename T::COMPLEX d[4];
+  UITER at = 0;
+  CHPVALUE* hpv = nullptr;
+  int ref = -1;
+  bool absolute = true;
+  if (goodoldstates<T>(context, canvas, cv, S - L - 1 + FILLMARGIN, d, &at, &hpv, &ref, &absolute))
+    fillinside<T>(canvas, i, L, d, at, hpv, ref, absolute);
+}
+
 // ---------------------------------------------------------------- corners
 
 template <typename T>
@@ -449,7 +483,15 @@ void interpolcanvascalc(OVCONTEXT* context, typename T::CANVAS* canvas, typename
       }
       // Settled: a result, a fill, or an interior point.
       if (vx->flags & (VX_FORCE_FINAL | VX_NOINTERPOL)) break;
-      if (iv->iter == static_cast<UITER>(canvas->oldinterpoliter)) canvasmodel::copyvalue<T>(canvas, &vx->oldv, iv);
+      if (iv->iter == static_cast<UITER>(canvas->oldinterpoliter)) {
+        // The last stop's state becomes the one before, where that is the
+        // second stop kept: a vertex brought forward stride by stride never
+        // stands at the second stop when it is named.
+        if (vx->oldv.iter == static_cast<UITER>(canvas->oldinterpoliter2) && vx->oldv.flags != EMPTYOLD &&
+            vx->oldv2.iter != vx->oldv.iter)
+          canvasmodel::copyvalue<T>(canvas, &vx->oldv2, &vx->oldv);
+        canvasmodel::copyvalue<T>(canvas, &vx->oldv, iv);
+      }
       if (iv->iter == static_cast<UITER>(canvas->oldinterpoliter2)) canvasmodel::copyvalue<T>(canvas, &vx->oldv2, iv);
       bool toold = static_cast<UITER>(canvas->oldinterpoliter) > iv->iter;
       ITER target = toold ? canvas->oldinterpoliter : canvas->interpoliter;
@@ -545,14 +587,7 @@ void interpolcell(OVCONTEXT* context, typename T::CANVAS* canvas, int i, int* he
         filled = true;
       }
     }
-    // All four corners left within the same stride, and the cell was good
-    // at the stop before: its inside is as good there. Closing it would send
-    // every inside vertex back to z = 0 (interpolation keeps the finite pass
-    // from closing equal cells), so it is split from those states instead.
-    if (nfinal == 4 && !filled && L < S && goodbefore<T>(context, canvas, cv, S - L - 1)) {
-      interpolarea<T>(context, canvas, i, cv, w, head);
-      return;
-    }
+    if (nfinal == 4 && !filled) fillfromearlier<T>(context, canvas, i, cv);
     retirecell<T>(canvas, cv);
     canvasdriver::canvasinworkerfinite<T>(canvas, i);
     return;
