@@ -323,6 +323,10 @@ bool processarea(OVCONTEXT* context, AREA* a) {
   }
   fillword(a, w);
   filljulia(a, w);
+  // A Mandelbrot tile with no stack level ready has nothing to be corrected
+  // against: kept, the flag would only stop the driver from closing equal
+  // cells, and a start view then iterated every vertex of every tile.
+  if (!stack && r->type != JULIA) w->idata[JOB_WORD] &= ~static_cast<ITER>(CF_JULIACORRECT);
   if (stack) {
     // The tiles are taken once the pixels are final.
     attachrealm(stack);
