@@ -26,11 +26,6 @@ TEST(ViewHeadlessDeep, AViewOfWidth1e100CompletesCoversTheScreenAndMatchesGmp) {
   runandcheck(deepargs("1e-100"), 16, 20000);
 }
 
-// Disabled: without the idle search's environment scan the view has no
-// series to skip by, and every pixel is iterated in the wide-exponent format
-// for about 2,700 steps: it passes, but takes about five minutes on one
-// worker thread. It is enabled once the environment scan provides the view's
-// environment with its series.
-TEST(ViewHeadlessDeep, DISABLED_AViewOfWidth1e1000CompletesCoversTheScreenAndMatchesGmp) {
+TEST(ViewHeadlessDeep, AViewOfWidth1e1000CompletesCoversTheScreenAndMatchesGmp) {
   runandcheck(deepargs("1e-1000"), 12, 20000);
 }
