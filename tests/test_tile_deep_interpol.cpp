@@ -47,6 +47,9 @@ TEST_P(TileDeepInterpolation, CountsStayExactAndMostIterationsAreSkipped) {
   double sum = countsum(r);
   EXPECT_LT(static_cast<double>(r.iterations), 0.25 * sum)
       << r.iterations << " iterations for a count sum of " << sum;
+  // Cells of one count close as they do without interpolation: next to
+  // these points most of a tile is such cells.
+  EXPECT_LT(r.verticesiterated, 66049 / 4);
 }
 
 std::string casename(const ::testing::TestParamInfo<int>& info) {

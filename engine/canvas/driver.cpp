@@ -24,8 +24,12 @@ constexpr int64_t MAXM = 715825882;
 // Above this canvas maximum 5 * maxiter + 10,000 would overflow an ITER.
 constexpr ITER FAILURELIMITCAP = 429496728;
 // Closure of a finite cell is refused under any of these: with derivative
-// channels or interpolation every cell goes down to full depth.
-constexpr unsigned int NOCLOSURE = CF_JULIACORRECT | CF_JULIA | CF_DERIVATIVE | CF_INTERPOL;
+// channels, or pixels to be handed to the Julia stack, every cell goes down
+// to full depth. Interpolation is not among them: a cell of one count is
+// that count whether its corners began at z = 0 or at a filled state, and a
+// live interpolation cell inside a closed one still ends on the finite
+// lists when it retires or splits.
+constexpr unsigned int NOCLOSURE = CF_JULIACORRECT | CF_JULIA | CF_DERIVATIVE;
 
 using canvaskernels::gridshift;
 using canvaskernels::jobenvironment;
