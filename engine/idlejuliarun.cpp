@@ -125,6 +125,8 @@ void idlestartjulia(OVCONTEXT* context, VIEWPORT* v) {
   v->flags |= VP_IDLE;
   attachhpv(v->delta);
   v->idle_delta = v->delta;
+  // The budget grows with the depth the run starts at.
+  v->idle_zoom = v->zoom;
   attachhpv(r->info.c);
   v->idle_m = r->info.c;
   v->idle_miter = r->info.iter;
