@@ -262,6 +262,16 @@ void worker_juliastack_return(OVCONTEXT* context, WORKER* worker) {
   freeworker(context, worker);
 }
 
+void stopjuliastackworkers(OVCONTEXT* context) {
+  for (WORKER* w = context->juliastackworker; w; w = w->nextother) {
+    atomicstore(&w->stop, true);
+    REALM* realm = static_cast<REALM*>(w->pdata[JST_REALM]);
+    // The level is not finished: it is dropped with everything above the
+    // ready ones, so that it is started afresh when it is asked for again.
+    stopjuliastackcomputation(context, realm);
+  }
+}
+
 bool juliamipmap(OVCONTEXT* context, REALM* realm, int s) {
   JULIASTACKDATA* L = &realm->juliastack[s];
   if (!locktiles(context, L)) return false;
