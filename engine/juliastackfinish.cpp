@@ -246,8 +246,11 @@ void worker_juliastack_return(OVCONTEXT* context, WORKER* worker) {
     unlocktiles(context, &realm->jstdforworker, stopped ? 0 : JCUNLOCK_DIRTY);
     freesnapshot(context, realm);
   }
-  if (!stopped && L->worker == worker) {
-    L->worker = nullptr;
+  // A stopped worker that still stands for its level leaves no pointer to a
+  // record that goes back to the pool here.
+  bool own = L->worker == worker;
+  if (own) L->worker = nullptr;
+  if (!stopped && own) {
     if (juliamipmap(context, realm, s))
       levelready(context, realm, s);
     else
