@@ -300,3 +300,42 @@ TEST(Bypass2, AJobWaitingForABufferGoesHomeAtShutdown) {
   ASSERT_TRUE(relaunchcontext(c));
   s.e.onmain([&](OVCONTEXT*) { s.a->worker = nullptr; });
 }
+
+TEST(Bypass2, AJobStoppedWhileItWaitsPassesTheNextBufferOnAndGoesHome) {
+  SCENE s;
+  std::vector<PREPIXELS*> taken;
+  int count = 0;
+  s.e.onmain([&](OVCONTEXT* c) {
+    taken = takeallbuffers(c);
+    ASSERT_FALSE(taken.empty());
+    count = atomicload(&s.realm->count);
+    WORKER* w = s.job(c);
+    s.a->worker = w;
+    dispatch(c, w);
+  });
+  waitfor([&] {
+    WORKER* p = nullptr;
+    s.e.onmain([&](OVCONTEXT* c) { p = parked(c); });
+    return p != nullptr;
+  });
+  s.e.onmain([&](OVCONTEXT* c) {
+    // The area is dropped while its job waits: the job is stopped.
+    resetarea(c, s.a, true);
+    EXPECT_EQ(s.a->worker, nullptr);
+    removeprepixels(c, taken.back());
+    taken.pop_back();
+  });
+  s.e.waitidle();
+  s.e.onmain([&](OVCONTEXT* c) {
+    EXPECT_EQ(parked(c), nullptr);
+    EXPECT_EQ(s.a->texture[CHANNEL_COUNT], nullptr);
+    EXPECT_EQ(s.a->prepixels, nullptr);
+    EXPECT_FALSE(s.a->flags & (A_INPPPROGRAM | A_PRECALCULATED));
+    EXPECT_EQ(atomicload(&s.realm->count), count);
+    // The buffer it was handed is free again, with all others still held.
+    PREPIXELS* p = addprepixels(c);
+    EXPECT_NE(p, nullptr);
+    if (p) taken.push_back(p);
+    for (PREPIXELS* b : taken) removeprepixels(c, b);
+  });
+}
