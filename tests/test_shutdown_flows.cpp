@@ -192,13 +192,14 @@ TEST(ShutdownFlows, LevelsQueuedForTheFinishingWorkerAreAllReleased) {
   s.e.waitidle();
   holding.store(false);
   s.e.onmain([&](OVCONTEXT* c) {
-    // Level 1 of each stack: the tile jobs go first, then the holder takes
-    // the one worker thread, so the finishing workers the tiles' returns
-    // post can only queue.
+    // Levels 1 and 2 of each stack: the tile jobs go first, then the holder
+    // takes the one worker thread, so the finishing workers the tiles'
+    // returns post can only queue, and each level 2 waits for its level 1.
     for (int k = 0; k < NREALMS; k++) {
       s.anchor(k, 1);
-      s.realm[k]->priojuliastack = 1;  // wanted now: all at priority 0
-      adjustjuliastack(c, s.realm[k], 1, false);
+      s.anchor(k, 2);
+      s.realm[k]->priojuliastack = 2;  // wanted now: all at priority 0
+      adjustjuliastack(c, s.realm[k], 2, false);
     }
     WORKER* hold = addworker(c, THREAD_WORKER, worker_hold);
     hold->prio = 0;
@@ -207,7 +208,11 @@ TEST(ShutdownFlows, LevelsQueuedForTheFinishingWorkerAreAllReleased) {
   waitfor([&] {
     int n = 0;
     s.e.onmain([&](OVCONTEXT* c) { n = queuelength(c); });
-    return holding.load() && n == NREALMS;
+    bool waiting = true;
+    s.e.onmain([&](OVCONTEXT*) {
+      for (REALM* r : s.realm) waiting = waiting && r->juliastack[2].jswait;
+    });
+    return holding.load() && n == NREALMS && waiting;
   });
   std::vector<WORKER*> queued;
   s.e.onmain([&](OVCONTEXT* c) {
@@ -216,6 +221,8 @@ TEST(ShutdownFlows, LevelsQueuedForTheFinishingWorkerAreAllReleased) {
       const JULIASTACKDATA& L = s.realm[k]->juliastack[1];
       EXPECT_EQ(L.nworker, 0);
       EXPECT_NE(L.worker, nullptr);
+      EXPECT_EQ(s.realm[k]->juliastack[2].nworker, 0);
+      EXPECT_NE(s.realm[k]->juliastack[2].c[0][0], nullptr);
       EXPECT_EQ(atomicload(&s.realm[k]->readyjuliastack), 0);
     }
   });
@@ -229,9 +236,12 @@ TEST(ShutdownFlows, LevelsQueuedForTheFinishingWorkerAreAllReleased) {
     REALM* r = s.realm[k];
     EXPECT_EQ(atomicload(&r->readyjuliastack), 0) << "realm " << k;
     EXPECT_EQ(r->calcjuliastack, 0) << "realm " << k;
-    const JULIASTACKDATA& L = r->juliastack[1];
-    EXPECT_EQ(L.worker, nullptr) << "realm " << k;
-    EXPECT_EQ(L.c[0][0], nullptr) << "realm " << k;
+    for (int l = 1; l <= 2; l++) {
+      const JULIASTACKDATA& L = r->juliastack[l];
+      EXPECT_EQ(L.worker, nullptr) << "realm " << k << " level " << l;
+      EXPECT_EQ(L.c[0][0], nullptr) << "realm " << k << " level " << l;
+      EXPECT_FALSE(L.jswait) << "realm " << k << " level " << l;
+    }
     EXPECT_EQ(r->jstdforworker.m, nullptr) << "realm " << k;
     EXPECT_EQ(r->jstdforworker.e, nullptr) << "realm " << k;
     EXPECT_EQ(r->jstdforworker.c[0][0], nullptr) << "realm " << k;
@@ -243,12 +253,15 @@ TEST(ShutdownFlows, LevelsQueuedForTheFinishingWorkerAreAllReleased) {
   // through the same queue.
   ASSERT_TRUE(relaunchcontext(c));
   s.e.onmain([&](OVCONTEXT* ctx) {
-    for (int k = 0; k < NREALMS; k++) adjustjuliastack(ctx, s.realm[k], 1, false);
+    for (int k = 0; k < NREALMS; k++) adjustjuliastack(ctx, s.realm[k], 2, false);
   });
-  waitfor([&] { return s.allready(1); });
+  waitfor([&] { return s.allready(2); });
   s.e.waitidle();
   s.e.onmain([&](OVCONTEXT* ctx) {
     EXPECT_EQ(ctx->juliastackworker, nullptr);
-    for (REALM* r : s.realm) EXPECT_EQ(r->juliastack[1].worker, nullptr);
+    for (REALM* r : s.realm) {
+      EXPECT_EQ(r->juliastack[1].worker, nullptr);
+      EXPECT_EQ(r->juliastack[2].worker, nullptr);
+    }
   });
 }
