@@ -25,6 +25,25 @@ void expectnorun(OVCONTEXT* c, VIEWPORT* v) {
   EXPECT_EQ(atomicload(&c->computertotalwidth), 0);
 }
 
+std::atomic<bool> holding{false};
+
+// Keeps the one worker thread busy until the engine stops.
+void worker_hold(OVCONTEXT* context, WORKER* worker) {
+  holding.store(true);
+  while (!atomicload(&context->grworker.stop)) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  freeworker(context, worker);
+}
+
+void hold(TileEngine& e) {
+  holding.store(false);
+  e.onmain([](OVCONTEXT* c) {
+    WORKER* w = addworker(c, THREAD_WORKER, worker_hold);
+    w->prio = 0;
+    dispatch(c, w);
+  });
+  waitfor([] { return holding.load(); });
+}
+
 }  // namespace
 
 TEST(ShutdownFlows, AGeneralViewsEndlessIdleRunEndsAndGivesBackWhatItHeld) {
@@ -104,20 +123,38 @@ TEST(ShutdownFlows, AJuliaViewsIdleRunEndsAndGivesBackWhatItHeld) {
   j.waitrest();
 }
 
+TEST(ShutdownFlows, AJuliaViewsIdleRunThatNeverStartedGoesHomeAtShutdown) {
+  JULIAVIEW j({0.1, 0}, false);
+  const int DEEP = 2000;
+  moveto(j.e, j.v, "0.3", "0", zoomof(DEEP), DEEP + 100);
+  POOLCOUNTS before{};
+  j.e.onmain([&](OVCONTEXT* c) { before = poolcounts(c); });
+  // The one worker thread is busy: the run waits in the queue.
+  hold(j.e);
+  activateviewport(j.e.context, j.v, 1);
+  j.e.onmain([&](OVCONTEXT*) {
+    EXPECT_TRUE(j.v->flags & VP_IDLE);
+    EXPECT_NE(j.v->idle_worker, nullptr);
+    EXPECT_EQ(j.v->idle_iter, 0);
+  });
+  shutdowncontext(j.e.context, false);
+  OVCONTEXT* c = j.e.context;
+  expectnorun(c, j.v);
+  EXPECT_EQ(j.v->idle_m, nullptr);
+  EXPECT_EQ(j.v->enonsat, nullptr);
+  POOLCOUNTS after = poolcounts(c);
+  EXPECT_EQ(after, (POOLCOUNTS{0, before.ienvironment, after.ihpvalue, before.itask,
+                               before.mem_envrefdata}));
+  ASSERT_TRUE(relaunchcontext(c));
+  moveto(j.e, j.v, "1.5", "0", zoomof(10), 128);
+  j.waitrest();
+}
+
 // ---------------------------------------------------------------- the stack's queue
 
 namespace {
 
 constexpr int NREALMS = 3;
-
-std::atomic<bool> holding{false};
-
-// Keeps the one worker thread busy until the engine stops.
-void worker_hold(OVCONTEXT* context, WORKER* worker) {
-  holding.store(true);
-  while (!atomicload(&context->grworker.stop)) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  freeworker(context, worker);
-}
 
 struct STACKS {
   enginetest::Engine e{4};
@@ -201,9 +238,9 @@ TEST(ShutdownFlows, LevelsQueuedForTheFinishingWorkerAreAllReleased) {
       s.realm[k]->priojuliastack = 2;  // wanted now: all at priority 0
       adjustjuliastack(c, s.realm[k], 2, false);
     }
-    WORKER* hold = addworker(c, THREAD_WORKER, worker_hold);
-    hold->prio = 0;
-    dispatch(c, hold);
+    WORKER* holder = addworker(c, THREAD_WORKER, worker_hold);
+    holder->prio = 0;
+    dispatch(c, holder);
   });
   waitfor([&] {
     int n = 0;
