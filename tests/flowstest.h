@@ -156,6 +156,20 @@ struct GENERALVIEW {
   void waitfinish(int n) { waitfor([&] { return count.finish.load() >= n; }); }
 };
 
+// Level s of `realm` takes the parameter m with its environment e, each with
+// a reference of its own: a level computed by canvas jobs.
+inline void anchorlevel(REALM* realm, int s, HPVALUE* m, ENVIRONMENT* e) {
+  JULIASTACKDATA* L = &realm->juliastack[s];
+  attachhpv(m);
+  L->m = m;
+  attache(e);
+  L->e = e;
+  L->bypass = false;
+  L->iter = 0;
+  L->miter = 0;
+  if (s > realm->maxjuliastack) realm->maxjuliastack = s;
+}
+
 // Sends the view to the exact point given in decimals at `zoom`.
 inline void moveto(TileEngine& e, VIEWPORT* v, const char* re, const char* im, HFLOATCOMPLEX zoom,
                    mp_bitcnt_t bits) {

@@ -8,11 +8,11 @@
 #include <cstddef>
 #include <vector>
 
+#include "bypass.h"
 #include "canvas/render.h"
-#include "test_juliastack.h"
-#include "test_viewport.h"
+#include "flowstest.h"
 
-using namespace viewporttest;
+using namespace flowstest;
 
 namespace {
 
@@ -48,7 +48,7 @@ struct SCENE {
       realm->info.c = m;
       attachhpv(m);
       env = adde(c, m->v[0], m->v[1], 128);
-      for (int s = 0; s < LEVEL; s++) anchor(s);
+      for (int s = 0; s < LEVEL; s++) anchorlevel(realm, s, m, env);
       adjustjuliastack(c, realm, LEVEL - 1, false);
     });
     waitfor([&] { return atomicload(&realm->readyjuliastack) >= LEVEL - 1; });
@@ -72,15 +72,6 @@ struct SCENE {
     e.waitidle();
     detachrealm(e.context, realm);
     e.onmain([](OVCONTEXT*) {});
-  }
-  void anchor(int s) {
-    JULIASTACKDATA* L = &realm->juliastack[s];
-    attachhpv(m);
-    L->m = m;
-    attache(env);
-    L->e = env;
-    L->miter = 0;
-    if (s > realm->maxjuliastack) realm->maxjuliastack = s;
   }
   // The realm's area whose pixels have the level's size, at 0 and up.
   AREA* areaof(OVCONTEXT* c) {

@@ -191,17 +191,7 @@ struct STACKS {
     for (REALM* r : realm) detachrealm(e.context, r);
     e.onmain([](OVCONTEXT*) {});
   }
-  void anchor(int k, int s) {
-    JULIASTACKDATA* L = &realm[k]->juliastack[s];
-    attachhpv(m[k]);
-    L->m = m[k];
-    attache(env[k]);
-    L->e = env[k];
-    L->bypass = false;
-    L->iter = 0;
-    L->miter = 0;
-    if (s > realm[k]->maxjuliastack) realm[k]->maxjuliastack = s;
-  }
+  void anchor(int k, int s) { anchorlevel(realm[k], s, m[k], env[k]); }
   bool allready(int s) {
     for (REALM* r : realm)
       if (atomicload(&r->readyjuliastack) < s) return false;
