@@ -89,6 +89,46 @@ TEST(ShutdownFlows, AGeneralViewsEndlessIdleRunEndsAndGivesBackWhatItHeld) {
   g.waitfinish(finishes + 1);
 }
 
+TEST(ShutdownFlows, AMoveWhoseScanWaitsWithTheStoppedRunsEndParkedBehindItEndsAtShutdown) {
+  GENERALVIEW g;
+  g.waitfinish(1);
+  waitfor([&] {
+    bool rest = false;
+    g.e.onmain([&](OVCONTEXT*) { rest = !(g.v->flags & (VP_IDLE | VP_MOVING)); });
+    return rest;
+  });
+  POOLCOUNTS before{};
+  g.e.onmain([&](OVCONTEXT* c) {
+    before = poolcounts(c);
+    g.v->idle_maxiter = 0x3FFFFFFE;
+    idlestart(c, g.v);
+  });
+  // The worker thread is busy: the scan's run of the moved centre waits in
+  // the queue, the view stays moving, and the run that the move stopped
+  // (its graph is served by the main thread as well) parks its end.
+  hold(g.e);
+  moveto(g.e, g.v, "0.001", "0", zoomof(2), 64);
+  waitfor([&] {
+    bool parked = false;
+    g.e.onmain([&](OVCONTEXT*) {
+      parked = (g.v->flags & VP_MOVING) && g.v->movemsg && g.v->movemsg->workerproc == worker_idlefinish;
+    });
+    return parked;
+  });
+  shutdowncontext(g.e.context, false);
+  OVCONTEXT* c = g.e.context;
+  expectnorun(c, g.v);
+  EXPECT_FALSE(g.v->flags & VP_MOVING);
+  EXPECT_EQ(g.v->movemsg, nullptr);
+  POOLCOUNTS after = poolcounts(c);
+  EXPECT_EQ(after, (POOLCOUNTS{0, before.ienvironment, after.ihpvalue, before.itask,
+                               before.mem_envrefdata}));
+  ASSERT_TRUE(relaunchcontext(c));
+  int finishes = g.count.finish.load();
+  redraw(c, g.v);
+  g.waitfinish(finishes + 1);
+}
+
 TEST(ShutdownFlows, AJuliaViewsIdleRunEndsAndGivesBackWhatItHeld) {
   JULIAVIEW j({0.1, 0}, false);
   const int DEEP = 2000;
