@@ -82,6 +82,7 @@ TEST(ShutdownFlows, AGeneralViewsEndlessIdleRunEndsAndGivesBackWhatItHeld) {
   EXPECT_EQ(after, (POOLCOUNTS{0, before.ienvironment, before.ihpvalue, before.itask,
                                before.mem_envrefdata}));
   EXPECT_NE(g.v->enonsat, standard);
+  EXPECT_FALSE(g.julia->flags & R_IDLE);
   ASSERT_TRUE(relaunchcontext(c));
   int finishes = g.count.finish.load();
   // Back on, the view scans and completes again.
