@@ -183,6 +183,8 @@ TEST(ShutdownFlows, AJuliaViewsIdleRunThatNeverStartedGoesHomeAtShutdown) {
   expectnorun(c, j.v);
   EXPECT_EQ(j.v->idle_m, nullptr);
   EXPECT_EQ(j.v->enonsat, nullptr);
+  // Stopped before it began: not one round was iterated.
+  EXPECT_EQ(j.v->idle_iter, 0);
   POOLCOUNTS after = poolcounts(c);
   EXPECT_EQ(after, (POOLCOUNTS{0, before.ienvironment, after.ihpvalue, before.itask,
                                before.mem_envrefdata}));
