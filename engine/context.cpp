@@ -15,6 +15,7 @@
 
 #include "Mandelbrot.h"
 #include "canvas/render.h"
+#include "juliastack.h"
 #include "pool.h"
 
 namespace {
@@ -401,6 +402,9 @@ void shutdowncontext(OVCONTEXT* context, bool cachejc) {
 
   // Pending corrections hold areas that the views' deactivation may reset.
   while (context->ijuliacachepp != 0) finishjuliacorrect(context);
+  // A level's finishing job can run for long, and its level cannot become
+  // ready without the threads: the queue goes home stopped.
+  stopjuliastackworkers(context);
   join(context, 2);
   for (int i = 3; i < context->nthread; i++) {
     join(context, i);

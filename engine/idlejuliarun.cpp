@@ -73,8 +73,10 @@ void worker_idlejulia(OVCONTEXT* context, WORKER* worker) {
   HFLOATCOMPLEX vv[T] = {};
   vv[1] = CONEH;
   ITER k = 0;
-  bool ok = grow(context, e, FIRSTPOINTS);
-  while (ok) {
+  // A run stopped before it began iterates nothing and goes home.
+  bool stopped = atomicload(&worker->stop);
+  bool ok = stopped || grow(context, e, FIRSTPOINTS);
+  while (ok && !stopped) {
     HFLOATCOMPLEX z = cHF(mpf_get_HF(o.x), mpf_get_HF(o.y));
     mpf_mul(o.t, o.x, o.x);
     mpf_mul(o.u, o.y, o.y);
@@ -125,6 +127,8 @@ void idlestartjulia(OVCONTEXT* context, VIEWPORT* v) {
   v->flags |= VP_IDLE;
   attachhpv(v->delta);
   v->idle_delta = v->delta;
+  // The budget grows with the depth the run starts at.
+  v->idle_zoom = v->zoom;
   attachhpv(r->info.c);
   v->idle_m = r->info.c;
   v->idle_miter = r->info.iter;

@@ -79,6 +79,10 @@ void juliastack(OVCONTEXT* context, REALM* realm, int s);
 // Runs the finishing worker at the head of the queue: for `worker_juliastack`
 // the level is copied and its tiles locked first.
 void dispatch_juliastack_worker(OVCONTEXT* context);
+// Shutdown, with the main thread joined: every finishing worker queued or
+// running is stopped and the unfinished levels of its realm are dropped;
+// each worker goes home without finishing its level.
+void stopjuliastackworkers(OVCONTEXT* context);
 // Worker thread: resolves the pixels of a level that end inside the level.
 void worker_juliastack(OVCONTEXT* context, WORKER* worker);
 // Main thread: the level is ready.

@@ -246,8 +246,11 @@ void worker_juliastack_return(OVCONTEXT* context, WORKER* worker) {
     unlocktiles(context, &realm->jstdforworker, stopped ? 0 : JCUNLOCK_DIRTY);
     freesnapshot(context, realm);
   }
-  if (!stopped && L->worker == worker) {
-    L->worker = nullptr;
+  // A stopped worker that still stands for its level leaves no pointer to a
+  // record that goes back to the pool here.
+  bool own = L->worker == worker;
+  if (own) L->worker = nullptr;
+  if (!stopped && own) {
     if (juliamipmap(context, realm, s))
       levelready(context, realm, s);
     else
@@ -260,6 +263,16 @@ void worker_juliastack_return(OVCONTEXT* context, WORKER* worker) {
   __detachrealm(context, realm);
   popjuliastackworker(context, worker);
   freeworker(context, worker);
+}
+
+void stopjuliastackworkers(OVCONTEXT* context) {
+  for (WORKER* w = context->juliastackworker; w; w = w->nextother) {
+    atomicstore(&w->stop, true);
+    REALM* realm = static_cast<REALM*>(w->pdata[JST_REALM]);
+    // The level is not finished: it is dropped with everything above the
+    // ready ones, so that it is started afresh when it is asked for again.
+    stopjuliastackcomputation(context, realm);
+  }
 }
 
 bool juliamipmap(OVCONTEXT* context, REALM* realm, int s) {
