@@ -126,9 +126,12 @@ void markjuliasamelevel(PREPIXEL* pixels, int s) {
 namespace {
 
 // The orbit of a start point of the level under z^2 + m, to escape or into
-// the seed's attractor, at most `limit` steps. The result is finished.
+// the seed's attractor, at most `limit` steps. The result is finished;
+// false, with the pixel untouched, when `stop` was raised meanwhile (one
+// such orbit may run 10^8 steps, and a shutdown must not wait for it).
 template <typename FLOAT>
-void extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd, ITER limit) {
+bool extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd, ITER limit,
+                  volatile bool* stop) {
   typedef NUM<FLOAT> N;
   typedef typename N::COMPLEX COMPLEX;
   float px = p->x, py = p->y;
@@ -147,6 +150,7 @@ void extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd, ITER 
   ITER k = 0;
   ITER sign = 1;
   for (; k < limit; k++) {
+    if ((k & 0xFFFF) == 0xFFFF && stop && atomicload(stop)) return false;
     if (trap && N::less(N::abss(N::csub(z, lim)), r2)) {
       sign = -1;
       break;
@@ -164,16 +168,18 @@ void extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd, ITER 
   p->dx = static_cast<float>(dHF(crealHF(dh)));
   p->dy = static_cast<float>(dHF(cimagHF(dh)));
   p->depth = -1;
+  return true;
 }
 
 constexpr ITER EXTREMEJULIALIMIT = 100000000;
 
-void iterate(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd, unsigned int format) {
+bool iterate(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd, unsigned int format,
+             volatile bool* stop) {
   switch (format) {
-    case 16: extremejulia<float>(p, s, jss, jstd, EXTREMEJULIALIMIT); break;
-    case 32: extremejulia<double>(p, s, jss, jstd, EXTREMEJULIALIMIT); break;
-    case 48: extremejulia<long double>(p, s, jss, jstd, EXTREMEJULIALIMIT); break;
-    default: extremejulia<HFLOAT>(p, s, jss, jstd, EXTREMEJULIALIMIT); break;
+    case 16: return extremejulia<float>(p, s, jss, jstd, EXTREMEJULIALIMIT, stop);
+    case 32: return extremejulia<double>(p, s, jss, jstd, EXTREMEJULIALIMIT, stop);
+    case 48: return extremejulia<long double>(p, s, jss, jstd, EXTREMEJULIALIMIT, stop);
+    default: return extremejulia<HFLOAT>(p, s, jss, jstd, EXTREMEJULIALIMIT, stop);
   }
 }
 
@@ -206,7 +212,7 @@ int resolvejuliastacklevel(OVCONTEXT* context, const JULIASTACKDATA* jstd, int s
     float x, y;
     if (!p || !samelevel(p, s, &x, &y)) continue;
     if (!jstd->m) continue;
-    iterate(p, s, context->juliasizeshift, jstd, format);
+    if (!iterate(p, s, context->juliasizeshift, jstd, format, stop)) return -1;
     iterated++;
     // Whatever ends on it is finished with it.
     if (context->jsref[k] != -1) rec2(context, L, k);

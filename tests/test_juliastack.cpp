@@ -4,8 +4,10 @@
 // up and checked against the plain orbit of their start points.
 #include "test_juliastack.h"
 
+#include <chrono>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 using namespace jstacktest;
@@ -126,6 +128,27 @@ TEST(JuliaStackResolve, ACycleInsideTheLevelIsIteratedOutInTheLevelsFormat) {
   EXPECT_EQ(c.iter, 6 + plain);
   EXPECT_EQ(a.iter, 4 + c.iter);
   EXPECT_EQ(b.data[k(200, 200)].iter, 1 + c.iter);
+}
+
+TEST(JuliaStackResolve, AStopReachesAnOrbitThatNeverEnds) {
+  // c = -1 has an attracting 2-cycle, and with no trap given the orbit of
+  // the pixel never ends: 10^8 steps in the wide format would take many
+  // seconds. Raised meanwhile, the stop ends the level with the pixel as
+  // it was.
+  BARELEVEL b(CD(-1.0, 0.0));
+  for (int k = 0; k < NPREPIXEL; k++) b.data[k] = PREPIXEL{2, 0, 0, 1, 0, -1};
+  const int k = 30 * 256 + 40;
+  b.data[k] = PREPIXEL{3, BARELEVEL::at(40), BARELEVEL::at(30), 1, 0, JULIASAMELEVEL};
+  volatile bool stop = false;
+  std::thread raiser([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    atomicstore(&stop, true);
+  });
+  int n = resolvejuliastacklevel(b.context, &b.L, 0, R_PRECHFLOAT, &stop);
+  raiser.join();
+  EXPECT_EQ(n, -1);
+  EXPECT_EQ(b.data[k].depth, JULIASAMELEVEL);
+  EXPECT_EQ(b.data[k].iter, 3);
 }
 
 // ------------------------------------------------------------ on a running engine
