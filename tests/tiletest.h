@@ -253,7 +253,9 @@ enum class PERIOD { CONFIRMED, ESCAPED, SMALLER, UNSETTLED };
 // until z_n comes back to within `tolerance` of z_(n - period), or for `cap`
 // steps, after which a return to within `loose` still counts when no proper
 // divisor of the period comes ten times as near (the slow approach beside a
-// parabolic point). A proper divisor that returns as well answers SMALLER
+// parabolic point); where the last step finds no return, one at any of the
+// last `period` steps does, since the distance of a slowly attracted orbit to
+// its earlier pass swings from one step to the next. A proper divisor that returns as well answers SMALLER
 // (its value in *divisor), an escape ESCAPED, no return UNSETTLED.
 inline PERIOD bruteforceperiod(long double cr, long double ci, int period, int64_t cap,
                                long double tolerance, long double loose, int* divisor) {
@@ -285,13 +287,18 @@ inline PERIOD bruteforceperiod(long double cr, long double ci, int period, int64
     }
     return PERIOD::CONFIRMED;
   };
+  bool settled = false;
   for (int64_t n = 0; n < cap; n++) {
     long double nx = x * x - y * y + cr;
     long double ny = 2 * x * y + ci;
     if (nx * nx + ny * ny > 4) return PERIOD::ESCAPED;
     x = nx, y = ny;
     if (n >= period + 64 && distance(n, period) < tolerance) return judge(n, tolerance);
-    if (n == cap - 1) return judge(n, loose);
+    if (n >= cap - period) {
+      PERIOD v = judge(n, loose);
+      if (n == cap - 1) return v == PERIOD::UNSETTLED && settled ? PERIOD::CONFIRMED : v;
+      settled = settled || v == PERIOD::CONFIRMED;
+    }
     int slot = static_cast<int>(n % period);
     rx[slot] = x;
     ry[slot] = y;
