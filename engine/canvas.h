@@ -76,7 +76,13 @@ constexpr int JOB_JULIAFRAME = 16;  // pdata: const JULIASTACKDATA*
 // The number format of a job: CF_MODEPREC of its word, or by its depth when
 // that is 0. Returns the format's MODE (16, 32, 48, 64), or 0 after printing
 // "MSG_CANVAS_CALC: Not supported." for any other forced value.
-unsigned int canvasformat(unsigned int word, int depth);
+// `absolute`: the job has no environment, so a Mandelbrot orbit is z itself
+// in the format, from depth ABSOLUTEDOUBLEDEPTH + 1 on in long double.
+unsigned int canvasformat(unsigned int word, int depth, bool absolute = false);
+// The deepest area whose absolute Mandelbrot orbits double carries: below it
+// the rounding of z, amplified along the long orbits next to the boundary,
+// reaches the pixel and the counts part from the exact ones.
+constexpr int ABSOLUTEDOUBLEDEPTH = 24;
 
 // Picks the format of `worker`'s job and prepares the worker's canvas for it
 // (`initcanvas` of that format, grid of 2^8 + 1, interpolation step 32).

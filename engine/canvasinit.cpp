@@ -302,12 +302,13 @@ template void removecanvas<CANVASTEMPLATE_hfloat>(OVCONTEXT*, CANVAS_hfloat*);
 
 }  // namespace canvasmodel
 
-unsigned int canvasformat(unsigned int word, int depth) {
+unsigned int canvasformat(unsigned int word, int depth, bool absolute) {
   unsigned int mode = word & CF_MODEPREC;
   if (mode == 0) {
     // A Julia point at depth n needs about twice the range of a Mandelbrot one.
     if (word & CF_JULIA) return depth <= 124 ? 32u : depth <= 1599 ? 48u : 64u;
-    return depth <= 499 ? 32u : depth <= 7999 ? 48u : 64u;
+    const int doubledepth = absolute ? ABSOLUTEDOUBLEDEPTH : 499;
+    return depth <= doubledepth ? 32u : depth <= 7999 ? 48u : 64u;
   }
   if (mode == 16 || mode == 32 || mode == 48 || mode == 64) return mode;
   fputs("MSG_CANVAS_CALC: Not supported.\n", stderr);
@@ -318,7 +319,8 @@ unsigned int canvas_calc_initcanvas(OVCONTEXT* context, WORKER* worker) {
   CANVAS0* canvas = worker->canvas;
   if (!canvas) return 0;
   unsigned int mode =
-      canvasformat(static_cast<unsigned int>(worker->idata[JOB_WORD]), worker->idata[JOB_DEPTH]);
+      canvasformat(static_cast<unsigned int>(worker->idata[JOB_WORD]), worker->idata[JOB_DEPTH],
+                   worker->pdata[JOB_ENVIRONMENT] == nullptr);
   // One buffer serves every format: the shared tail sits at one offset.
   switch (mode) {
     case 16:

@@ -888,9 +888,11 @@ bool zfactorlooks(unsigned int mode) {
   return std::fabs(got / want - 1) < 1e-6;
 }
 
-void expectjobformat(unsigned int word, int depth, unsigned int mode) {
+void expectjobformat(unsigned int word, int depth, unsigned int mode,
+                     ENVIRONMENT* e = nullptr) {
   memset(static_cast<void*>(gcanvas), 0, offsetof(CANVAS0, idata));
   JOB job(word, depth);
+  job.w.pdata[JOB_ENVIRONMENT] = e;
   EXPECT_EQ(canvas_calc_initcanvas(gcontext, &job.w), mode);
   EXPECT_TRUE(zfactorlooks(mode)) << depth;
   EXPECT_EQ(gcanvas->__worker, &job.w);
@@ -898,10 +900,27 @@ void expectjobformat(unsigned int word, int depth, unsigned int mode) {
 }
 
 TEST(CanvasFormat, EdgeDepth500IsLongDoubleAnd8000IsHfloat) {
-  expectjobformat(0, 499, 32);
-  expectjobformat(0, 500, 48);
+  ENVIRONMENT* e = static_cast<ENVIRONMENT*>(calloc(1, sizeof(ENVIRONMENT)));
+  e->flags = E_PERIODIC;
+  expectjobformat(0, 499, 32, e);
+  expectjobformat(0, 500, 48, e);
+  expectjobformat(0, 7999, 48, e);
+  expectjobformat(0, 8000, 64, e);
+  free(e);
+}
+
+// Without an environment the orbit is z itself, which double carries only
+// to the depth of ABSOLUTEDOUBLEDEPTH.
+TEST(CanvasFormat, EdgeWithoutEnvironmentDepth25IsLongDouble) {
+  expectjobformat(0, ABSOLUTEDOUBLEDEPTH, 32);
+  expectjobformat(0, ABSOLUTEDOUBLEDEPTH + 1, 48);
   expectjobformat(0, 7999, 48);
   expectjobformat(0, 8000, 64);
+  expectjobformat(CF_JULIA, 124, 32);
+  EXPECT_EQ(canvasformat(0, ABSOLUTEDOUBLEDEPTH + 1, true), 48u);
+  EXPECT_EQ(canvasformat(0, ABSOLUTEDOUBLEDEPTH + 1, false), 32u);
+  EXPECT_EQ(canvasformat(CF_JULIA, 124, true), 32u);
+  EXPECT_EQ(canvasformat(32, 400, true), 32u);
 }
 
 TEST(CanvasFormat, EdgeJuliaDepth125IsLongDoubleAnd1600IsHfloat) {

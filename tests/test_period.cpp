@@ -585,3 +585,26 @@ TYPED_TEST(Period, MaxiterReachedWithoutDecisionIsZero) {
 }
 
 }  // namespace
+
+namespace {
+
+// A point inside a component of period 80 in seahorse valley, as a canvas
+// of depth 4 spreads a neighbour's period 72 to it: 72 is repelling there,
+// and the angle search finds the bulb period 720 = 10 x 72, which is also
+// 9 x 80.
+CANVASTEMPLATE_double::COMPLEX seahorsepoint() {
+  return {-0.98996466666666638 + 26.5 / 256, 0.010035333333333618 + 54.5 / 256};
+}
+
+}  // namespace
+
+TEST(PeriodSpread, AngleSearchResultComesToTheLeastPeriod) {
+  for (bool divisorcheck : {false, true}) {
+    CANVASTEMPLATE_double::COMPLEX c = seahorsepoint();
+    CANVASTEMPLATE_double::INFTYDATA data{};
+    unsigned int flags = 0;
+    ITER r = checkperiod_double(-8, &c, 72, 0x7FFFFFFF, 1, divisorcheck, &data, &flags, nullptr,
+                                nullptr, nullptr, nullptr, nullptr);
+    EXPECT_EQ(r, divisorcheck ? 80 : 720) << divisorcheck;
+  }
+}

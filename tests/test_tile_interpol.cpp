@@ -41,11 +41,10 @@ std::string nameof(const ::testing::TestParamInfo<int>& info) {
   return tilename(BOUNDARYTILES[info.param]);
 }
 
-// Left out, as reported: Needle12 without the flags closes the whole tile at
-// level 0 on four equal corners (4 vertices, 28 iterations, 56.9% equal);
-// Seahorse40 differs on 0.6%, where double without a reference orbit no
-// longer carries the orbits and either run is as wrong as the other.
-bool leftout(int t) { return t == 8 || t == 13; }
+// Left out, as reported: Seahorse40 differs on 0.65%, where long double
+// without a reference orbit no longer carries the orbits at depth 40 and
+// either run is as wrong as the other.
+bool leftout(int t) { return t == 8; }
 std::vector<int> tiles(bool out) {
   std::vector<int> v;
   for (int t = 0; t < NBOUNDARYTILES; t++) {
@@ -55,7 +54,7 @@ std::vector<int> tiles(bool out) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Boundary, TileInterpolation, ::testing::ValuesIn(tiles(false)), nameof);
-INSTANTIATE_TEST_SUITE_P(DISABLED_ClosureAndPrecision, TileInterpolation,
+INSTANTIATE_TEST_SUITE_P(DISABLED_Precision, TileInterpolation,
                          ::testing::ValuesIn(tiles(true)), nameof);
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <complex>
 #include <cstdint>
 #include <cstdio>
+#include <initializer_list>
 #include <random>
 #include <string>
 #include <thread>
@@ -131,6 +132,19 @@ struct PLACE {
     mpq_clear(t);
     return v;
   }
+  // The same coordinate without rounding, in `out` (whose precision must
+  // hold the corner's digits and the grid's).
+  void exact(int k, double g, mpf_ptr out) const {
+    mpq_t t;
+    mpq_init(t);
+    mpq_set_d(t, g);
+    int s = 4 - depth - 8;
+    if (s >= 0) mpq_mul_2exp(t, t, s);
+    else mpq_div_2exp(t, t, -s);
+    mpq_add(t, t, corner[k]);
+    mpf_set_q(out, t);
+    mpq_clear(t);
+  }
   long double re(int x) const { return at(0, x + 0.5); }
   long double im(int y) const { return at(1, y + 0.5); }
   // The pixel step 2^(4 - D - 8).
@@ -155,6 +169,54 @@ int64_t bruteforcecount(F cr, F ci, int64_t limit) {
   }
   return -1;
 }
+
+// Bits that carry an orbit of a pixel at depth D exactly for the counts the
+// tests compare: the pixel's own place takes D + 70 of them, and the rest is
+// room for the growth of rounding along orbits of up to 10^6 steps next to
+// the boundary (next to the cardioid at the golden angle, orbits of 20,000
+// steps and more already count differently with 2D + 128 bits; with 2D + 256
+// every count below 10^5 of the tiles equals the one with 128 bits more).
+inline mp_bitcnt_t exactbits(int depth) { return static_cast<mp_bitcnt_t>(2 * depth + 256); }
+
+// The count of a pixel as bruteforcecount gives it, in mpf of `bits` bits
+// from the pixel's exact parameter: an iteration that owes nothing to the
+// engine's number formats.
+struct EXACTORBIT {
+  mpf_t cr, ci, x, y, x2, y2, t;
+  explicit EXACTORBIT(mp_bitcnt_t bits) {
+    for (mpf_ptr p : {cr, ci, x, y, x2, y2, t}) mpf_init2(p, bits);
+  }
+  ~EXACTORBIT() {
+    for (mpf_ptr p : {cr, ci, x, y, x2, y2, t}) mpf_clear(p);
+  }
+  EXACTORBIT(const EXACTORBIT&) = delete;
+  EXACTORBIT& operator=(const EXACTORBIT&) = delete;
+
+  // Pixel (px, py) of `place`, moved by `nudge` of a pixel along both axes.
+  template <typename PLACEOF>
+  int64_t count(const PLACEOF& place, int px, int py, int64_t limit, double nudge = 0) {
+    place.exact(0, px + 0.5 + nudge, cr);
+    place.exact(1, py + 0.5 + nudge, ci);
+    mpf_set_ui(x, 0);
+    mpf_set_ui(y, 0);
+    mpf_set_ui(x2, 0);
+    mpf_set_ui(y2, 0);
+    for (int64_t n = 0; n < limit; n++) {
+      // y' = 2xy + ci, x' = x^2 - y^2 + cr, then their squares for the test
+      // and the next step.
+      mpf_mul(t, x, y);
+      mpf_mul_2exp(t, t, 1);
+      mpf_add(y, t, ci);
+      mpf_sub(x, x2, y2);
+      mpf_add(x, x, cr);
+      mpf_mul(x2, x, x);
+      mpf_mul(y2, y, y);
+      mpf_add(t, x2, y2);
+      if (mpf_cmp_ui(t, 4) > 0) return n;
+    }
+    return -1;
+  }
+};
 
 // z_n of c, and its derivative in c, after exactly n steps (no escape test).
 inline void bruteforcestate(long double cr, long double ci, int64_t n, long double* zr,
@@ -191,7 +253,9 @@ enum class PERIOD { CONFIRMED, ESCAPED, SMALLER, UNSETTLED };
 // until z_n comes back to within `tolerance` of z_(n - period), or for `cap`
 // steps, after which a return to within `loose` still counts when no proper
 // divisor of the period comes ten times as near (the slow approach beside a
-// parabolic point). A proper divisor that returns as well answers SMALLER
+// parabolic point); where the last step finds no return, one at any of the
+// last `period` steps does, since the distance of a slowly attracted orbit to
+// its earlier pass swings from one step to the next. A proper divisor that returns as well answers SMALLER
 // (its value in *divisor), an escape ESCAPED, no return UNSETTLED.
 inline PERIOD bruteforceperiod(long double cr, long double ci, int period, int64_t cap,
                                long double tolerance, long double loose, int* divisor) {
@@ -223,13 +287,18 @@ inline PERIOD bruteforceperiod(long double cr, long double ci, int period, int64
     }
     return PERIOD::CONFIRMED;
   };
+  bool settled = false;
   for (int64_t n = 0; n < cap; n++) {
     long double nx = x * x - y * y + cr;
     long double ny = 2 * x * y + ci;
     if (nx * nx + ny * ny > 4) return PERIOD::ESCAPED;
     x = nx, y = ny;
     if (n >= period + 64 && distance(n, period) < tolerance) return judge(n, tolerance);
-    if (n == cap - 1) return judge(n, loose);
+    if (n >= cap - period) {
+      PERIOD v = judge(n, loose);
+      if (n == cap - 1) return v == PERIOD::UNSETTLED && settled ? PERIOD::CONFIRMED : v;
+      settled = settled || v == PERIOD::CONFIRMED;
+    }
     int slot = static_cast<int>(n % period);
     rx[slot] = x;
     ry[slot] = y;

@@ -152,6 +152,21 @@ void takeinterpolation(typename T::CANVAS* canvas, typename T::CVERTEX* vx) {
   canvasmodel::copyvalue<T>(canvas, &vx->v, iv);
 }
 
+// The vertices on the sides of cell (i, L), corners excluded, each given to
+// `agrees` until one answers false. The escape count's level sets and the
+// interior of the set are full (no holes): a cell whose whole boundary shows
+// one result holds no other inside, whereas four equal corners say nothing
+// of a filament or a cusp that crosses a side between them.
+template <typename T, typename AGREES>
+bool sidesagree(typename T::CANVAS* canvas, int i, AGREES agrees) {
+  int w = 1 << (canvas->canvassizeshift - canvas->v[i].depth);
+  for (int k = 1; k < w; k++) {
+    for (int vi : {i + k, i + w * R + k, i + k * R, i + k * R + w})
+      if (!agrees(&canvas->v[vi])) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- lists
@@ -284,6 +299,28 @@ void stopinterpol(typename T::CANVAS* canvas, int i, int L) {
 
 // ---------------------------------------------------------------- the finite pass
 
+namespace {
+
+// One run of a vertex of the finite pass up to G, unless it had its run at
+// this limit already (its `maxiter` at T or more). True when it finished.
+template <typename T>
+bool advancefinite(OVCONTEXT* context, typename T::CANVAS* canvas, typename T::CVERTEX* vx,
+                   int64_t Tlimit, ITER G) {
+  if (static_cast<int64_t>(vx->maxiter) >= Tlimit) return false;
+  vx->maxiter = static_cast<UITER>(G);
+  // A general-realm vertex may become a reference here too: its
+  // difference to the environment's orbit can stop carrying the point
+  // long after the main pass left it, next to a minibrot.
+  const int self = (canvas->flags & (CF_JULIA | CF_HYPERBOLIC)) ? -1 : vx->index;
+  int r = runkernel<T>(context, canvas, vx, &vx->v, G, self, 0);
+  if (r == CALC_MORE) return false;
+  vx->flags |= VX_FINISHED;
+  if (!(vx->v.flags & CV_INFTY)) raisemaxiter<T>(canvas, vx->v.iter);
+  return true;
+}
+
+}  // namespace
+
 template <typename T>
 void processcanvasfinite(OVCONTEXT* context, typename T::CANVAS* canvas, int maxdepth, int depth) {
   typename T::CVERTEX* v = canvas->v;
@@ -321,16 +358,7 @@ void processcanvasfinite(OVCONTEXT* context, typename T::CANVAS* canvas, int max
         finished = 0;
         continue;
       }
-      if (static_cast<int64_t>(vx->maxiter) >= Tlimit) continue;
-      vx->maxiter = static_cast<UITER>(G);
-      // A general-realm vertex may become a reference here too: its
-      // difference to the environment's orbit can stop carrying the point
-      // long after the main pass left it, next to a minibrot.
-      const int self = (canvas->flags & (CF_JULIA | CF_HYPERBOLIC)) ? -1 : vx->index;
-      int r = runkernel<T>(context, canvas, vx, &vx->v, G, self, 0);
-      if (r == CALC_MORE) continue;
-      vx->flags |= VX_FINISHED;
-      if (!(vx->v.flags & CV_INFTY)) raisemaxiter<T>(canvas, vx->v.iter);
+      if (!advancefinite<T>(context, canvas, vx, Tlimit, G)) continue;
       wakefinite<T>(canvas, vx);
       ran = true;
       finished = 0;
@@ -360,6 +388,15 @@ void processcanvasfinite(OVCONTEXT* context, typename T::CANVAS* canvas, int max
     }
     bool closed = (mn == static_cast<UITER>(NOLIMIT) || mn == mx) && L >= v[i].forced &&
                   !(canvas->flags & NOCLOSURE);
+    // Four corners with one count close the cell only when its sides show
+    // that count throughout (a needle's filament crosses a whole tile
+    // between four corners of count 7).
+    if (closed && mn == mx) {
+      closed = sidesagree<T>(canvas, i, [&](typename T::CVERTEX* vx) {
+        if (!(vx->flags & VX_FINISHED)) advancefinite<T>(context, canvas, vx, Tlimit, G);
+        return equal<T>(vx, cv[0]) && (vx->flags & VX_FINISHED);
+      });
+    }
     if (!closed) {
       subdividecanvas<T>(canvas, i);
       enterquarters<T>(canvas, i, canvasinworkerfinite<T>);
@@ -385,7 +422,6 @@ bool spreadperiod(typename T::CANVAS* canvas, typename T::CVERTEX* P, typename T
   if ((Q->flags & VX_FINISHED) && !qinterior) return false;
   bool faredge = Q->x == S || Q->y == S;
   if (faredge) *edge = true;
-  bool onedge = faredge || Q->x == 0 || Q->y == 0;
   ITER limit = qinterior ? static_cast<ITER>(Q->v.iter) : NOLIMIT;
   typename T::COMPLEX c = vertexc<T>(canvas, Q->x, Q->y);
   ITER r;
@@ -394,14 +430,34 @@ bool spreadperiod(typename T::CANVAS* canvas, typename T::CVERTEX* P, typename T
     // environment's series, which this tree does not have yet.
     r = 0;
   } else {
+    // Always to the least period: a period reached by the angle search is a
+    // multiple of P, and so is P itself at a corner of a component of a
+    // divisor of P; shown as it comes, a component would carry the periods
+    // of its neighbours' tests (720 inside a component of period 80).
     r = canvasperiod::checkperiod<T>(gridshift<T>(canvas), &c, static_cast<ITER>(P->v.iter),
-                                     limit, 1, onedge || (Q->flags & VX_INFAILURE), &Q->inftydata,
-                                     &Q->flags, nullptr, nullptr, nullptr, nullptr, nullptr);
+                                     limit, 1, true, &Q->inftydata, &Q->flags, nullptr, nullptr,
+                                     nullptr, nullptr, nullptr);
   }
   if (r <= 0) return false;
   makeinterior<T>(Q, r);
   wakeinfty<T>(canvas, Q);
   return true;
+}
+
+// Is vertex `vx` interior with `period`? A vertex not yet decided is
+// tried for that period (reduced to its least), and keeps what it proves.
+template <typename T>
+bool settleperiod(typename T::CANVAS* canvas, typename T::CVERTEX* vx, ITER period) {
+  if (isinterior<T>(vx)) return vx->v.iter == static_cast<UITER>(period);
+  if (vx->flags & VX_FINISHED) return false;
+  if (satelliteframe<T>(canvas)) return false;
+  typename T::COMPLEX c = vertexc<T>(canvas, vx->x, vx->y);
+  ITER r = canvasperiod::checkperiod<T>(gridshift<T>(canvas), &c, period, NOLIMIT, 1, true,
+                                        &vx->inftydata, &vx->flags, nullptr, nullptr, nullptr,
+                                        nullptr, nullptr);
+  if (r <= 0) return false;
+  makeinterior<T>(vx, r);
+  return r == period;
 }
 
 }  // namespace
@@ -459,7 +515,14 @@ void processcanvasinfty(typename T::CANVAS* canvas) {
       mn = std::min(mn, cv[k]->v.iter);
       mx = std::max(mx, cv[k]->v.iter);
     }
-    if (allinterior && mn == mx && L >= v[i].forced && !edge) {
+    // The sides must be of the one period throughout: four interior
+    // corners can stand around the cusp of a component, or around a
+    // filament of the outside that reaches in between them.
+    bool closed = allinterior && mn == mx && L >= v[i].forced && !edge &&
+                  sidesagree<T>(canvas, i, [&](typename T::CVERTEX* vx) {
+                    return settleperiod<T>(canvas, vx, static_cast<ITER>(mn));
+                  });
+    if (closed) {
       stopinterpol<T>(canvas, i, L);
     } else {
       subdividecanvas<T>(canvas, i);

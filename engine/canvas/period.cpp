@@ -176,9 +176,9 @@ ITER periodcore(const MAP& map, int depth, typename T::COMPLEX* cc, ITER iter, I
 
 template <typename T, typename MAP>
 ITER anglesearch(const MAP& map, int depth, typename T::COMPLEX* cc, ITER period, ITER maxiter,
-                 int recursive, typename T::INFTYDATA* data, unsigned int* flags,
-                 typename T::COMPLEX m, typename T::FLOAT* d, typename T::COMPLEX* d1,
-                 typename T::COMPLEX* d2) {
+                 int recursive, bool divisorcheck, typename T::INFTYDATA* data,
+                 unsigned int* flags, typename T::COMPLEX m, typename T::FLOAT* d,
+                 typename T::COMPLEX* d1, typename T::COMPLEX* d2) {
   typedef PNUM<typename T::FLOAT> N;
   double angle = N::arg(m);
   double sign = angle < 0 ? -1.0 : 1.0;
@@ -208,8 +208,11 @@ ITER anglesearch(const MAP& map, int depth, typename T::COMPLEX* cc, ITER period
     double theta = sign * TWOPI * static_cast<double>(p[k] % q[k]) / qd;
     auto centre = N::cfromd((1 + r) * std::cos(theta), (1 + r) * std::sin(theta));
     if (N::less(N::abss(N::csub(m, centre)), N::fromd(r * r))) {
+      // A bulb's period q P may also be a multiple of the point's own least
+      // period (the search started from a multiplier that was not its
+      // cycle's): the caller's reduction goes with it.
       ITER res = periodcore<T>(map, depth, cc, static_cast<ITER>(q[k] * period), maxiter,
-                               recursive - 1, false, data, flags, d, d1, d2);
+                               recursive - 1, divisorcheck, data, flags, d, d1, d2);
       if (res != 0) return res;
     }
   }
@@ -245,15 +248,16 @@ ITER periodcore(const MAP& map, int depth, typename T::COMPLEX* cc, ITER iter, I
       if (recursive == 0) return 0;
       *flags |= bit;
       COMPLEX m = N::cadd(N::creal(N::fromd(1)), data->pdvalue[found]);
-      return anglesearch<T>(map, depth, cc, period, maxiter, recursive, data, flags, m, d, d1, d2);
+      return anglesearch<T>(map, depth, cc, period, maxiter, recursive, divisorcheck, data,
+                            flags, m, d, d1, d2);
     }
     // No room to keep what a search would find: the vertex has spent its
     // budget of periods, and the angle search of a neutral m finds nothing.
     if (data->ipdata >= NPDATA) {
       if (recursive == 0) return 0;
       *flags |= EXPANDEDBIT;
-      return anglesearch<T>(map, depth, cc, period, maxiter, recursive, data, flags,
-                            N::creal(N::fromd(1)), d, d1, d2);
+      return anglesearch<T>(map, depth, cc, period, maxiter, recursive, divisorcheck, data,
+                            flags, N::creal(N::fromd(1)), d, d1, d2);
     }
   }
 
@@ -319,7 +323,8 @@ ITER periodcore(const MAP& map, int depth, typename T::COMPLEX* cc, ITER iter, I
 
   if (!attracting) {
     if (recursive == 0) return 0;
-    return anglesearch<T>(map, depth, cc, period, maxiter, recursive, data, flags, m, d, d1, d2);
+    return anglesearch<T>(map, depth, cc, period, maxiter, recursive, divisorcheck, data, flags,
+                          m, d, d1, d2);
   }
 
   if (!divisorcheck) return period;
@@ -381,8 +386,11 @@ ITER inftycore(const MAP& map, int depth, typename T::COMPLEX* cc, ITER maxiter,
       auto pp = N::abss(p);
       auto crit = N::sub(N::mul(N::abss(q), L), N::mul(factor, N::mul(pp, pp)));
       if (N::negative(crit) && N::less(N::mul(N::abss(m), L), bound)) {
+        // The candidate may be a multiple of the cycle's period: Newton on
+        // the multiple converges where the cycle's own multiplier lies too
+        // near the unit circle, so the result is brought to the least period.
         COMPLEX cl = *cc;
-        r = periodcore<T>(map, depth, &cl, i + 2, MAXPERIOD, RECURSIVESTART, false, nullptr,
+        r = periodcore<T>(map, depth, &cl, i + 2, MAXPERIOD, RECURSIVESTART, true, nullptr,
                           nullptr, d, d1, d2);
         if (r != 0) {
           *cc = cl;
