@@ -137,8 +137,9 @@ TEST(JuliaStackResolve, AStopReachesAnOrbitThatNeverEnds) {
   // it was.
   BARELEVEL b(CD(-1.0, 0.0));
   for (int k = 0; k < NPREPIXEL; k++) b.data[k] = PREPIXEL{2, 0, 0, 1, 0, -1};
-  const int k = 30 * 256 + 40;
-  b.data[k] = PREPIXEL{3, BARELEVEL::at(40), BARELEVEL::at(30), 1, 0, JULIASAMELEVEL};
+  // Next to 0, which the cycle 0, -1 attracts.
+  const int k = 128 * 256 + 128;
+  b.data[k] = PREPIXEL{3, BARELEVEL::at(128), BARELEVEL::at(128), 1, 0, JULIASAMELEVEL};
   volatile bool stop = false;
   std::thread raiser([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
