@@ -69,6 +69,10 @@ struct JULIASTACKRANGES {
 JULIASTACKRANGES juliastackranges(double js, int njuliastack, bool bypass, ITER iter, HFLOATCOMPLEX z,
                                   const HFLOATCOMPLEX* ntj, const HFLOATCOMPLEX* ntm, int* jst,
                                   int* jst1, int* jst0);
+// The cubic of a bypass level defined at round k, in the level's start point
+// d: the series `ntj` is in the deviation of z_1, which a start point d makes
+// d^2, so z_k(d) = z_k + t1 d^2 up to terms the level's range leaves out.
+void juliabypasscubic(HFLOATCOMPLEX z, const HFLOATCOMPLEX* ntj, HFLOATCOMPLEX* t);
 // The parameter radius within which level s stays valid, for the ratio
 // |tm1| / |tj1| of the round that defined it.
 HFLOAT juliastackradius(double js, HFLOAT ratio, int s);

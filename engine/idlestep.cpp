@@ -53,8 +53,9 @@ void stacklevels(OVCONTEXT* context, VIEWPORT* v, ITER iter, HFLOATCOMPLEX z,
   JULIASTACKRANGES g = juliastackranges(js, jr->njuliastack, (jr->flags & R_BYPASS) != 0, iter, z,
                                         ntj, ntm, &v->idle_jst, &v->idle_jst1, &v->idle_jst0);
   if (g.bypasslo < g.bypasshi) {
-    HFLOATCOMPLEX h[4] = {z, ntj[1], ntj[2], ntj[3]};
-    post(context, v, worker_env_julia_bypass, g.bypasslo, g.bypasshi, iter, h, 4);
+    HFLOATCOMPLEX h[NINTERPOLTAYLOR];
+    juliabypasscubic(z, ntj, h);
+    post(context, v, worker_env_julia_bypass, g.bypasslo, g.bypasshi, iter, h, NINTERPOLTAYLOR);
   }
   if (g.radiuslo < g.radiushi) {
     HFLOATCOMPLEX value = cHF(g.radius, ZEROH);
@@ -185,6 +186,14 @@ JULIASTACKRANGES juliastackranges(double js, int njuliastack, bool bypass, ITER 
     *jst1 = std::max(*jst1, hi);
   }
   return g;
+}
+
+void juliabypasscubic(HFLOATCOMPLEX z, const HFLOATCOMPLEX* ntj, HFLOATCOMPLEX* t) {
+  // A start point d of the level is z_0; z_1 = c + d^2 deviates by d^2.
+  t[0] = z;
+  t[1] = CZEROH;
+  t[2] = ntj[1];
+  t[3] = CZEROH;
 }
 
 HFLOAT juliastackradius(double js, HFLOAT ratio, int s) {

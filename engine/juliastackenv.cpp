@@ -37,8 +37,7 @@ void applyranges(OVCONTEXT* context, REALM* realm, const ENVIRONMENT* e, const J
   for (int s = g.bypasslo; s < g.bypasshi; s++) {
     JULIASTACKDATA* L = &realm->juliastack[s];
     L->iter = k;
-    L->taylorj[0] = z;
-    for (int i = 1; i < T; i++) L->taylorj[i] = ntj[i];
+    juliabypasscubic(z, ntj, L->taylorj);
     setseed(context, L, e->c);
     L->bypass = true;
   }

@@ -4,6 +4,7 @@
 // fills the stack once.
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cmath>
 #include <complex>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "juliastack.h"
 #include "refiter.h"
 #include "test_viewport.h"
+#include "bypass.h"
 #include "canvas/series.h"
 
 using namespace viewporttest;
@@ -422,6 +424,92 @@ TEST(EnvironmentJuliaStack, TheLevelsWhoseRadiusHoldsTheViewAreStarted) {
     EXPECT_GE(atomicload(&f.julia->readyjuliastack), 0);
     stopjuliastackcomputation(c, f.julia);
     adjustjuliastack(c, f.julia, -1, true);
+    detache(c, e);
+  });
+}
+
+namespace {
+
+// z_n from the start point (dx, dy) under z^2 + c, in mpf.
+std::complex<double> iterated(mpf_srcptr cx, mpf_srcptr cy, double dx, double dy, int s, ITER n,
+                              mp_bitcnt_t bits, int* exponent) {
+  mpf_t x, y, t, u;
+  for (mpf_ptr m : {x, y, t, u}) mpf_init2(m, bits);
+  mpf_set_d(x, dx);
+  mpf_div_2exp(x, x, static_cast<mp_bitcnt_t>(s));
+  mpf_set_d(y, dy);
+  mpf_div_2exp(y, y, static_cast<mp_bitcnt_t>(s));
+  for (ITER k = 0; k < n; k++) {
+    mpf_mul(t, x, x);
+    mpf_mul(u, y, y);
+    mpf_sub(t, t, u);
+    mpf_mul(u, x, y);
+    mpf_mul_2exp(u, u, 1);
+    mpf_add(x, t, cx);
+    mpf_add(y, u, cy);
+  }
+  // As a mantissa pair with one exponent: the values are far below double.
+  long ex = 0, ey = 0;
+  double mx = mpf_get_d_2exp(&ex, x), my = mpf_get_d_2exp(&ey, y);
+  long e = std::max(mx != 0 ? ex : LONG_MIN, my != 0 ? ey : LONG_MIN);
+  *exponent = static_cast<int>(e);
+  std::complex<double> r(std::ldexp(mx, static_cast<int>(ex - e)), std::ldexp(my, static_cast<int>(ey - e)));
+  for (mpf_ptr m : {x, y, t, u}) mpf_clear(m);
+  return r;
+}
+
+}  // namespace
+
+TEST(EnvironmentJuliaStack, ABypassCubicTakesAStartPointWhereItsOrbitIsIterStepsOn) {
+  // The cubic a whole period of the atom of period 998 defines, given to
+  // deep levels: a start point d there is z_0, so z_1 = c + d^2, and
+  // z_998(d) = z_998 + t1 d^2 while t1 d^2 stays small.
+  STACKFIXTURE f(R_BYPASS | R_JULIACORRECT);
+  ENVIRONMENT* e = nullptr;
+  f.engine.onmain([&](OVCONTEXT* c) { e = periodicenv(c, P998, 998); });
+  const ITER n = 998;
+  HFLOATCOMPLEX tj[NTAYLORDEGREE] = {};
+  for (ITER k = 1; k <= n; k++) idleround(tj, e->refdatah[k - 1].value, k == 1);
+  HFLOATCOMPLEX t[NINTERPOLTAYLOR];
+  juliabypasscubic(e->refdatah[n].value, tj, t);
+  const float places[][2] = {{0.7f, 0.3f}, {-1.5f, 0.9f}, {0.05f, -1.9f}, {-0.4f, -0.6f}};
+  int checked = 0;
+  for (int s : {150, 200, 300}) {
+    f.engine.onmain([&](OVCONTEXT*) {
+      JULIASTACKDATA& L = f.julia->juliastack[s];
+      attachhpv(e->c);
+      L.m = e->c;
+      L.iter = n;
+      L.bypass = true;
+      for (int k = 0; k < NINTERPOLTAYLOR; k++) L.taylorj[k] = t[k];
+    });
+    for (auto& p : places) {
+      // The level's cubic at the start point, as the bypass takes it; the
+      // lookup then clamps a point this near 0 to the level above.
+      HFLOATCOMPLEX d = cHF(ldexpHF(HFd(p[0]), -s), ldexpHF(HFd(p[1]), -s));
+      HFLOATCOMPLEX v = CZEROH;
+      f.engine.onmain([&](OVCONTEXT*) {
+        const HFLOATCOMPLEX* tl = f.julia->juliastack[s].taylorj;
+        for (int k = NINTERPOLTAYLOR - 1; k >= 0; k--) v = caddHF(cmulHF(v, d), tl[k]);
+      });
+      int wantexp = 0;
+      std::complex<double> want = iterated(e->c->v[0], e->c->v[1], p[0], p[1], s, n,
+                                           static_cast<mp_bitcnt_t>(2 * s + 256), &wantexp);
+      HFLOATCOMPLEX g = cldexpHF(v, -wantexp);
+      std::complex<double> got(dHF(crealHF(g)), dHF(cimagHF(g)));
+      EXPECT_LT(std::abs(got - want), 1e-6 * std::abs(want))
+          << "level " << s << " place " << p[0] << ", " << p[1] << ": " << got << " vs " << want;
+      checked++;
+    }
+  }
+  EXPECT_EQ(checked, 12);
+  f.engine.onmain([&](OVCONTEXT* c) {
+    for (int s : {150, 200, 300}) {
+      JULIASTACKDATA& L = f.julia->juliastack[s];
+      detachhpv(c, L.m);
+      L.m = nullptr;
+      L.bypass = false;
+    }
     detache(c, e);
   });
 }
