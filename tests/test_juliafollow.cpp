@@ -338,3 +338,25 @@ TEST(JuliaStackRequest, WithoutAnEnvironmentTheAreaIsComputedAndTheLevelsComeWit
   detachrealm(engine.context, jr);
   engine.onmain([](OVCONTEXT*) {});
 }
+
+TEST(JuliaFollow, TheViewsOfTheRealmDropTheirStandardEnvironmentAndAreFiledAgain) {
+  FOLLOWFIXTURE f;
+  VIEWPORT* w = nullptr;
+  f.engine.onmain([&](OVCONTEXT* c) {
+    f.v->enonsat = standardenv(c, CENTRE.real(), CENTRE.imag());
+    // A view of the Julia realm itself, on the engine's chain of views.
+    w = handmadeview(c, f.julia, {0, 0}, {1, 0}, 256, 0);
+    w->enonsat = standardenv(c, 0.1, 0.1);
+    chaininsbegin(&c->vpactivechain, &w->activechain);
+    w->flags |= VP_INACTIVECHAIN;
+    w->computecycle = f.julia->computecycle;
+    __julia(c, f.v, f.v->delta, f.v->zoom);
+    EXPECT_EQ(w->enonsat, nullptr);
+    // Filed anew: a Julia view meets the realm's new cycle in its scan.
+    EXPECT_EQ(w->computecycle, f.julia->computecycle);
+    // The general view shows another realm: its environment stays.
+    EXPECT_NE(f.v->enonsat, nullptr);
+  });
+  f.waitidle();
+  f.engine.onmain([&](OVCONTEXT* c) { __detachviewport(c, w); });
+}
