@@ -513,3 +513,43 @@ TEST(EnvironmentJuliaStack, ABypassCubicTakesAStartPointWhereItsOrbitIsIterSteps
     detache(c, e);
   });
 }
+
+TEST(EnvironmentJuliaStack, AViewOnItsAtomGetsTheStackOfTheAtomsPeriodAtOnce) {
+  STACKFIXTURE f(R_BYPASS | R_JULIACORRECT);
+  ENVIRONMENT* e = nullptr;
+  f.engine.onmain([&](OVCONTEXT* c) {
+    e = periodicenv(c, P998, 998);
+    // The view on the atom's centre, at rest, with the atom as its
+    // satellite environment.
+    mpf_set_prec(f.v->delta->v[0], BITS);
+    mpf_set_prec(f.v->delta->v[1], BITS);
+    mpf_set(f.v->delta->v[0], e->c->v[0]);
+    mpf_set(f.v->delta->v[1], e->c->v[1]);
+    f.v->zoomabs = HFd(std::ldexp(1.0, 40));
+    f.v->zoom = cHF(f.v->zoomabs, ZEROH);
+    attache(e);
+    f.v->esat = e;
+    ASSERT_TRUE(isenvironmentclose(f.v->dummy[0], e, f.v->delta->v[0], f.v->delta->v[1], f.v->zoom));
+    idlejulia(c, f.v);
+    EXPECT_TRUE(f.julia->flags & R_ATSAT);
+    EXPECT_EQ(f.julia->e, e);
+    EXPECT_EQ(f.julia->info.c, e->c);
+    EXPECT_TRUE(e->flags & E_STACKED);
+    EXPECT_GT(f.julia->maxjuliastack, 0);
+    int bypassed = 0;
+    for (int s = 0; s <= f.julia->maxjuliastack; s++) {
+      EXPECT_EQ(f.julia->juliastack[s].m, e->c) << s;
+      EXPECT_EQ(f.julia->juliastack[s].e, e) << s;
+      if (f.julia->juliastack[s].bypass) bypassed++;
+    }
+    EXPECT_GT(bypassed, 0);
+  });
+  f.waitidle();
+  f.engine.onmain([&](OVCONTEXT* c) {
+    stopjuliastackcomputation(c, f.julia);
+    adjustjuliastack(c, f.julia, -1, true);
+    detache(c, f.v->esat);
+    f.v->esat = nullptr;
+    detache(c, e);
+  });
+}
