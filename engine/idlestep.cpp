@@ -154,7 +154,9 @@ JULIASTACKRANGES juliastackranges(double js, int njuliastack, bool bypass, ITER 
   HFLOAT t1 = cabsHFs(ntj[1]);
   if (t1.mantissa == 0) return g;
   int N = levels(divHF(cabsHFs(ntj[3]), mulHF(t1, pow4(js))), -7, 8);
-  int N1 = levels(divHF(mulHF(cabsHFs(ntj[2]), HFd(js * js)), t1), -7, 8);
+  // A level's start point d enters the series as d^2 (2^-2s at level s),
+  // so the quadratic term falls below a pixel at half the exponent.
+  int N1 = levels(divHF(mulHF(cabsHFs(ntj[2]), HFd(js * js)), t1), -7, 4);
   HFLOAT Z = cabsHFs(z);
   int N2 = Z.mantissa == 0 ? 0 : levels(divHF(t1, mulHF(HFd(4.0), Z)), -3, 4);
   int nj = njuliastack;

@@ -33,7 +33,7 @@ const char* const P998[2] = {"-0.7436438870371588707780645434936425750476",
 // One Newton step sequence in mpf: the nucleus of period n near the guess.
 void nucleus(mpf_t cx, mpf_t cy, unsigned n) {
   mpf_t zx, zy, dx, dy, t, u, q;
-  for (mpf_ptr m : {zx, zy, dx, dy, t, u, q}) mpf_init2(m, BITS);
+  for (mpf_ptr m : {zx, zy, dx, dy, t, u, q}) mpf_init2(m, mpf_get_prec(cx));
   for (int step = 0; step < 12; step++) {
     mpf_set_ui(zx, 0);
     mpf_set_ui(zy, 0);
@@ -79,9 +79,9 @@ void nucleus(mpf_t cx, mpf_t cy, unsigned n) {
 
 // The orbit z_0 .. z_n of (cx, cy) in mpf, each point handed to `each`.
 template <typename F>
-void orbit(mpf_srcptr cx, mpf_srcptr cy, unsigned n, F each) {
+void orbit(mpf_srcptr cx, mpf_srcptr cy, unsigned n, mp_bitcnt_t bits, F each) {
   mpf_t zx, zy, t, u;
-  for (mpf_ptr m : {zx, zy, t, u}) mpf_init2(m, BITS);
+  for (mpf_ptr m : {zx, zy, t, u}) mpf_init2(m, bits);
   mpf_set_ui(zx, 0);
   mpf_set_ui(zy, 0);
   for (unsigned k = 0; k <= n; k++) {
@@ -98,14 +98,14 @@ void orbit(mpf_srcptr cx, mpf_srcptr cy, unsigned n, F each) {
 }
 
 // A periodic environment as the Newton run leaves it, with its series.
-ENVIRONMENT* periodicenv(OVCONTEXT* c, const char* const guess[2], unsigned n) {
+ENVIRONMENT* periodicenv(OVCONTEXT* c, const char* const guess[2], unsigned n, mp_bitcnt_t bits = BITS) {
   mpf_t x, y;
-  mpf_init2(x, BITS);
-  mpf_init2(y, BITS);
+  mpf_init2(x, bits);
+  mpf_init2(y, bits);
   mpf_set_str(x, guess[0], 10);
   mpf_set_str(y, guess[1], 10);
   nucleus(x, y, n);
-  ENVIRONMENT* e = adde(c, x, y, BITS);
+  ENVIRONMENT* e = adde(c, x, y, bits);
   e->flags = E_PERIODIC;
   e->n = n;
   e->nrefdata = static_cast<int>(n) + 1;
@@ -113,12 +113,12 @@ ENVIRONMENT* periodicenv(OVCONTEXT* c, const char* const guess[2], unsigned n) {
   e->refdatad = static_cast<REFDATAD*>(calloc(n + 1, sizeof(REFDATAD)));
   __atomic_add_fetch(&c->mem_envrefdata, int64_t(64) * (n + 1), __ATOMIC_SEQ_CST);
   mpf_t a;
-  mpf_init2(a, BITS);
-  orbit(x, y, n, [&](unsigned k, mpf_srcptr zx, mpf_srcptr zy) {
+  mpf_init2(a, bits);
+  orbit(x, y, n, bits, [&](unsigned k, mpf_srcptr zx, mpf_srcptr zy) {
     mpf_mul(a, zx, zx);
     mpf_ui_sub(a, 4, a);
     mpf_t b;
-    mpf_init2(b, BITS);
+    mpf_init2(b, bits);
     mpf_mul(b, zy, zy);
     mpf_sub(a, a, b);
     mpf_clear(b);
@@ -550,6 +550,65 @@ TEST(EnvironmentJuliaStack, AViewOnItsAtomGetsTheStackOfTheAtomsPeriodAtOnce) {
     adjustjuliastack(c, f.julia, -1, true);
     detache(c, f.v->esat);
     f.v->esat = nullptr;
+    detache(c, e);
+  });
+}
+
+TEST(EnvironmentJuliaStack, EveryBypassLevelOfAnAtomsPeriodHoldsItsCubic) {
+  // The levels the rules hand to the bypass are those where the cubic, in
+  // the level's start point, is the orbit that many steps on.
+  STACKFIXTURE f(R_BYPASS | R_JULIACORRECT);
+  ENVIRONMENT* e = nullptr;
+  f.engine.onmain([&](OVCONTEXT* c) {
+    // Bits enough that the orbit's own rounding stays far below the
+    // deepest level's values.
+    e = periodicenv(c, P998, 998, 1400);
+    environmentjuliastack(c, f.v, e);
+  });
+  std::vector<int> levels;
+  f.engine.onmain([&](OVCONTEXT*) {
+    for (int s = 1; s < f.julia->njuliastack && f.julia->juliastack[s].m; s++)
+      if (f.julia->juliastack[s].bypass) levels.push_back(s);
+  });
+  ASSERT_FALSE(levels.empty());
+  const float places[][2] = {{0.7f, 0.3f}, {-1.5f, 0.9f}, {0.05f, -1.9f}, {-0.4f, -0.6f}};
+  // The shallowest ones, where the series is closest to its limit, and a
+  // few deeper.
+  std::vector<int> pick;
+  for (size_t k = 0; k < levels.size() && k < 4; k++) pick.push_back(levels[k]);
+  pick.push_back(levels[levels.size() / 2]);
+  // The orbit's own rounding (1400 bits, grown by t1 over the period) is
+  // what the deepest levels see: beyond level 600 or so their values are
+  // below it, whatever the cubic.
+  int deep = levels.front();
+  for (int s : levels)
+    if (s <= 600) deep = s;
+  pick.push_back(deep);
+  for (int s : pick) {
+    for (auto& p : places) {
+      HFLOATCOMPLEX d = cHF(ldexpHF(HFd(p[0]), -s), ldexpHF(HFd(p[1]), -s));
+      HFLOATCOMPLEX v = CZEROH;
+      ITER iter = 0;
+      f.engine.onmain([&](OVCONTEXT*) {
+        const JULIASTACKDATA& L = f.julia->juliastack[s];
+        iter = L.iter;
+        for (int k = NINTERPOLTAYLOR - 1; k >= 0; k--) v = caddHF(cmulHF(v, d), L.taylorj[k]);
+      });
+      int wantexp = 0;
+      std::complex<double> want = iterated(e->c->v[0], e->c->v[1], p[0], p[1], s, iter,
+                                           static_cast<mp_bitcnt_t>(2 * s + 256), &wantexp);
+      HFLOATCOMPLEX g = cldexpHF(v, -wantexp);
+      std::complex<double> got(dHF(crealHF(g)), dHF(cimagHF(g)));
+      // The rule lets the quadratic term reach about a pixel of the level
+      // the value falls in (1/js of its size) at the level's unit radius;
+      // the places reach out to a radius of 2, where it is four times that.
+      EXPECT_LT(std::abs(got - want), 4 * std::abs(want) / 256)
+          << "level " << s << " (iter " << iter << ") place " << p[0] << ", " << p[1] << ": " << got
+          << " vs " << want;
+    }
+  }
+  f.engine.onmain([&](OVCONTEXT* c) {
+    adjustjuliastack(c, f.julia, -1, true);
     detache(c, e);
   });
 }
