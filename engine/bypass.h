@@ -73,3 +73,17 @@ constexpr int BYPASS2_AREA = 2;  // pdata: AREA*
 void worker_bypass2(OVCONTEXT* context, WORKER* worker);
 // Main thread: the area's pixels go on through the correction.
 void worker_bypass2_return(OVCONTEXT* context, WORKER* worker);
+
+// The seed of a view's Julia realm follows the view's centre. `julia` posts
+// `worker_julia` for the view (not while the engine stops). On the main
+// thread `worker_julia` locks the realm's point (R_LOCKJULIAPOINT), stops an
+// idle run the view does not have to wait for, and waits on the view's
+// `movemsg` while the view is idle or moving or has no environment; then it
+// runs `__julia` at the view's centre and zoom.
+void julia(OVCONTEXT* context, VIEWPORT* viewport);
+void worker_julia(OVCONTEXT* context, WORKER* worker);
+// Main thread: the realm's point becomes m (its run against the view's
+// environment gives `info`, `neededjuliastack`), the levels whose radius no
+// longer holds m are dropped, and the views of the realm are invalidated.
+// Nothing happens when the view has no environment.
+void __julia(OVCONTEXT* context, VIEWPORT* viewport, const HPVALUE* m, HFLOATCOMPLEX zoom);

@@ -52,9 +52,30 @@ void movingfinish(OVCONTEXT* context, VIEWPORT* viewport);
 // it goes on in `investigateenvironment`.
 void worker_calciterenvironmentex(OVCONTEXT* context, WORKER* worker);
 
-// The Julia stack's level for a periodic environment, which is not built yet:
-// null means the stack keeps the levels it has.
-extern void (*environmentjuliastackhook)(OVCONTEXT* context, VIEWPORT* viewport, ENVIRONMENT* e);
+// The Julia stack levels one round k of an orbit defines by its series in
+// the start deviation (`ntj`, of z_k) and in the parameter (`ntm`), z the
+// round's z_k: levels [bypasslo, bypasshi) by the bypass from this round's
+// series, the radius of levels [radiuslo, radiushi) from `radius` (|tm1| /
+// |tj1|), levels [plainlo, plainhi) from the series of round k - 1. The
+// counters of levels defined so far (`jst` radius, `jst1` plain, `jst0`
+// bypass) move past each range, so that a range is given once. `bypass`:
+// the realm allows bypass levels; `js` the size of a level's side.
+struct JULIASTACKRANGES {
+  int bypasslo, bypasshi;
+  int radiuslo, radiushi;
+  HFLOAT radius;
+  int plainlo, plainhi;
+};
+JULIASTACKRANGES juliastackranges(double js, int njuliastack, bool bypass, ITER iter, HFLOATCOMPLEX z,
+                                  const HFLOATCOMPLEX* ntj, const HFLOATCOMPLEX* ntm, int* jst,
+                                  int* jst1, int* jst0);
+// The cubic of a bypass level defined at round k, in the level's start point
+// d: the series `ntj` is in the deviation of z_1, which a start point d makes
+// d^2, so z_k(d) = z_k + t1 d^2 up to terms the level's range leaves out.
+void juliabypasscubic(HFLOATCOMPLEX z, const HFLOATCOMPLEX* ntj, HFLOATCOMPLEX* t);
+// The parameter radius within which level s stays valid, for the ratio
+// |tm1| / |tj1| of the round that defined it.
+HFLOAT juliastackradius(double js, HFLOAT ratio, int s);
 
 // Internal to the idle files.
 void idlestartjulia(OVCONTEXT* context, VIEWPORT* viewport);

@@ -9,8 +9,6 @@
 #include "idle.h"
 #include "juliastack.h"
 
-void (*environmentjuliastackhook)(OVCONTEXT* context, VIEWPORT* viewport, ENVIRONMENT* e) = nullptr;
-
 namespace {
 
 constexpr unsigned int R_NOLOOP = 0x2000;
@@ -37,23 +35,6 @@ void bindpoint(OVCONTEXT* context, VIEWPORT* v, REALM* jr) {
   jr->computecycle++;
 }
 
-// Levels from 0 whose disc still holds the view.
-int levelsholding(VIEWPORT* v, REALM* jr) {
-  if (!jr->juliastack || !v->delta) return 0;
-  HFLOAT reach = divHF(HFd(v->big > 0 ? v->big : 1.0), v->zoomabs);
-  int count = 0;
-  for (; count < jr->njuliastack; count++) {
-    JULIASTACKDATA* jd = &jr->juliastack[count];
-    if (jd->r.mantissa == 0 || subHF(jd->r, reach).mantissa < 0) break;
-    if (!jd->m) {
-      fputs("moved: jstd->m==NULL\n", stderr);
-      break;
-    }
-    if (!radtest_hfloat(nullptr, jd->m->v, v->delta->v, jd->r)) break;
-  }
-  return count;
-}
-
 void adjust(OVCONTEXT* context, REALM* jr, int level, bool erase) {
   adjustjuliastack(context, jr, level, erase);
 }
@@ -77,7 +58,7 @@ void idlejulia(OVCONTEXT* context, VIEWPORT* viewport) {
   // While the idle run goes on, its own counts of levels stand.
   int count = v->idle_jst;
   if (!(v->flags & VP_IDLE)) {
-    count = levelsholding(v, jr);
+    count = juliastacklevelsholding(v, jr, true);
     v->idle_jst = v->idle_jst1 = v->idle_jst0 = count;
   }
   if (jr->validjuliastack > count) adjust(context, jr, count - 1, false);
@@ -100,7 +81,7 @@ void idlejulia(OVCONTEXT* context, VIEWPORT* viewport) {
       jr->neededjuliastack = needed(jr->info.dj);
       jr->computecycle++;
       bound = true;
-      if (environmentjuliastackhook) environmentjuliastackhook(context, v, v->esat);
+      environmentjuliastack(context, v, v->esat);
     }
   } else {
     if (!(jr->flags & R_NOLOOP) && !v->idle_newenv) v->flags |= VP_MUSTDOLOOP;

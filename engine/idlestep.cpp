@@ -49,36 +49,19 @@ void stacklevels(OVCONTEXT* context, VIEWPORT* v, ITER iter, HFLOATCOMPLEX z,
                  const HFLOATCOMPLEX* tj, const HFLOATCOMPLEX* ntj, const HFLOATCOMPLEX* ntm) {
   REALM* jr = v->juliarealm;
   if (!jr || !jr->juliastack || jr->njuliastack <= 0) return;
-  HFLOAT t1 = cabsHFs(ntj[1]);
-  if (t1.mantissa == 0) return;
   double js = context->juliasize > 0 ? context->juliasize : 1;
-  int N = levels(divHF(cabsHFs(ntj[3]), mulHF(t1, pow4(js))), -7, 8);
-  int N1 = levels(divHF(mulHF(cabsHFs(ntj[2]), HFd(js * js)), t1), -7, 8);
-  HFLOAT Z = cabsHFs(z);
-  int N2 = Z.mantissa == 0 ? 0 : levels(divHF(t1, mulHF(HFd(4.0), Z)), -3, 4);
-  int nj = jr->njuliastack;
-  if (iter >= 100 && N1 <= N2 && (jr->flags & R_BYPASS)) {
-    int lo = std::max({v->idle_jst0, N1 + 1, lg(t1) / 4 + 2});
-    int hi = std::min(nj, N2);
-    // Each range is handed on once: the next round starts where it ended.
-    if (lo < hi) {
-      HFLOATCOMPLEX h[4] = {z, ntj[1], ntj[2], ntj[3]};
-      post(context, v, worker_env_julia_bypass, lo, hi, iter, h, 4);
-      v->idle_jst0 = hi;
-    }
+  JULIASTACKRANGES g = juliastackranges(js, jr->njuliastack, (jr->flags & R_BYPASS) != 0, iter, z,
+                                        ntj, ntm, &v->idle_jst, &v->idle_jst1, &v->idle_jst0);
+  if (g.bypasslo < g.bypasshi) {
+    HFLOATCOMPLEX h[NINTERPOLTAYLOR];
+    juliabypasscubic(z, ntj, h);
+    post(context, v, worker_env_julia_bypass, g.bypasslo, g.bypasshi, iter, h, NINTERPOLTAYLOR);
   }
-  if (v->idle_jst < N) {
-    int hi = std::min(nj, N);
-    HFLOAT m1 = cabsHFs(ntm[1]);
-    HFLOATCOMPLEX value = cHF(sqrtHF(divHF(m1, t1)), ZEROH);
-    if (hi > v->idle_jst) post(context, v, worker_env_julia, v->idle_jst, hi, iter, &value, 1);
-    v->idle_jst = std::max(v->idle_jst, hi);
+  if (g.radiuslo < g.radiushi) {
+    HFLOATCOMPLEX value = cHF(g.radius, ZEROH);
+    post(context, v, worker_env_julia, g.radiuslo, g.radiushi, iter, &value, 1);
   }
-  if (v->idle_jst1 < N1) {
-    int hi = std::min(nj, N1);
-    if (hi > v->idle_jst1) post(context, v, worker_env_julia2, v->idle_jst1, hi, iter - 1, tj, 4);
-    v->idle_jst1 = std::max(v->idle_jst1, hi);
-  }
+  if (g.plainlo < g.plainhi) post(context, v, worker_env_julia2, g.plainlo, g.plainhi, iter - 1, tj, 4);
 }
 
 // Does the series in c, at this iteration, let a Newton step from the centre
@@ -164,6 +147,61 @@ void idlestepcore(COMPUTERGROUP* group, ITER iter, HFLOAT a, mpf_srcptr x, mpf_s
 
 }  // namespace
 
+JULIASTACKRANGES juliastackranges(double js, int njuliastack, bool bypass, ITER iter, HFLOATCOMPLEX z,
+                                  const HFLOATCOMPLEX* ntj, const HFLOATCOMPLEX* ntm, int* jst,
+                                  int* jst1, int* jst0) {
+  JULIASTACKRANGES g = {0, 0, 0, 0, ZEROH, 0, 0};
+  HFLOAT t1 = cabsHFs(ntj[1]);
+  if (t1.mantissa == 0) return g;
+  int N = levels(divHF(cabsHFs(ntj[3]), mulHF(t1, pow4(js))), -7, 8);
+  // A level's start point d enters the series as d^2 (2^-2s at level s),
+  // so the quadratic term falls below a pixel at half the exponent.
+  int N1 = levels(divHF(mulHF(cabsHFs(ntj[2]), HFd(js * js)), t1), -7, 4);
+  HFLOAT Z = cabsHFs(z);
+  int N2 = Z.mantissa == 0 ? 0 : levels(divHF(t1, mulHF(HFd(4.0), Z)), -3, 4);
+  int nj = njuliastack;
+  if (iter >= 100 && N1 <= N2 && bypass) {
+    int lo = std::max({*jst0, N1 + 1, lg(t1) / 4 + 2});
+    int hi = std::min(nj, N2);
+    // Each range is handed on once: the next round starts where it ended.
+    if (lo < hi) {
+      g.bypasslo = lo;
+      g.bypasshi = hi;
+      *jst0 = hi;
+    }
+  }
+  if (*jst < N) {
+    int hi = std::min(nj, N);
+    g.radius = sqrtHF(divHF(cabsHFs(ntm[1]), t1));
+    if (hi > *jst) {
+      g.radiuslo = *jst;
+      g.radiushi = hi;
+    }
+    *jst = std::max(*jst, hi);
+  }
+  if (*jst1 < N1) {
+    int hi = std::min(nj, N1);
+    if (hi > *jst1) {
+      g.plainlo = *jst1;
+      g.plainhi = hi;
+    }
+    *jst1 = std::max(*jst1, hi);
+  }
+  return g;
+}
+
+void juliabypasscubic(HFLOATCOMPLEX z, const HFLOATCOMPLEX* ntj, HFLOATCOMPLEX* t) {
+  // A start point d of the level is z_0; z_1 = c + d^2 deviates by d^2.
+  t[0] = z;
+  t[1] = CZEROH;
+  t[2] = ntj[1];
+  t[3] = CZEROH;
+}
+
+HFLOAT juliastackradius(double js, HFLOAT ratio, int s) {
+  return mulHF(HFd(0.5 / js), ldexpHF(ratio, -2 * s));
+}
+
 void idlestep(VIEWPORT* viewport, ITER iter, HFLOAT, mpf_srcptr x, mpf_srcptr y, mpf_srcptr dx,
               mpf_srcptr dy, const HFLOATCOMPLEX* tj, const HFLOATCOMPLEX* ntj,
               const HFLOATCOMPLEX*, const HFLOATCOMPLEX* ntm) {
@@ -231,7 +269,7 @@ void worker_env_julia(OVCONTEXT* context, WORKER* worker) {
     HFLOAT value = crealHF(worker->hdata[0]);
     for (int s = lo; s < hi; s++) {
       JULIASTACKDATA* jd = &jr->juliastack[s];
-      jd->r = mulHF(HFd(0.5 / js), ldexpHF(value, -2 * s));
+      jd->r = juliastackradius(js, value, s);
       dropenv(context, jd);
     }
   }

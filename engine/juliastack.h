@@ -123,3 +123,15 @@ int resolvejuliastacklevel(OVCONTEXT* context, const JULIASTACKDATA* jstd, int s
 // radius holds the view are started; `validjuliastack` becomes the last of
 // them (VPCALLBACK_JSTFINISH when it is ready already).
 void extendjuliastack(OVCONTEXT* context, VIEWPORT* viewport);
+
+// A periodic environment of the view fills the levels of its Julia realm
+// above `validjuliastack` in one pass over its orbit (once: E_STACKED): each
+// level's `iter`, `taylorj`, `r`, `bypass` as the idle search finds them
+// along that orbit, its point e's, anchored to e. Levels whose radius holds
+// the view are started. Without E_PERIODIC only the levels above the valid
+// one are dropped.
+void environmentjuliastack(OVCONTEXT* context, VIEWPORT* viewport, ENVIRONMENT* e);
+// How many levels from 0 hold the view: their radius is set, at least the
+// view's, and their point lies within it of the view's centre. With `report`
+// a level with a radius and no point prints "moved: jstd->m==NULL".
+int juliastacklevelsholding(VIEWPORT* viewport, REALM* realm, bool report);

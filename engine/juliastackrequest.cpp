@@ -54,6 +54,12 @@ void worker_requestjuliastack(OVCONTEXT* context, WORKER* worker) {
     int v = std::clamp(a->depth + 6 - context->juliasizeshift, 0, std::max(top, 0));
     if (realm->juliajuliastack >= v) {
       processarea(context, a);
+    } else if (!realm->e) {
+      // No environment yet (the idle search has not bound one): levels
+      // anchored now could not be computed. The area is computed without
+      // the stack, and asks again once an environment has come and the
+      // realm has been invalidated.
+      processarea(context, a);
     } else {
       while (context->ijuliacachepp != 0) finishjuliacorrect(context);
       for (int s = realm->maxjuliastack + 1; s <= v; s++) anchorlevel(context, realm, s);
