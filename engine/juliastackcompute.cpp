@@ -97,6 +97,17 @@ WORKER* canvastilejob(OVCONTEXT* context, REALM* realm, JULIASTACKDATA* L, int s
   attachrealm(realm);
   w->pdata[JOB_JULIACACHE] = jc;
   w->idata[JOB_JULIACACHELOCKED] = 1;
+  // A level anchored on its environment's own point takes that orbit, the
+  // critical orbit of z^2 + m, as the reference of its start points. Without
+  // it a deep level's start point d is lost against m in the tile's format
+  // (z_1 = m + d^2), and the level shows the orbit of 0 instead.
+  // Only where the kernels perturb against it: a series environment, or a
+  // plain orbit.
+  if (L->e && L->mr.mantissax == 0 && L->mr.mantissay == 0 && L->e->n > 0 &&
+      ((L->e->flags & E_SERIES) || !(L->e->flags & E_PERIODIC))) {
+    attache(L->e);
+    w->pdata[JOB_ENVIRONMENT] = L->e;
+  }
   return w;
 }
 
