@@ -254,7 +254,9 @@ bool computetile(const TILEARGS& args, TILERESULT* result, std::string* error) {
     result->ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
     onmain(context, [&](OVCONTEXT*) {
       unsigned int word = (realm->flags & R_PRECMASK) | (args.julia ? CF_JULIA : CF_GENERAL);
-      result->format = formatname(canvasformat(word, area->depth, area->e == nullptr));
+      // The general realm's job had the area's environment with its orbit;
+      // the area may have given it back by now.
+      result->format = formatname(canvasformat(word, area->depth, !args.general));
       result->verticesiterated = area->statvertices;
       result->iterations = area->statiterations;
       for (int ch = 0; ch < NCHANNELS; ch++) {
