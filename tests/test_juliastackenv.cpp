@@ -7,6 +7,7 @@
 #include <climits>
 #include <cmath>
 #include <complex>
+#include <string>
 #include <vector>
 
 #include "idle.h"
@@ -220,15 +221,16 @@ struct STACKFIXTURE {
     waitfor([&] { return atomicload(&engine.context->iworkerall) == 0; });
   }
 
-  // What the idle search writes into the stack along e's orbit.
-  std::vector<LEVEL> byidle(ENVIRONMENT* e, int nlevels) {
+  // What the idle search writes into the stack along e's orbit, its counts
+  // of levels starting at `first` (the levels that held the view).
+  std::vector<LEVEL> byidle(ENVIRONMENT* e, int nlevels, int first = 0) {
     engine.onmain([&](OVCONTEXT* c) {
       attachhpv(e->c);
       v->idle_delta = e->c;
       v->idle_computergroup.context = c;
       v->idle_chain = &v->echain;
       v->idle_nextenviter = 0x7FFFFFFF;  // no candidates
-      v->idle_jst = v->idle_jst1 = v->idle_jst0 = 0;
+      v->idle_jst = v->idle_jst1 = v->idle_jst0 = first;
     });
     mpf_t x, y, dx, dy;
     for (mpf_ptr m : {x, y, dx, dy}) mpf_init2(m, 128);
@@ -607,6 +609,117 @@ TEST(EnvironmentJuliaStack, EveryBypassLevelOfAnAtomsPeriodHoldsItsCubic) {
           << " vs " << want;
     }
   }
+  f.engine.onmain([&](OVCONTEXT* c) {
+    adjustjuliastack(c, f.julia, -1, true);
+    detache(c, e);
+  });
+}
+
+namespace {
+
+// The deepest level with a point, and the levels from `from` below it
+// without one.
+int deepest(const std::vector<LEVEL>& levels) {
+  int top = -1;
+  for (size_t s = 0; s < levels.size(); s++)
+    if (levels[s].anchored) top = static_cast<int>(s);
+  return top;
+}
+std::string holes(const std::vector<LEVEL>& levels, int from = 0) {
+  std::string out;
+  for (int s = from; s < deepest(levels); s++)
+    if (!levels[s].anchored) out += std::to_string(s) + " ";
+  return out;
+}
+
+// Both ways of defining the levels along e's orbit: the idle search's rounds
+// and the environment's one pass.
+void bothways(STACKFIXTURE& f, ENVIRONMENT* e, int nl, std::vector<LEVEL>* idle,
+              std::vector<LEVEL>* env) {
+  *idle = f.byidle(e, nl);
+  f.engine.onmain([&](OVCONTEXT* c) {
+    environmentjuliastack(c, f.v, e);
+    *env = levelsof(f.julia, nl);
+    // The levels counted as there are those up to the deepest.
+    EXPECT_EQ(f.julia->maxjuliastack, deepest(*env));
+  });
+}
+
+}  // namespace
+
+TEST(EnvironmentJuliaStack, ThePeriod39LevelsHaveNoHoleBelowTheDeepest) {
+  STACKFIXTURE f(R_BYPASS | R_JULIACORRECT);
+  ENVIRONMENT* e = nullptr;
+  f.engine.onmain([&](OVCONTEXT* c) { e = periodicenv(c, P39, 39); });
+  std::vector<LEVEL> idle, env;
+  bothways(f, e, 400, &idle, &env);
+  EXPECT_GT(deepest(idle), 3);
+  EXPECT_EQ(deepest(env), deepest(idle));
+  EXPECT_EQ(holes(idle), "") << "idle search";
+  EXPECT_EQ(holes(env), "") << "environment";
+  f.engine.onmain([&](OVCONTEXT* c) {
+    adjustjuliastack(c, f.julia, -1, true);
+    detache(c, e);
+  });
+}
+
+TEST(EnvironmentJuliaStack, ThePeriod998LevelsHaveNoHoleBetweenPlainAndBypassLevels) {
+  STACKFIXTURE f(R_BYPASS | R_JULIACORRECT);
+  ENVIRONMENT* e = nullptr;
+  f.engine.onmain([&](OVCONTEXT* c) { e = periodicenv(c, P998, 998); });
+  std::vector<LEVEL> idle, env;
+  bothways(f, e, 2000, &idle, &env);
+  // Plain levels below, bypass levels above them up to the deepest: a
+  // lookup must be able to pass from one kind to the other.
+  int firstbypass = -1;
+  for (size_t s = 0; s < env.size() && firstbypass < 0; s++)
+    if (env[s].anchored && env[s].bypass) firstbypass = static_cast<int>(s);
+  ASSERT_GT(firstbypass, 0);
+  EXPECT_FALSE(env[firstbypass - 1].bypass);
+  EXPECT_TRUE(env[deepest(env)].bypass);
+  EXPECT_EQ(deepest(env), deepest(idle));
+  EXPECT_EQ(holes(idle), "") << "idle search";
+  EXPECT_EQ(holes(env), "") << "environment";
+  f.engine.onmain([&](OVCONTEXT* c) {
+    adjustjuliastack(c, f.julia, -1, true);
+    detache(c, e);
+  });
+}
+
+TEST(EnvironmentJuliaStack, ThePeriod998LevelsHaveNoHoleAboveAnyNumberOfKeptLevels) {
+  // A view whose stack holds levels 0 .. first - 1 already: the orbit defines
+  // the levels from `first`, and its plain levels may then end where its
+  // last round's bypass levels begin, or short of them.
+  STACKFIXTURE f(R_BYPASS | R_JULIACORRECT);
+  ENVIRONMENT* e = nullptr;
+  f.engine.onmain([&](OVCONTEXT* c) { e = periodicenv(c, P998, 998); });
+  const int NL = 400;
+  int checked = 0;
+  for (int first = 1; first <= 24; first++) {
+    std::vector<LEVEL> idle = f.byidle(e, NL, first), env;
+    f.engine.onmain([&](OVCONTEXT* c) {
+      // The kept levels, valid and counted as started: nothing is computed.
+      for (int s = 0; s < first; s++) {
+        JULIASTACKDATA& L = f.julia->juliastack[s];
+        attachhpv(e->c);
+        L.m = e->c;
+      }
+      f.julia->maxjuliastack = f.julia->validjuliastack = f.julia->calcjuliastack = first - 1;
+      e->flags &= ~E_STACKED;
+      environmentjuliastack(c, f.v, e);
+      env = levelsof(f.julia, NL);
+      EXPECT_EQ(f.julia->maxjuliastack, deepest(env)) << "from " << first;
+      f.julia->calcjuliastack = -1;
+      clearlevels(c, f.julia, NL);
+      f.julia->maxjuliastack = f.julia->validjuliastack = -1;
+    });
+    ASSERT_GT(deepest(env), first) << "from " << first;
+    EXPECT_EQ(deepest(env), deepest(idle)) << "from " << first;
+    EXPECT_EQ(holes(idle, first), "") << "idle search from " << first;
+    EXPECT_EQ(holes(env, first), "") << "environment from " << first;
+    checked++;
+  }
+  EXPECT_EQ(checked, 24);
   f.engine.onmain([&](OVCONTEXT* c) {
     adjustjuliastack(c, f.julia, -1, true);
     detache(c, e);
