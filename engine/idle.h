@@ -76,6 +76,10 @@ void juliabypasscubic(HFLOATCOMPLEX z, const HFLOATCOMPLEX* ntj, HFLOATCOMPLEX* 
 // The parameter radius within which level s stays valid, for the ratio
 // |tm1| / |tj1| of the round that defined it.
 HFLOAT juliastackradius(double js, HFLOAT ratio, int s);
+// `neededjuliastack` for a seed's run: the number of levels whose square is
+// still wider than the seed's distance to its Julia set (`distj`, kept
+// squared, for an escaping seed; `dj` for a cycle), 2 when none is known.
+int juliastackneeded(const ITERINFO* info);
 
 // Internal to the idle files.
 void idlestartjulia(OVCONTEXT* context, VIEWPORT* viewport);
