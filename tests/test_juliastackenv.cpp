@@ -28,6 +28,10 @@ constexpr mp_bitcnt_t BITS = 640;
 // nearest 0, found by Newton at 600 bits.
 const char* const P39[2] = {"-0.7436423016578859461185973194337778358742",
                             "0.1318265198125947234991930123055191513102"};
+// The point itself: Newton from it at period 936 finds the atom whose last
+// round hands levels to the bypass just past its plain levels' end.
+const char* const SEAHORSE[2] = {"-0.743643887037158704752191506114774",
+                                 "0.131825904205311970493132056385139"};
 const char* const P998[2] = {"-0.7436438870371588707780645434936425750476",
                              "0.131825904205312292821097354874767265263"};
 
@@ -720,6 +724,38 @@ TEST(EnvironmentJuliaStack, ThePeriod998LevelsHaveNoHoleAboveAnyNumberOfKeptLeve
     checked++;
   }
   EXPECT_EQ(checked, 24);
+  f.engine.onmain([&](OVCONTEXT* c) {
+    adjustjuliastack(c, f.julia, -1, true);
+    detache(c, e);
+  });
+}
+
+TEST(EnvironmentJuliaStack, ThePeriod936LevelsHaveNoHoleWhereThePlainLevelsMeetTheBypass) {
+  // Its last round is the one whose linear form reaches deepest: the plain
+  // levels of the rounds before end one level short of the bypass levels.
+  STACKFIXTURE f(R_BYPASS | R_JULIACORRECT);
+  ENVIRONMENT* e = nullptr;
+  f.engine.onmain([&](OVCONTEXT* c) { e = periodicenv(c, SEAHORSE, 936); });
+  // A nucleus: the orbit is back at 0 after the period.
+  ASSERT_LT(ilogbHF(cabsHF(e->refdatah[936].value)), -200);
+  std::vector<LEVEL> idle, env;
+  bothways(f, e, 1000, &idle, &env);
+  int firstbypass = -1;
+  for (size_t s = 0; s < env.size() && firstbypass < 0; s++)
+    if (env[s].anchored && env[s].bypass) firstbypass = static_cast<int>(s);
+  ASSERT_GT(firstbypass, 1);
+  EXPECT_EQ(deepest(env), deepest(idle));
+  EXPECT_GT(deepest(env), firstbypass);
+  EXPECT_EQ(holes(idle), "") << "idle search";
+  EXPECT_EQ(holes(env), "") << "environment";
+  // The level below the bypass levels is a plain level of the last round
+  // but one, in both.
+  for (const std::vector<LEVEL>* l : {&idle, &env}) {
+    const LEVEL& below = (*l)[firstbypass - 1];
+    EXPECT_TRUE(below.anchored);
+    EXPECT_FALSE(below.bypass);
+    EXPECT_EQ(below.iter, 935);
+  }
   f.engine.onmain([&](OVCONTEXT* c) {
     adjustjuliastack(c, f.julia, -1, true);
     detache(c, e);
