@@ -56,9 +56,11 @@ void worker_calciterenvironmentex(OVCONTEXT* context, WORKER* worker);
 // the start deviation (`ntj`, of z_k) and in the parameter (`ntm`), z the
 // round's z_k: levels [bypasslo, bypasshi) by the bypass from this round's
 // series, the radius of levels [radiuslo, radiushi) from `radius` (|tm1| /
-// |tj1|), levels [plainlo, plainhi) from the series of round k - 1. The
-// counters of levels defined so far (`jst` radius, `jst1` plain, `jst0`
-// bypass) move past each range, so that a range is given once. `bypass`:
+// |tj1|), levels [plainlo, plainhi) from the series of round k - 1 (up to
+// the bypass levels, when the round gives any, so that none lies between
+// the two kinds). The counters of levels defined so far (`jst` radius,
+// `jst1` plain, `jst0` bypass) move past each range, so that a range is
+// given once. `bypass`:
 // the realm allows bypass levels; `js` the size of a level's side.
 struct JULIASTACKRANGES {
   int bypasslo, bypasshi;
@@ -76,6 +78,10 @@ void juliabypasscubic(HFLOATCOMPLEX z, const HFLOATCOMPLEX* ntj, HFLOATCOMPLEX* 
 // The parameter radius within which level s stays valid, for the ratio
 // |tm1| / |tj1| of the round that defined it.
 HFLOAT juliastackradius(double js, HFLOAT ratio, int s);
+// `neededjuliastack` for a seed's run: the number of levels whose square is
+// still wider than the seed's distance to its Julia set (`distj`, kept
+// squared, for an escaping seed; `dj` for a cycle), 2 when none is known.
+int juliastackneeded(const ITERINFO* info);
 
 // Internal to the idle files.
 void idlestartjulia(OVCONTEXT* context, VIEWPORT* viewport);

@@ -1,6 +1,7 @@
 // The general view's Julia realm follows the view: its point, its
 // environment, and how many of its stack levels the view's centre still
 // lies within.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -13,11 +14,6 @@ namespace {
 
 constexpr unsigned int R_NOLOOP = 0x2000;
 
-int needed(HFLOAT d) {
-  if (d.mantissa == 0) return 2;
-  return 64 - (ilogbHF(d) + 1);
-}
-
 void setrealmenv(OVCONTEXT* context, REALM* jr, ENVIRONMENT* e) {
   if (jr->e == e) return;
   if (e) attache(e);
@@ -29,8 +25,7 @@ void bindpoint(OVCONTEXT* context, VIEWPORT* v, REALM* jr) {
   detachhpv(context, jr->info.c);
   jr->info = v->info;
   if (jr->info.c) attachhpv(jr->info.c);
-  HFLOAT d = v->info.dj.mantissa ? v->info.dj : v->info.distj;
-  jr->neededjuliastack = needed(d);
+  jr->neededjuliastack = juliastackneeded(&jr->info);
   setrealmenv(context, jr, v->esat ? v->esat : v->enonsat);
   jr->computecycle++;
 }
@@ -40,6 +35,17 @@ void adjust(OVCONTEXT* context, REALM* jr, int level, bool erase) {
 }
 
 }  // namespace
+
+int juliastackneeded(const ITERINFO* info) {
+  // Level s is a square of side 2^(2 - s): the levels counted are those
+  // wider than the distance, so the deepest level a request may reach is
+  // the first no wider than it, which spans the distance with a level's
+  // width in pixels. `distj` is kept squared, `dj` is a distance: the
+  // count is of the distance itself in both cases.
+  HFLOAT d = info->iter >= 1 ? (info->distj.mantissa ? sqrtHF(info->distj) : ZEROH) : info->dj;
+  if (d.mantissa == 0) return 2;
+  return std::max(0, 2 - ilogbHF(d));
+}
 
 void idlejulia(OVCONTEXT* context, VIEWPORT* viewport) {
   VIEWPORT* v = viewport;
@@ -78,7 +84,7 @@ void idlejulia(OVCONTEXT* context, VIEWPORT* viewport) {
       jr->info.iter = -static_cast<ITER>(v->esat->n);
       jr->info.dj = mulHF(v->esat->r4, HFd(0.1));
       jr->info.cf = v->esat->cf;
-      jr->neededjuliastack = needed(jr->info.dj);
+      jr->neededjuliastack = juliastackneeded(&jr->info);
       jr->computecycle++;
       bound = true;
       environmentjuliastack(context, v, v->esat);

@@ -179,13 +179,21 @@ JULIASTACKRANGES juliastackranges(double js, int njuliastack, bool bypass, ITER 
     }
     *jst = std::max(*jst, hi);
   }
-  if (*jst1 < N1) {
-    int hi = std::min(nj, N1);
-    if (hi > *jst1) {
-      g.plainlo = *jst1;
-      g.plainhi = hi;
-    }
-    *jst1 = std::max(*jst1, hi);
+  // The plain levels of this round reach to N1 - 1 with the last round's
+  // series, whose linear form holds from N1 of that round, at most this
+  // round's N1 or the plain levels' end. The bypass keeps a level's margin
+  // and starts at N1 + 1 at the least. The levels between (N1 itself, or up
+  // to where the image of a level is small enough for the bypass) would be
+  // plain levels of the next round; where the orbit ends here (a period's
+  // last round) there is none, and a level without data cuts every lookup
+  // off from the bypass levels above it. So they are plain levels of this
+  // round: the last round's linear form holds there too.
+  int plainend = std::min(nj, N1);
+  if (g.bypasslo < g.bypasshi) plainend = std::max(plainend, g.bypasslo);
+  if (*jst1 < plainend) {
+    g.plainlo = *jst1;
+    g.plainhi = plainend;
+    *jst1 = plainend;
   }
   return g;
 }

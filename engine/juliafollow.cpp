@@ -52,11 +52,6 @@ void runpoint(OVCONTEXT* context, VIEWPORT* v, REALM* jr, ENVIRONMENT* e, int pr
   if (jr->info.lookup) juliastacklookupex(context, jr, level, &jr->info);
 }
 
-int neededlevel(const ITERINFO& info) {
-  HFLOAT d = info.iter >= 1 ? info.distj : info.dj;
-  return d.mantissa == 0 ? 2 : 2 - ilogbHF(d);
-}
-
 void setrealmenv(OVCONTEXT* context, REALM* jr, ENVIRONMENT* e) {
   if (jr->e == e) return;
   attache(e);
@@ -126,7 +121,7 @@ void __julia(OVCONTEXT* context, VIEWPORT* viewport, const HPVALUE* m, HFLOATCOM
   // Dropping levels must not meet a correction in progress.
   finishalljuliacorrect(context);
   runpoint(context, v, jr, e, prec, c, zoom);
-  jr->neededjuliastack = neededlevel(jr->info);
+  jr->neededjuliastack = juliastackneeded(&jr->info);
   jr->computecycle++;
   if (jr->juliastack) {
     int last = levelsholding(jr, c);

@@ -156,9 +156,12 @@ TEST(JuliaFollow, TheSeedBecomesTheCentreAndLevelsThatNoLongerHoldItAreDropped) 
     int plain = escapecount(std::complex<long double>(CENTRE.real(), CENTRE.imag()), 100000);
     ASSERT_GT(plain, 0);
     EXPECT_NEAR(f.julia->info.iter, plain, 1);
+    // The levels wider than the centre's distance to its Julia set (the
+    // run keeps that distance squared): 2^-15 < 3.6e-5 < 2^-14.
     HFLOAT d = f.julia->info.distj;
     ASSERT_NE(d.mantissa, 0);
-    EXPECT_EQ(f.julia->neededjuliastack, 2 - ilogbHF(d));
+    EXPECT_EQ(ilogbHF(sqrtHF(d)), -15);
+    EXPECT_EQ(f.julia->neededjuliastack, 17);
     EXPECT_EQ(f.julia->validjuliastack, 1);
     EXPECT_EQ(f.julia->maxjuliastack, 1);
     EXPECT_EQ(f.julia->juliastack[0].m, f.old);

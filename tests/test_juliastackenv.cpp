@@ -7,6 +7,7 @@
 #include <climits>
 #include <cmath>
 #include <complex>
+#include <string>
 #include <vector>
 
 #include "idle.h"
@@ -27,6 +28,10 @@ constexpr mp_bitcnt_t BITS = 640;
 // nearest 0, found by Newton at 600 bits.
 const char* const P39[2] = {"-0.7436423016578859461185973194337778358742",
                             "0.1318265198125947234991930123055191513102"};
+// The point itself: Newton from it at period 936 finds the atom whose last
+// round hands levels to the bypass just past its plain levels' end.
+const char* const SEAHORSE[2] = {"-0.743643887037158704752191506114774",
+                                 "0.131825904205311970493132056385139"};
 const char* const P998[2] = {"-0.7436438870371588707780645434936425750476",
                              "0.131825904205312292821097354874767265263"};
 
@@ -220,15 +225,16 @@ struct STACKFIXTURE {
     waitfor([&] { return atomicload(&engine.context->iworkerall) == 0; });
   }
 
-  // What the idle search writes into the stack along e's orbit.
-  std::vector<LEVEL> byidle(ENVIRONMENT* e, int nlevels) {
+  // What the idle search writes into the stack along e's orbit, its counts
+  // of levels starting at `first` (the levels that held the view).
+  std::vector<LEVEL> byidle(ENVIRONMENT* e, int nlevels, int first = 0) {
     engine.onmain([&](OVCONTEXT* c) {
       attachhpv(e->c);
       v->idle_delta = e->c;
       v->idle_computergroup.context = c;
       v->idle_chain = &v->echain;
       v->idle_nextenviter = 0x7FFFFFFF;  // no candidates
-      v->idle_jst = v->idle_jst1 = v->idle_jst0 = 0;
+      v->idle_jst = v->idle_jst1 = v->idle_jst0 = first;
     });
     mpf_t x, y, dx, dy;
     for (mpf_ptr m : {x, y, dx, dy}) mpf_init2(m, 128);
@@ -606,6 +612,149 @@ TEST(EnvironmentJuliaStack, EveryBypassLevelOfAnAtomsPeriodHoldsItsCubic) {
           << "level " << s << " (iter " << iter << ") place " << p[0] << ", " << p[1] << ": " << got
           << " vs " << want;
     }
+  }
+  f.engine.onmain([&](OVCONTEXT* c) {
+    adjustjuliastack(c, f.julia, -1, true);
+    detache(c, e);
+  });
+}
+
+namespace {
+
+// The deepest level with a point, and the levels from `from` below it
+// without one.
+int deepest(const std::vector<LEVEL>& levels) {
+  int top = -1;
+  for (size_t s = 0; s < levels.size(); s++)
+    if (levels[s].anchored) top = static_cast<int>(s);
+  return top;
+}
+std::string holes(const std::vector<LEVEL>& levels, int from = 0) {
+  std::string out;
+  for (int s = from; s < deepest(levels); s++)
+    if (!levels[s].anchored) out += std::to_string(s) + " ";
+  return out;
+}
+
+// Both ways of defining the levels along e's orbit: the idle search's rounds
+// and the environment's one pass.
+void bothways(STACKFIXTURE& f, ENVIRONMENT* e, int nl, std::vector<LEVEL>* idle,
+              std::vector<LEVEL>* env) {
+  *idle = f.byidle(e, nl);
+  f.engine.onmain([&](OVCONTEXT* c) {
+    environmentjuliastack(c, f.v, e);
+    *env = levelsof(f.julia, nl);
+    // The levels counted as there are those up to the deepest.
+    EXPECT_EQ(f.julia->maxjuliastack, deepest(*env));
+  });
+}
+
+}  // namespace
+
+TEST(EnvironmentJuliaStack, ThePeriod39LevelsHaveNoHoleBelowTheDeepest) {
+  STACKFIXTURE f(R_BYPASS | R_JULIACORRECT);
+  ENVIRONMENT* e = nullptr;
+  f.engine.onmain([&](OVCONTEXT* c) { e = periodicenv(c, P39, 39); });
+  std::vector<LEVEL> idle, env;
+  bothways(f, e, 400, &idle, &env);
+  EXPECT_GT(deepest(idle), 3);
+  EXPECT_EQ(deepest(env), deepest(idle));
+  EXPECT_EQ(holes(idle), "") << "idle search";
+  EXPECT_EQ(holes(env), "") << "environment";
+  f.engine.onmain([&](OVCONTEXT* c) {
+    adjustjuliastack(c, f.julia, -1, true);
+    detache(c, e);
+  });
+}
+
+TEST(EnvironmentJuliaStack, ThePeriod998LevelsHaveNoHoleBetweenPlainAndBypassLevels) {
+  STACKFIXTURE f(R_BYPASS | R_JULIACORRECT);
+  ENVIRONMENT* e = nullptr;
+  f.engine.onmain([&](OVCONTEXT* c) { e = periodicenv(c, P998, 998); });
+  std::vector<LEVEL> idle, env;
+  bothways(f, e, 2000, &idle, &env);
+  // Plain levels below, bypass levels above them up to the deepest: a
+  // lookup must be able to pass from one kind to the other.
+  int firstbypass = -1;
+  for (size_t s = 0; s < env.size() && firstbypass < 0; s++)
+    if (env[s].anchored && env[s].bypass) firstbypass = static_cast<int>(s);
+  ASSERT_GT(firstbypass, 0);
+  EXPECT_FALSE(env[firstbypass - 1].bypass);
+  EXPECT_TRUE(env[deepest(env)].bypass);
+  EXPECT_EQ(deepest(env), deepest(idle));
+  EXPECT_EQ(holes(idle), "") << "idle search";
+  EXPECT_EQ(holes(env), "") << "environment";
+  f.engine.onmain([&](OVCONTEXT* c) {
+    adjustjuliastack(c, f.julia, -1, true);
+    detache(c, e);
+  });
+}
+
+TEST(EnvironmentJuliaStack, ThePeriod998LevelsHaveNoHoleAboveAnyNumberOfKeptLevels) {
+  // A view whose stack holds levels 0 .. first - 1 already: the orbit defines
+  // the levels from `first`, and its plain levels may then end where its
+  // last round's bypass levels begin, or short of them.
+  STACKFIXTURE f(R_BYPASS | R_JULIACORRECT);
+  ENVIRONMENT* e = nullptr;
+  f.engine.onmain([&](OVCONTEXT* c) { e = periodicenv(c, P998, 998); });
+  const int NL = 400;
+  int checked = 0;
+  for (int first = 1; first <= 24; first++) {
+    std::vector<LEVEL> idle = f.byidle(e, NL, first), env;
+    f.engine.onmain([&](OVCONTEXT* c) {
+      // The kept levels, valid and counted as started: nothing is computed.
+      for (int s = 0; s < first; s++) {
+        JULIASTACKDATA& L = f.julia->juliastack[s];
+        attachhpv(e->c);
+        L.m = e->c;
+      }
+      f.julia->maxjuliastack = f.julia->validjuliastack = f.julia->calcjuliastack = first - 1;
+      e->flags &= ~E_STACKED;
+      environmentjuliastack(c, f.v, e);
+      env = levelsof(f.julia, NL);
+      EXPECT_EQ(f.julia->maxjuliastack, deepest(env)) << "from " << first;
+      f.julia->calcjuliastack = -1;
+      clearlevels(c, f.julia, NL);
+      f.julia->maxjuliastack = f.julia->validjuliastack = -1;
+    });
+    ASSERT_GT(deepest(env), first) << "from " << first;
+    EXPECT_EQ(deepest(env), deepest(idle)) << "from " << first;
+    EXPECT_EQ(holes(idle, first), "") << "idle search from " << first;
+    EXPECT_EQ(holes(env, first), "") << "environment from " << first;
+    checked++;
+  }
+  EXPECT_EQ(checked, 24);
+  f.engine.onmain([&](OVCONTEXT* c) {
+    adjustjuliastack(c, f.julia, -1, true);
+    detache(c, e);
+  });
+}
+
+TEST(EnvironmentJuliaStack, ThePeriod936LevelsHaveNoHoleWhereThePlainLevelsMeetTheBypass) {
+  // Its last round is the one whose linear form reaches deepest: the plain
+  // levels of the rounds before end one level short of the bypass levels.
+  STACKFIXTURE f(R_BYPASS | R_JULIACORRECT);
+  ENVIRONMENT* e = nullptr;
+  f.engine.onmain([&](OVCONTEXT* c) { e = periodicenv(c, SEAHORSE, 936); });
+  // A nucleus: the orbit is back at 0 after the period.
+  ASSERT_LT(ilogbHF(cabsHF(e->refdatah[936].value)), -200);
+  std::vector<LEVEL> idle, env;
+  bothways(f, e, 1000, &idle, &env);
+  int firstbypass = -1;
+  for (size_t s = 0; s < env.size() && firstbypass < 0; s++)
+    if (env[s].anchored && env[s].bypass) firstbypass = static_cast<int>(s);
+  ASSERT_GT(firstbypass, 1);
+  EXPECT_EQ(deepest(env), deepest(idle));
+  EXPECT_GT(deepest(env), firstbypass);
+  EXPECT_EQ(holes(idle), "") << "idle search";
+  EXPECT_EQ(holes(env), "") << "environment";
+  // The level below the bypass levels is a plain level of the last round
+  // but one, in both.
+  for (const std::vector<LEVEL>* l : {&idle, &env}) {
+    const LEVEL& below = (*l)[firstbypass - 1];
+    EXPECT_TRUE(below.anchored);
+    EXPECT_FALSE(below.bypass);
+    EXPECT_EQ(below.iter, 935);
   }
   f.engine.onmain([&](OVCONTEXT* c) {
     adjustjuliastack(c, f.julia, -1, true);
