@@ -393,6 +393,8 @@ void processcanvasfinite(OVCONTEXT* context, typename T::CANVAS* canvas, int max
     // between four corners of count 7).
     if (closed && mn == mx) {
       closed = sidesagree<T>(canvas, i, [&](typename T::CVERTEX* vx) {
+        // A side vertex the interpolation brought forward goes on from there.
+        takeinterpolation<T>(canvas, vx);
         if (!(vx->flags & VX_FINISHED)) advancefinite<T>(context, canvas, vx, Tlimit, G);
         return equal<T>(vx, cv[0]) && (vx->flags & VX_FINISHED);
       });
