@@ -299,8 +299,10 @@ bool processarea(OVCONTEXT* context, AREA* a) {
   // Only the general realm computes against an environment; the others
   // iterate their own points.
   if (atomicload(&context->iworkerall) >= WORKERSDEFER || (r->type == GENERAL && !a->e)) return true;
-  // The Julia stack's waitforjuliastack and worker_requestjuliastack join
-  // here, for a Julia realm whose stack levels are not ready.
+  // A Julia realm that corrects through its stack first has the levels the
+  // area needs made: until they are ready the area waits on them, or on the
+  // request that asks for them.
+  if (r->type == JULIA && juliastackdefer(context, a)) return true;
 
   takemodes(a, r);
   a->computecycle = r->computecycle;

@@ -106,6 +106,19 @@ void juliastacktilefailed(OVCONTEXT* context, WORKER* worker);
 void worker_requestjuliastack(OVCONTEXT* context, WORKER* worker);
 // The area waits for level `jst` of `realm`; it is processed when it is ready.
 void waitforjuliastack(OVCONTEXT* context, REALM* realm, AREA* a, int jst);
+// The level of `realm`'s stack an area needs before it is computed: the
+// level of its pixel size, at least 0, no deeper than the seed's own radius
+// asks for (`neededjuliastack`) nor than the stack holds.
+int juliaarealevel(const OVCONTEXT* context, const REALM* realm, const AREA* a);
+// Main thread, the first step of `processarea` for an area of a Julia realm
+// that corrects through its stack: while the level the area needs is not
+// ready, the area is set aside. It waits on the level when the level has
+// been asked for (`juliajuliastack`); otherwise `worker_requestjuliastack`
+// is posted and holds the area as its worker until it has run. True when
+// the area was set aside; false when it is to be computed now: its level is
+// ready, or the realm has no stack, no point, no environment, or the idle
+// system is at work on the stack.
+bool juliastackdefer(OVCONTEXT* context, AREA* a);
 
 // The number format that resolves what remains of level s: the realm's
 // forced format (R_PRECMASK), else double to level 124, long double below

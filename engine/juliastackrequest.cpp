@@ -42,16 +42,63 @@ void anchorlevel(OVCONTEXT* context, REALM* realm, int s) {
   L->rlim = realm->info.dj;
 }
 
+// Can the realm's stack serve its areas now? The realm corrects through a
+// stack, its point is set and an environment anchors the levels, and the
+// idle system is not rebuilding the stack.
+bool stackserves(const REALM* realm) {
+  return realm && realm->type == JULIA && realm->juliastack && (realm->flags & R_JULIACORRECT) &&
+         realm->info.c && realm->e && !(realm->flags & R_IDLE);
+}
+
+// The request posted for `a` by `processarea` holds the area until it
+// runs: let go of it. True when it did hold it.
+bool releasearea(AREA* a, WORKER* worker) {
+  if (!a || a->worker != worker) return false;
+  a->worker = nullptr;
+  return true;
+}
+
 }  // namespace
+
+int juliaarealevel(const OVCONTEXT* context, const REALM* realm, const AREA* a) {
+  int top = std::max(std::min(realm->neededjuliastack, realm->njuliastack - 1), 0);
+  return std::clamp(a->depth + 6 - context->juliasizeshift, 0, top);
+}
+
+bool juliastackdefer(OVCONTEXT* context, AREA* a) {
+  REALM* realm = a->realm;
+  if (!stackserves(realm)) return false;
+  int v = juliaarealevel(context, realm, a);
+  int ready = atomicload(&realm->readyjuliastack);
+  if (v <= ready) return false;
+  if (realm->juliajuliastack >= v) {
+    // Asked for already: wait for the deepest level that can come. A level
+    // that could not be started leaves the area to what is ready.
+    int jst = std::min(v, realm->validjuliastack);
+    if (jst <= ready) return false;
+    waitforjuliastack(context, realm, a, jst);
+    return true;
+  }
+  WORKER* w = addworker(context, THREAD_MAIN, worker_requestjuliastack);
+  if (!w) return false;
+  w->pdata[REQUEST_AREA] = a;
+  w->pdata[REQUEST_REALM] = realm;
+  attachrealm(realm);
+  // The area counts as in work until the request has run, so that it is
+  // neither processed twice nor taken for finished; a reset stops it.
+  a->worker = w;
+  dispatch(context, w);
+  return true;
+}
 
 void worker_requestjuliastack(OVCONTEXT* context, WORKER* worker) {
   AREA* a = static_cast<AREA*>(worker->pdata[REQUEST_AREA]);
   REALM* realm = static_cast<REALM*>(worker->pdata[REQUEST_REALM]);
-  bool go = !atomicload(&worker->stop) && realm && realm->juliastack && realm->info.c &&
-            !(realm->flags & R_IDLE);
+  bool stopped = atomicload(&worker->stop);
+  bool held = !stopped && releasearea(a, worker);
+  bool go = !stopped && realm && realm->juliastack && realm->info.c && !(realm->flags & R_IDLE);
   if (go) {
-    int top = std::min(realm->neededjuliastack, realm->njuliastack - 1);
-    int v = std::clamp(a->depth + 6 - context->juliasizeshift, 0, std::max(top, 0));
+    int v = juliaarealevel(context, realm, a);
     if (realm->juliajuliastack >= v) {
       processarea(context, a);
     } else if (!realm->e) {
@@ -73,6 +120,10 @@ void worker_requestjuliastack(OVCONTEXT* context, WORKER* worker) {
       else
         waitforjuliastack(context, realm, a, jst);
     }
+  } else if (held && realm) {
+    // The message is dropped, but the area it held is not left without
+    // data: `processarea` computes it without the stack now.
+    processarea(context, a);
   }
   if (realm) __detachrealm(context, realm);
   freeworker(context, worker);

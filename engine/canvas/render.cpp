@@ -526,6 +526,14 @@ int rendercanvasprepixel(OVCONTEXT* context, typename T::CANVAS* canvas, PREPIXE
   REALM* realm = R.job ? static_cast<REALM*>(R.job->pdata[JOB_REALM]) : nullptr;
   // The deepest level of the stack bounds the level a pixel may name.
   int limit = (realm ? realm->njuliastack : NJULIASTACK) - 1;
+  // An area of a Julia realm is computed once the levels it asked for are
+  // ready, and no one makes deeper ones for it: a pixel that comes nearer 0
+  // than the deepest ready level is looked up there, near its centre.
+  const REALM* arearealm = R.job ? static_cast<const REALM*>(R.job->pdata[JOB_AREAREALM]) : nullptr;
+  if (realm && arearealm && arearealm->type == JULIA) {
+    int ready = atomicload(&realm->readyjuliastack2);
+    if (ready >= 0) limit = std::min(limit, ready);
+  }
   PREPIXELTILE t = {pixels, xlag, juliacorrect, realm, limit, 0, -1};
   walkleaves<T>(canvas, [&](int i, int level) { prepixelleaf<T>(R, &t, i, level); });
   if (R.job && t.highest > R.job->idata[JOB_PREPIXELDEPTH])
