@@ -97,7 +97,16 @@ void fillword(AREA* a, WORKER* w) {
 // The Julia parameter and its attractor come with the realm's point.
 void filljulia(AREA* a, WORKER* w) {
   const REALM* r = a->realm;
-  if (r->type != JULIA || !r->info.c) return;
+  if (r->type != JULIA) return;
+  if (!r->info.c) {
+    // No point yet: the seed 0, not whatever a pooled worker's last job
+    // left in these slots.
+    w->hdata[JOB_JULIAPOINT] = CZEROH;
+    w->idata[JOB_ATTRACTOR] = 0;
+    w->hdata[JOB_TRAPCENTRE] = CZEROH;
+    w->hdata[JOB_TRAPRADIUS] = CZEROH;
+    return;
+  }
   attachhpv(r->info.c);
   w->pdata[JOB_JULIA] = r->info.c;
   w->hdata[JOB_JULIAPOINT] = cHF(mpf_get_HF(r->info.c->v[0]), mpf_get_HF(r->info.c->v[1]));
