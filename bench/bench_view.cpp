@@ -30,6 +30,18 @@ VIEWARGS deepargs() {
   return a;
 }
 
+// Widths 1e-100 and 1e-1000 next to i, turned by -60 degrees as the
+// headless proof has them.
+VIEWARGS deeperargs(const char* span) {
+  VIEWARGS a = deepargs();
+  a.span = span;
+  a.angle = -60;
+  // Pixels here leave within a few thousand steps; the reference need not
+  // outlast them by much.
+  a.referencelimit = 20000;
+  return a;
+}
+
 double nowms() {
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch())
       .count();
@@ -54,6 +66,8 @@ void finishtime(benchmark::State& state, const VIEWARGS& args) {
 void BM_ViewStartToFinish(benchmark::State& state) { finishtime(state, benchargs()); }
 
 void BM_View1e10ToFinish(benchmark::State& state) { finishtime(state, deepargs()); }
+void BM_View1e100ToFinish(benchmark::State& state) { finishtime(state, deeperargs("1e-100")); }
+void BM_View1e1000ToFinish(benchmark::State& state) { finishtime(state, deeperargs("1e-1000")); }
 
 // At rest at width 1e-10, a zoom by 2 about the centre: the time until a
 // list built at the new position is published. (At the start view the jobs
@@ -91,4 +105,6 @@ void BM_ZoomByTwoToFirstList(benchmark::State& state) {
 
 BENCHMARK(BM_ViewStartToFinish)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_View1e10ToFinish)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_View1e100ToFinish)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_View1e1000ToFinish)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ZoomByTwoToFirstList)->UseManualTime()->Iterations(8)->Unit(benchmark::kMillisecond);

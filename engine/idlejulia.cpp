@@ -14,13 +14,6 @@ namespace {
 
 constexpr unsigned int R_NOLOOP = 0x2000;
 
-void setrealmenv(OVCONTEXT* context, REALM* jr, ENVIRONMENT* e) {
-  if (jr->e == e) return;
-  if (e) attache(e);
-  detache(context, jr->e);
-  jr->e = e;
-}
-
 void bindpoint(OVCONTEXT* context, VIEWPORT* v, REALM* jr) {
   detachhpv(context, jr->info.c);
   jr->info = v->info;

@@ -52,13 +52,6 @@ void runpoint(OVCONTEXT* context, VIEWPORT* v, REALM* jr, ENVIRONMENT* e, int pr
   if (jr->info.lookup) juliastacklookupex(context, jr, level, &jr->info);
 }
 
-void setrealmenv(OVCONTEXT* context, REALM* jr, ENVIRONMENT* e) {
-  if (jr->e == e) return;
-  attache(e);
-  detache(context, jr->e);
-  jr->e = e;
-}
-
 // The views showing the realm drop their standard environment, which
 // belonged to the old seed, and are filed again.
 void refreshviews(OVCONTEXT* context, REALM* jr) {
@@ -130,4 +123,11 @@ void __julia(OVCONTEXT* context, VIEWPORT* viewport, const HPVALUE* m, HFLOATCOM
   }
   setrealmenv(context, jr, e);
   refreshviews(context, jr);
+}
+
+void setrealmenv(OVCONTEXT* context, REALM* jr, ENVIRONMENT* e) {
+  if (jr->e == e) return;
+  if (e) attache(e);
+  detache(context, jr->e);
+  jr->e = e;
 }

@@ -148,3 +148,6 @@ void environmentjuliastack(OVCONTEXT* context, VIEWPORT* viewport, ENVIRONMENT* 
 // view's, and their point lies within it of the view's centre. With `report`
 // a level with a radius and no point prints "moved: jstd->m==NULL".
 int juliastacklevelsholding(VIEWPORT* viewport, REALM* realm, bool report);
+
+// The environment a Julia realm's point is followed with; null drops it.
+void setrealmenv(OVCONTEXT* context, REALM* jr, ENVIRONMENT* e);
