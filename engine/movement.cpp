@@ -343,12 +343,20 @@ void finishmoving(OVCONTEXT* context, VIEWPORT* viewport) {
     // jobs no other message may come to wake it for the moved view's list.
     setcontextflag(context, OVCONTEXT_DIRTY | OVCONTEXT_DORENDER);
   }
+  // The moves parked meanwhile are applied here, in their order: sent on
+  // through the queue they would come after the moves that are already in
+  // it, and the view would take its steps out of order (the ring, which the
+  // display walks, has them in order). Should one of them start a new move,
+  // the rest park again behind it.
   WORKER* w = viewport->movemsg;
   viewport->movemsg = nullptr;
   while (w) {
     WORKER* next = w->nextother;
     w->nextother = nullptr;
-    dispatch(context, w);
+    if (w->workerproc == worker_move)
+      worker_move(context, w);
+    else
+      dispatch(context, w);
     w = next;
   }
 }
