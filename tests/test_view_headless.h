@@ -31,11 +31,11 @@ struct RUN {
   }
 };
 
-// A small screen and one worker thread: fast, and one canvas.
+// The screen of the proof, 1024 x 768, and one worker thread: one canvas.
 inline VIEWARGS smallargs() {
   VIEWARGS a;
-  a.width = 384;
-  a.height = 288;
+  a.width = 1024;
+  a.height = 768;
   a.nthread = 4;
   return a;
 }
