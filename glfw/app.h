@@ -104,9 +104,6 @@ void renderdisplaylist(OVCONTEXT* context, VIEWPORT* viewport, int list, GLuint*
 // The unit of the tile of `channel`, the i-th of its rectangle, under the
 // list's scheme; -1 for a channel the scheme doesn't read.
 int tileunit(const COLORSCHEME* scheme, int channel, int i);
-// One rectangle of a list: its quad with texture coordinates and its
-// correction; the tiles are bound.
-void drawrectangle(const DRAWRECT& dr);
 // The view's GL display list made from `list` unless it already is; whether
 // it was made now (a hard frame).
 bool compiledisplaylist(VIEWPORT* viewport, int list, GLuint* texture);

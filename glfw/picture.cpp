@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "app.h"
+#include "displaygl.h"
 #include "picturecells.h"
 
 namespace {
@@ -183,7 +184,7 @@ void drawrun(const PICTURE* p, VIEWPORT* v, int list, const CELLRUN& r, const GL
       glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
       glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
     }
-    drawrectangle(dr);
+    renderdrawrect(dr);
   }
 }
 

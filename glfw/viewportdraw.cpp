@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "app.h"
+#include "displaygl.h"
 #include "viewtransform.h"
 
 namespace {
@@ -73,23 +74,6 @@ int tileunit(const COLORSCHEME* scheme, int channel, int i) {
   return unit;
 }
 
-void drawrectangle(const DRAWRECT& dr) {
-  glBegin(GL_TRIANGLE_STRIP);
-  // The rectangle's correction reaches the shader as the colour's alpha,
-  // scaled into the colour's range.
-  glColor4d(0, 0, 0, dr.correction * std::ldexp(1.0, -32));
-  double e = dr.epsilon;
-  glTexCoord2d(dr.x0 * e, dr.y0 * e);
-  glVertex2f(dr.c[0][0], dr.c[0][1]);
-  glTexCoord2d(dr.x1 * e, dr.y0 * e);
-  glVertex2f(dr.c[1][0], dr.c[1][1]);
-  glTexCoord2d(dr.x0 * e, dr.y1 * e);
-  glVertex2f(dr.c[3][0], dr.c[3][1]);
-  glTexCoord2d(dr.x1 * e, dr.y1 * e);
-  glVertex2f(dr.c[2][0], dr.c[2][1]);
-  glEnd();
-}
-
 bool compiledisplaylist(VIEWPORT* viewport, int list, GLuint* texture) {
   int v = viewport->nav_viewportid;
   if (oldlist[v] == list) return false;
@@ -108,7 +92,7 @@ bool compiledisplaylist(VIEWPORT* viewport, int list, GLuint* texture) {
       glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
       glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
     }
-    drawrectangle(dr);
+    renderdrawrect(dr);
   }
   glEndList();
   oldlist[v] = list;

@@ -23,3 +23,8 @@ void __renderdisplaylist(OVCONTEXT* context, VIEWPORT* viewport, int list, const
 // draw: no list yet, a stopped view or no scheme.
 bool __drawviewport(OVCONTEXT* context, GLuint* currentshader, VIEWPORT* viewport, Params* params,
                     double time, int x, int y, int w, int h, const GLuint* texture, vec2 offset);
+
+// One rectangle of a draw list with the tiles bound: its four corners with
+// their texture coordinates, and its `correction` in the colour's alpha
+// (scaled by 2^-32 into the colour's range).
+void renderdrawrect(const DRAWRECT& dr);

@@ -41,20 +41,6 @@ void bindtiles(const DRAWRECT& dr, const GLuint* texture, int schemechannels) {
   }
 }
 
-void drawrect(const DRAWRECT& dr) {
-  glBegin(GL_TRIANGLE_STRIP);
-  glColor4d(0, 0, 0, dr.correction * CORRECTIONSCALE);
-  double e = dr.epsilon;
-  glTexCoord2d(dr.x0 * e, dr.y0 * e);
-  glVertex2f(dr.c[0][0], dr.c[0][1]);
-  glTexCoord2d(dr.x1 * e, dr.y0 * e);
-  glVertex2f(dr.c[1][0], dr.c[1][1]);
-  glTexCoord2d(dr.x0 * e, dr.y1 * e);
-  glVertex2f(dr.c[3][0], dr.c[3][1]);
-  glTexCoord2d(dr.x1 * e, dr.y1 * e);
-  glVertex2f(dr.c[2][0], dr.c[2][1]);
-  glEnd();
-}
 
 // The channels the list's scheme reads, or -1 when it is unknown and the
 // rectangle's own packing decides.
@@ -111,7 +97,7 @@ void __renderdisplaylist(OVCONTEXT*, VIEWPORT* viewport, int list, const GLuint*
   unsigned int n = viewport->idrawrect[list];
   for (unsigned int r = 0; r < n; r++) {
     bindtiles(rects[r], texture, channels);
-    drawrect(rects[r]);
+    renderdrawrect(rects[r]);
   }
   glActiveTexture(GL_TEXTURE0);
 }
@@ -159,4 +145,19 @@ bool __drawviewport(OVCONTEXT* context, GLuint* currentshader, VIEWPORT* viewpor
   glScissor(oldscissor[0], oldscissor[1], oldscissor[2], oldscissor[3]);
   glViewport(oldviewport[0], oldviewport[1], oldviewport[2], oldviewport[3]);
   return drawn;
+}
+
+void renderdrawrect(const DRAWRECT& dr) {
+  glBegin(GL_TRIANGLE_STRIP);
+  glColor4d(0, 0, 0, dr.correction * CORRECTIONSCALE);
+  double e = dr.epsilon;
+  glTexCoord2d(dr.x0 * e, dr.y0 * e);
+  glVertex2f(dr.c[0][0], dr.c[0][1]);
+  glTexCoord2d(dr.x1 * e, dr.y0 * e);
+  glVertex2f(dr.c[1][0], dr.c[1][1]);
+  glTexCoord2d(dr.x0 * e, dr.y1 * e);
+  glVertex2f(dr.c[3][0], dr.c[3][1]);
+  glTexCoord2d(dr.x1 * e, dr.y1 * e);
+  glVertex2f(dr.c[2][0], dr.c[2][1]);
+  glEnd();
 }
