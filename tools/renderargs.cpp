@@ -61,14 +61,6 @@ bool parsesize(const char* text, int* w, int* h) {
   return parseint(a.c_str(), 1, 16384, w) && parseint(x + 1, 1, 16384, h);
 }
 
-bool parsehex(const char* text, unsigned int* out) {
-  const char* p = text;
-  if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) p += 2;
-  if (!*p || strspn(p, "0123456789abcdefABCDEF") != strlen(p) || strlen(p) > 8) return false;
-  *out = static_cast<unsigned int>(strtoul(p, nullptr, 16));
-  return true;
-}
-
 bool parsepair(const char* text, std::string* a, std::string* b) {
   const char* comma = strchr(text, ',');
   if (!comma) return false;

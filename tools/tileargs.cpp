@@ -28,37 +28,6 @@ bool parseint(const char* text, long lo, long hi, long* value) {
   return true;
 }
 
-bool parsehex(const char* text, unsigned int* value) {
-  const char* p = text;
-  if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) p += 2;
-  if (!*p) return false;
-  char* end;
-  errno = 0;
-  unsigned long v = strtoul(p, &end, 16);
-  if (errno || *end || v > 0xFFFFFFFFul || *p == '-' || *p == '+') return false;
-  *value = static_cast<unsigned int>(v);
-  return true;
-}
-
-bool parsechannels(const char* text, unsigned int* mask) {
-  unsigned int m = 0;
-  const char* p = text;
-  while (*p) {
-    if (*p < '0' || *p > '8') return false;
-    m |= 1u << (*p - '0');
-    p++;
-    if (*p == ',') {
-      p++;
-      if (!*p) return false;
-    } else if (*p) {
-      return false;
-    }
-  }
-  if (!m) return false;
-  *mask = m;
-  return true;
-}
-
 bool parseformat(const char* text, unsigned int* format) {
   static const struct {
     const char* name;
@@ -218,4 +187,35 @@ bool parsetileargs(int argc, const char* const* argv, TILEARGS* args, std::strin
   else if (hasjulia && !args->julia) *error = "--julia-re and --julia-im need --realm julia";
   else return true;
   return false;
+}
+
+bool parsehex(const char* text, unsigned int* value) {
+  const char* p = text;
+  if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) p += 2;
+  if (!*p) return false;
+  char* end;
+  errno = 0;
+  unsigned long v = strtoul(p, &end, 16);
+  if (errno || *end || v > 0xFFFFFFFFul || *p == '-' || *p == '+') return false;
+  *value = static_cast<unsigned int>(v);
+  return true;
+}
+
+bool parsechannels(const char* text, unsigned int* mask) {
+  unsigned int m = 0;
+  const char* p = text;
+  while (*p) {
+    if (*p < '0' || *p > '8') return false;
+    m |= 1u << (*p - '0');
+    p++;
+    if (*p == ',') {
+      p++;
+      if (!*p) return false;
+    } else if (*p) {
+      return false;
+    }
+  }
+  if (!m) return false;
+  *mask = m;
+  return true;
 }

@@ -33,6 +33,14 @@ extern const char* const TILEUSAGE;
 // Fills `args` from argv[1..]; false with a one-line reason in `error`.
 bool parsetileargs(int argc, const char* const* argv, TILEARGS* args, std::string* error);
 
+// A realm flag word in hexadecimal, with or without "0x": at most 32 bits,
+// no sign. False, with `value` untouched, otherwise.
+bool parsehex(const char* text, unsigned int* value);
+
+// A comma-separated list of channel digits 0 to 8, at least one; the mask
+// of them into `mask`. False, with `mask` untouched, otherwise.
+bool parsechannels(const char* text, unsigned int* mask);
+
 // An optional sign, digits with at most one point and at least one digit,
 // and an optional exponent "e" or "E" with optional sign and digits; set
 // into `value` exactly. False, with `value` unspecified, otherwise.

@@ -45,36 +45,6 @@ bool parsesize(const char* text, int* w, int* h) {
   return true;
 }
 
-bool parsechannels(const char* text, unsigned int* mask) {
-  unsigned int m = 0;
-  for (const char* p = text; *p;) {
-    if (*p < '0' || *p > '8') return false;
-    m |= 1u << (*p - '0');
-    p++;
-    if (*p == ',') {
-      p++;
-      if (!*p) return false;
-    } else if (*p) {
-      return false;
-    }
-  }
-  if (!m) return false;
-  *mask = m;
-  return true;
-}
-
-bool parsehex(const char* text, unsigned int* value) {
-  const char* p = text;
-  if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) p += 2;
-  if (!*p || *p == '-' || *p == '+') return false;
-  char* end;
-  errno = 0;
-  unsigned long v = strtoul(p, &end, 16);
-  if (errno || *end || v > 0xFFFFFFFFul) return false;
-  *value = static_cast<unsigned int>(v);
-  return true;
-}
-
 // A decimal that is exact and, with `positive`, above zero.
 bool isdecimal(const std::string& text, bool positive) {
   mpq_t q;
