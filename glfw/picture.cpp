@@ -177,12 +177,7 @@ void drawrun(const PICTURE* p, VIEWPORT* v, int list, const CELLRUN& r, const GL
       GLuint name = texture[dr.texture[i]->texture];
       if (unit < 8 && bound[unit] == name) continue;
       if (unit < 8) bound[unit] = name;
-      glActiveTexture(GL_TEXTURE0 + static_cast<GLenum>(unit));
-      glBindTexture(GL_TEXTURE_2D, name);
-      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+      bindtile(unit, name);
     }
     renderdrawrect(dr);
   }

@@ -85,12 +85,7 @@ bool compiledisplaylist(VIEWPORT* viewport, int list, GLuint* texture) {
     for (int i = 0; i < dr.ichannels; i++) {
       int unit = tileunit(scheme, dr.channel[i], i);
       if (unit < 0) continue;
-      glActiveTexture(GL_TEXTURE0 + static_cast<GLenum>(unit));
-      glBindTexture(GL_TEXTURE_2D, texture[dr.texture[i]->texture]);
-      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+      bindtile(unit, texture[dr.texture[i]->texture]);
     }
     renderdrawrect(dr);
   }

@@ -28,3 +28,7 @@ bool __drawviewport(OVCONTEXT* context, GLuint* currentshader, VIEWPORT* viewpor
 // their texture coordinates, and its `correction` in the colour's alpha
 // (scaled by 2^-32 into the colour's range).
 void renderdrawrect(const DRAWRECT& dr);
+
+// A tile's GL texture on texture unit `unit`, read texel for texel (nearest,
+// clamped to its edge): a scheme's smoothing is its own.
+void bindtile(int unit, GLuint name);

@@ -32,12 +32,7 @@ void bindtiles(const DRAWRECT& dr, const GLuint* texture, int schemechannels) {
   for (int i = 0; i < dr.ichannels; i++) {
     int unit = schemechannels < 0 ? 2 + i : unitofchannel(schemechannels, dr.channel[i]);
     if (unit < 0) continue;
-    glActiveTexture(GL_TEXTURE0 + static_cast<GLenum>(unit));
-    glBindTexture(GL_TEXTURE_2D, texture[dr.texture[i]->texture]);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+    bindtile(unit, texture[dr.texture[i]->texture]);
   }
 }
 
@@ -160,4 +155,13 @@ void renderdrawrect(const DRAWRECT& dr) {
   glTexCoord2d(dr.x1 * e, dr.y1 * e);
   glVertex2f(dr.c[2][0], dr.c[2][1]);
   glEnd();
+}
+
+void bindtile(int unit, GLuint name) {
+  glActiveTexture(GL_TEXTURE0 + static_cast<GLenum>(unit));
+  glBindTexture(GL_TEXTURE_2D, name);
+  glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+  glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+  glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+  glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
 }
