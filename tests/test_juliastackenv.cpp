@@ -198,6 +198,7 @@ struct STACKFIXTURE {
   REALM* general = nullptr;
   REALM* julia = nullptr;
   VIEWPORT* v = nullptr;
+  std::vector<ENVIRONMENT*> envs;
 
   explicit STACKFIXTURE(unsigned int juliaflags) {
     general = newrealm(engine, GENERAL);
@@ -214,12 +215,19 @@ struct STACKFIXTURE {
     engine.onmain([&](OVCONTEXT* c) {
       stopjuliastackcomputation(c, julia);
       adjustjuliastack(c, julia, -1, true);
+      for (ENVIRONMENT* e : envs) detache(c, e);
     });
     waitidle();
     engine.onmain([&](OVCONTEXT* c) { __detachviewport(c, v); });
     detachrealm(engine.context, julia);
     detachrealm(engine.context, general);
     engine.onmain([](OVCONTEXT*) {});
+  }
+  // A periodic environment made on the main thread; the fixture lets go of
+  // it once the stack has dropped its levels.
+  ENVIRONMENT* periodic(const char* const guess[2], unsigned n) {
+    engine.onmain([&](OVCONTEXT* c) { envs.push_back(periodicenv(c, guess, n)); });
+    return envs.back();
   }
   void waitidle() {
     waitfor([&] { return atomicload(&engine.context->iworkerall) == 0; });
@@ -327,8 +335,7 @@ TEST(EnvironmentJuliaStack, APeriod39AtomFillsTheLevelsTheIdleSearchFillsAlongIt
 
 TEST(EnvironmentJuliaStack, APeriod998AtomFillsBypassLevelsAsTheIdleSearchDoes) {
   STACKFIXTURE f(R_BYPASS | R_JULIACORRECT);
-  ENVIRONMENT* e = nullptr;
-  f.engine.onmain([&](OVCONTEXT* c) { e = periodicenv(c, P998, 998); });
+  ENVIRONMENT* e = f.periodic(P998, 998);
   ASSERT_TRUE(e->flags & E_SERIES);
   const int NL = 2000;
   std::vector<LEVEL> idle = f.byidle(e, NL);
@@ -341,10 +348,6 @@ TEST(EnvironmentJuliaStack, APeriod998AtomFillsBypassLevelsAsTheIdleSearchDoes) 
   compare(idle, env, &filled, &bypassed);
   EXPECT_GT(bypassed, 0);
   EXPECT_GT(filled, bypassed);
-  f.engine.onmain([&](OVCONTEXT* c) {
-    adjustjuliastack(c, f.julia, -1, true);
-    detache(c, e);
-  });
 }
 
 TEST(EnvironmentJuliaStack, WithoutAPeriodOnlyTheLevelsAboveTheValidOneAreDropped) {
@@ -653,24 +656,18 @@ void bothways(STACKFIXTURE& f, ENVIRONMENT* e, int nl, std::vector<LEVEL>* idle,
 
 TEST(EnvironmentJuliaStack, ThePeriod39LevelsHaveNoHoleBelowTheDeepest) {
   STACKFIXTURE f(R_BYPASS | R_JULIACORRECT);
-  ENVIRONMENT* e = nullptr;
-  f.engine.onmain([&](OVCONTEXT* c) { e = periodicenv(c, P39, 39); });
+  ENVIRONMENT* e = f.periodic(P39, 39);
   std::vector<LEVEL> idle, env;
   bothways(f, e, 400, &idle, &env);
   EXPECT_GT(deepest(idle), 3);
   EXPECT_EQ(deepest(env), deepest(idle));
   EXPECT_EQ(holes(idle), "") << "idle search";
   EXPECT_EQ(holes(env), "") << "environment";
-  f.engine.onmain([&](OVCONTEXT* c) {
-    adjustjuliastack(c, f.julia, -1, true);
-    detache(c, e);
-  });
 }
 
 TEST(EnvironmentJuliaStack, ThePeriod998LevelsHaveNoHoleBetweenPlainAndBypassLevels) {
   STACKFIXTURE f(R_BYPASS | R_JULIACORRECT);
-  ENVIRONMENT* e = nullptr;
-  f.engine.onmain([&](OVCONTEXT* c) { e = periodicenv(c, P998, 998); });
+  ENVIRONMENT* e = f.periodic(P998, 998);
   std::vector<LEVEL> idle, env;
   bothways(f, e, 2000, &idle, &env);
   // Plain levels below, bypass levels above them up to the deepest: a
@@ -684,10 +681,6 @@ TEST(EnvironmentJuliaStack, ThePeriod998LevelsHaveNoHoleBetweenPlainAndBypassLev
   EXPECT_EQ(deepest(env), deepest(idle));
   EXPECT_EQ(holes(idle), "") << "idle search";
   EXPECT_EQ(holes(env), "") << "environment";
-  f.engine.onmain([&](OVCONTEXT* c) {
-    adjustjuliastack(c, f.julia, -1, true);
-    detache(c, e);
-  });
 }
 
 TEST(EnvironmentJuliaStack, ThePeriod998LevelsHaveNoHoleAboveAnyNumberOfKeptLevels) {
@@ -695,8 +688,7 @@ TEST(EnvironmentJuliaStack, ThePeriod998LevelsHaveNoHoleAboveAnyNumberOfKeptLeve
   // the levels from `first`, and its plain levels may then end where its
   // last round's bypass levels begin, or short of them.
   STACKFIXTURE f(R_BYPASS | R_JULIACORRECT);
-  ENVIRONMENT* e = nullptr;
-  f.engine.onmain([&](OVCONTEXT* c) { e = periodicenv(c, P998, 998); });
+  ENVIRONMENT* e = f.periodic(P998, 998);
   const int NL = 400;
   int checked = 0;
   for (int first = 1; first <= 24; first++) {
@@ -724,18 +716,13 @@ TEST(EnvironmentJuliaStack, ThePeriod998LevelsHaveNoHoleAboveAnyNumberOfKeptLeve
     checked++;
   }
   EXPECT_EQ(checked, 24);
-  f.engine.onmain([&](OVCONTEXT* c) {
-    adjustjuliastack(c, f.julia, -1, true);
-    detache(c, e);
-  });
 }
 
 TEST(EnvironmentJuliaStack, ThePeriod936LevelsHaveNoHoleWhereThePlainLevelsMeetTheBypass) {
   // Its last round is the one whose linear form reaches deepest: the plain
   // levels of the rounds before end one level short of the bypass levels.
   STACKFIXTURE f(R_BYPASS | R_JULIACORRECT);
-  ENVIRONMENT* e = nullptr;
-  f.engine.onmain([&](OVCONTEXT* c) { e = periodicenv(c, SEAHORSE, 936); });
+  ENVIRONMENT* e = f.periodic(SEAHORSE, 936);
   // A nucleus: the orbit is back at 0 after the period.
   ASSERT_LT(ilogbHF(cabsHF(e->refdatah[936].value)), -200);
   std::vector<LEVEL> idle, env;
@@ -756,8 +743,4 @@ TEST(EnvironmentJuliaStack, ThePeriod936LevelsHaveNoHoleWhereThePlainLevelsMeetT
     EXPECT_FALSE(below.bypass);
     EXPECT_EQ(below.iter, 935);
   }
-  f.engine.onmain([&](OVCONTEXT* c) {
-    adjustjuliastack(c, f.julia, -1, true);
-    detache(c, e);
-  });
 }
