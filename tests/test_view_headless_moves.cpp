@@ -14,11 +14,14 @@ namespace {
 constexpr int NMOVES = 600;
 
 // Every step sent applied (the last applied is the last sent, so they were
-// taken in order), no move under way, nothing left to compute.
+// taken in order), no move under way, nothing left to compute, and no idle
+// run that may yet hand the view a better reference and file it again (nor
+// a view held back until such a run gives it one).
 bool settled(RUN& r, VIEWPORT* v) {
   bool done = false;
   onmain(r, [&](OVCONTEXT*) {
-    done = v->icursystem == v->icoordinatesystem && !(v->flags & VP_MOVING) && v->ivainvalid == 0;
+    const unsigned int busy = VP_MOVING | VP_IDLE | VP_DONOTDRAW | VP_MUSTWAITFORIDLE;
+    done = v->icursystem == v->icoordinatesystem && !(v->flags & busy) && v->ivainvalid == 0;
   });
   return done;
 }
