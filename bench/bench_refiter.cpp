@@ -1,7 +1,13 @@
-// Reference orbit iterations per second: the idle graph (z, dz and the two
-// HFLOAT series), plain and split, on a live engine with two worker threads
-// lent to it beside the main thread, against one thread iterating z and dz
-// in mpf with the same operations.
+// Reference orbit iterations per second: the plain iteration graph (z and
+// dz) and the idle graph (z, dz and the two HFLOAT series), plain and split,
+// on a live engine, against one thread iterating z and dz in mpf with the
+// same operations.
+//
+// The main thread serves a running graph beside the worker threads lent to
+// it, and all of them spin. ORVANTA_BENCH_THREADS sets the engine's thread
+// count (default 6: main, GL, helper and three workers, of which one is lent
+// to the graph, so that two threads serve it, one per core of the build
+// machine; 7 lends two, and three spinning threads then share two cores).
 #include <benchmark/benchmark.h>
 
 #include <atomic>
@@ -42,16 +48,25 @@ void pointin(mpf_ptr cre, mpf_ptr cim) {
 
 std::atomic<int> stretchends{0};
 
-void countend(COMPUTERGROUP*) { stretchends.fetch_add(1); }
+// The benchmark's thread sleeps on the count rather than yield: it would
+// otherwise take a core from the graph's spinning threads.
+void countend(COMPUTERGROUP*) {
+  stretchends.fetch_add(1);
+  stretchends.notify_all();
+}
 
-// Seven threads: the main thread and four workers, of which two are lent to
-// a running graph (the three fixed threads are main, GL and helper).
+int enginethreads() {
+  const char* s = getenv("ORVANTA_BENCH_THREADS");
+  int n = s ? atoi(s) : 6;
+  return n >= 4 && n <= 64 ? n : 6;
+}
+
 struct ENGINE {
   OVCONTEXT* context;
   ENGINE() {
     context = static_cast<OVCONTEXT*>(calloc(1, sizeof(OVCONTEXT)));
-    initcontext(context, int64_t(2) << 30, 7, 8, 0, nullptr, nullptr, nullptr, nullptr, nullptr,
-                nullptr, "/tmp/", 0);
+    initcontext(context, int64_t(2) << 30, enginethreads(), 8, 0, nullptr, nullptr, nullptr,
+                nullptr, nullptr, nullptr, "/tmp/", 0);
   }
   ~ENGINE() {
     freecontext(context);
@@ -59,7 +74,7 @@ struct ENGINE {
   }
 };
 
-void graph(benchmark::State& state, bool split) {
+void graph(benchmark::State& state, bool split, bool idle) {
   mp_bitcnt_t bits = static_cast<mp_bitcnt_t>(state.range(0));
   ENGINE engine;
   COMPUTERGROUP* g = static_cast<COMPUTERGROUP*>(calloc(1, sizeof(COMPUTERGROUP)));
@@ -69,8 +84,14 @@ void graph(benchmark::State& state, bool split) {
   int64_t rounds = 0;
   for (auto _ : state) {
     int before = stretchends.load();
-    onmain(engine.context, [&](OVCONTEXT* c) { setupidlecomputergroup(c, g, split); });
-    while (stretchends.load() == before) std::this_thread::yield();
+    onmain(engine.context, [&](OVCONTEXT* c) {
+      if (idle)
+        setupidlecomputergroup(c, g, split);
+      else
+        setupitercomputergroup(c, g, split);
+    });
+    for (int now = stretchends.load(); now == before; now = stretchends.load())
+      stretchends.wait(now);
     rounds += NCOMPUTERSTRETCH;
   }
   onmain(engine.context, [](OVCONTEXT*) {});
@@ -79,8 +100,10 @@ void graph(benchmark::State& state, bool split) {
   free(g);
 }
 
-void BM_IdleGraph(benchmark::State& state) { graph(state, false); }
-void BM_IdleGraphSplit(benchmark::State& state) { graph(state, true); }
+void BM_IterGraph(benchmark::State& state) { graph(state, false, false); }
+void BM_IterGraphSplit(benchmark::State& state) { graph(state, true, false); }
+void BM_IdleGraph(benchmark::State& state) { graph(state, false, true); }
+void BM_IdleGraphSplit(benchmark::State& state) { graph(state, true, true); }
 
 void BM_SequentialMpf(benchmark::State& state) {
   mp_bitcnt_t bits = static_cast<mp_bitcnt_t>(state.range(0));
@@ -119,5 +142,7 @@ void BM_SequentialMpf(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(BM_SequentialMpf)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();
+BENCHMARK(BM_IterGraph)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();
+BENCHMARK(BM_IterGraphSplit)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();
 BENCHMARK(BM_IdleGraph)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();
 BENCHMARK(BM_IdleGraphSplit)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();

@@ -499,9 +499,10 @@ COMPUTER* standardcomputern(COMPUTERGROUP* group, COMPUTERPROC compute, int ninp
   return c;
 }
 
-void removecomputer(COMPUTER* computer) {
-  COMPUTERGROUP* group = computer->computergroup;
-  if (atomicdecrementint(&group->activecomputer) == 0) postend(group);
+void removecomputer(COMPUTER* computer) { removecomputers(computer->computergroup, 1); }
+
+void removecomputers(COMPUTERGROUP* group, int n) {
+  if (__atomic_sub_fetch(&group->activecomputer, n, __ATOMIC_SEQ_CST) == 0) postend(group);
 }
 
 void worker_compute_end(OVCONTEXT* context, WORKER* worker) {
@@ -525,11 +526,16 @@ bool servecomputers(OVCONTEXT* context) {
     }
     COMPUTERGROUP* group = c->computergroup;
     atomicstore(&c->nextonstack, __atomic_exchange_n(&group->computerchain, c, __ATOMIC_SEQ_CST));
+    // A chain stays in its group, and the group cannot end while this thread
+    // still holds the chain's count: the nodes are counted off once, at the
+    // end, rather than each with a locked operation on a line that every
+    // serving thread writes.
+    int chain = 0;
     while (c) {
-      COMPUTER* next = c->compute(c);
-      removecomputer(c);  // c may belong to the next stretch from here on
-      c = next;
+      c = c->compute(c);
+      chain++;
     }
+    removecomputers(group, chain);  // the group may be rebuilt from here on
     ran = true;
   }
 }

@@ -373,6 +373,8 @@ extern NEWTONSTOPPROC newtonstophook;
 extern NEWTONENDPROC newtonendhook;
 
 void removecomputer(COMPUTER* computer);
+// `n` nodes of `group` finished at once; the same end as n calls of the above.
+void removecomputers(COMPUTERGROUP* group, int n);
 void worker_compute_end(OVCONTEXT* context, WORKER* worker);
 
 // Runs ready nodes while the context's queue holds any; true if it ran one.
