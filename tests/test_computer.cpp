@@ -5,6 +5,8 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <complex>
+#include <string>
 #include <cstddef>
 #include <cstdlib>
 #include <thread>
@@ -564,3 +566,93 @@ TEST(Computer, StopBeforeAStretchRunsItAndNoFurtherOne) {
   mpf_clear(cre);
   mpf_clear(cim);
 }
+
+// ---------------------------------------------------------------- long orbits
+
+// A point just inside the main cardioid, multiplier 0.9999 e^i: the orbit
+// turns about its fixed point and creeps towards it by only 1.4e-4 bits an
+// iteration, so over 100,000 iterations no precision lets it settle into a
+// number that would repeat. Any difference in an operation or its order would
+// show in the last limbs and be carried on.
+void slowpoint(mpf_ptr cre, mpf_ptr cim, mp_bitcnt_t bits) {
+  const double m = 0.9999;
+  std::complex<double> l = std::polar(m, 1.0);
+  std::complex<double> c = l / 2.0 - l * l / 4.0;
+  mpf_set_d(cre, c.real());
+  mpf_set_d(cim, c.imag());
+  gmp_randstate_t r;
+  gmp_randinit_default(r);
+  gmp_randseed_ui(r, bits);
+  mpf_t t;
+  mpf_init2(t, bits);
+  mpf_urandomb(t, r, bits);
+  mpf_div_2exp(t, t, 60);
+  mpf_add(cre, cre, t);
+  mpf_urandomb(t, r, bits);
+  mpf_div_2exp(t, t, 60);
+  mpf_add(cim, cim, t);
+  mpf_clear(t);
+  gmp_randclear(r);
+}
+
+struct LONGRUN {
+  mp_bitcnt_t bits;
+  bool split;
+  int serving;  // threads that serve the graph: the main thread, and one lent worker
+};
+
+std::string longrunname(const ::testing::TestParamInfo<LONGRUN>& info) {
+  const LONGRUN& p = info.param;
+  return std::to_string(p.bits) + "Bits" + (p.split ? "Split" : "Plain") +
+         std::to_string(p.serving) + "Thread" + (p.serving > 1 ? "s" : "");
+}
+
+class ComputerLong : public ::testing::TestWithParam<LONGRUN> {};
+
+// 100,352 iterations (196 stretches) of the graph on a live engine equal
+// the sequential loop bit for bit, in every register.
+TEST_P(ComputerLong, HundredThousandIterationsEqualTheSequentialLoop) {
+  const LONGRUN& p = GetParam();
+  // Five threads lend no worker to a graph (main, GL, helper and two
+  // workers: the bound is the workers less two); six lend one.
+  Engine e(p.serving == 1 ? 5 : 6);
+  const int stretches = (100000 + NCOMPUTERSTRETCH - 1) / NCOMPUTERSTRETCH;
+  mpf_t cre, cim;
+  mpf_init2(cre, p.bits);
+  mpf_init2(cim, p.bits);
+  slowpoint(cre, cim, p.bits);
+  OWNER owner;
+  // The most workers seen serving the graph while it runs.
+  std::atomic<bool> over{false};
+  std::atomic<int> lent{0};
+  std::thread watch([&] {
+    while (!over.load()) {
+      int n = atomicload(&e.context->grworker.icomputingthreads);
+      if (n > lent.load()) lent.store(n);
+      std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+  });
+  COMPUTERGROUP* g = rungraph(e, p.bits, cre, cim, p.split, stretches, owner);
+  over.store(true);
+  watch.join();
+  EXPECT_EQ(lent.load(), p.serving - 1);
+  ORBIT o(p.bits);
+  sequential(cre, cim, NCOMPUTERSTRETCH * stretches, p.bits, o);
+  expectsame(g, o);
+  EXPECT_EQ(g->idata[0], COMPUTER_NOESCAPE);
+  EXPECT_EQ(g->idata[1], NCOMPUTERSTRETCH * stretches);
+  // Still far from its fixed point: the last limbs are all in use.
+  EXPECT_GE(g->data[2]->_mp_size, g->data[2]->_mp_prec);
+  deletegroup(g);
+  mpf_clear(cre);
+  mpf_clear(cim);
+}
+
+INSTANTIATE_TEST_SUITE_P(Orbit, ComputerLong,
+                         ::testing::Values(LONGRUN{128, false, 1}, LONGRUN{128, false, 2},
+                                           LONGRUN{128, true, 1}, LONGRUN{128, true, 2},
+                                           LONGRUN{1024, false, 1}, LONGRUN{1024, false, 2},
+                                           LONGRUN{1024, true, 1}, LONGRUN{1024, true, 2},
+                                           LONGRUN{10000, false, 1}, LONGRUN{10000, false, 2},
+                                           LONGRUN{10000, true, 1}, LONGRUN{10000, true, 2}),
+                         longrunname);
