@@ -18,6 +18,10 @@
 
 #include "Mandelbrot.h"
 
+#ifdef ORVANTA_BENCH_MPFR
+#include <mpfr.h>
+#endif
+
 namespace {
 
 struct CALL {
@@ -138,6 +142,50 @@ void BM_SequentialMpf(benchmark::State& state) {
   state.counters["iter/s"] = benchmark::Counter(static_cast<double>(rounds), benchmark::Counter::kIsRate);
   for (mpf_ptr v : {cre, cim, x, y, dx, dy, x2, y2, xn, yn, p1, p2, p3, p4}) mpf_clear(v);
 }
+
+#ifdef ORVANTA_BENCH_MPFR
+// The same loop in MPFR, rounding to nearest: a second measure of what one
+// thread does without the graph.
+void BM_SequentialMpfr(benchmark::State& state) {
+  mpfr_prec_t bits = static_cast<mpfr_prec_t>(state.range(0));
+  mpfr_t cre, cim, x, y, dx, dy, x2, y2, xn, yn, p1, p2, p3, p4;
+  for (mpfr_ptr v : {cre, cim, x, y, dx, dy, x2, y2, xn, yn, p1, p2, p3, p4}) {
+    mpfr_init2(v, bits);
+    mpfr_set_zero(v, 1);
+  }
+  mpfr_set_d(cre, 0.35054, MPFR_RNDN);
+  mpfr_set_d(cim, 0.19454, MPFR_RNDN);
+  const mpfr_rnd_t n = MPFR_RNDN;
+  int64_t rounds = 0;
+  for (auto _ : state) {
+    for (int k = 0; k < NCOMPUTERSTRETCH; k++) {
+      mpfr_sqr(x2, x, n);
+      mpfr_sqr(y2, y, n);
+      mpfr_sub(xn, x2, y2, n);
+      mpfr_add(xn, xn, cre, n);
+      mpfr_mul(yn, x, y, n);
+      mpfr_mul_2ui(yn, yn, 1, n);
+      mpfr_add(yn, yn, cim, n);
+      mpfr_mul(p1, x, dx, n);
+      mpfr_mul(p2, y, dy, n);
+      mpfr_mul(p3, x, dy, n);
+      mpfr_mul(p4, y, dx, n);
+      mpfr_sub(p1, p1, p2, n);
+      mpfr_mul_2ui(dx, p1, 1, n);
+      mpfr_add_ui(dx, dx, 1, n);
+      mpfr_add(p3, p3, p4, n);
+      mpfr_mul_2ui(dy, p3, 1, n);
+      mpfr_swap(x, xn);
+      mpfr_swap(y, yn);
+    }
+    rounds += NCOMPUTERSTRETCH;
+    benchmark::DoNotOptimize(x->_mpfr_d);
+  }
+  state.counters["iter/s"] = benchmark::Counter(static_cast<double>(rounds), benchmark::Counter::kIsRate);
+  for (mpfr_ptr v : {cre, cim, x, y, dx, dy, x2, y2, xn, yn, p1, p2, p3, p4}) mpfr_clear(v);
+}
+BENCHMARK(BM_SequentialMpfr)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();
+#endif
 
 }  // namespace
 

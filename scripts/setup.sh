@@ -18,6 +18,8 @@ PACKAGES=(
   libfreetype-dev libfontconfig-dev libcurl4-openssl-dev
   # tests and benchmarks
   googletest libgtest-dev libbenchmark-dev xvfb xauth
+  # the orbit benchmark's second single-thread loop
+  libmpfr-dev
 )
 
 missing=()
