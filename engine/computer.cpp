@@ -525,7 +525,11 @@ bool servecomputers(OVCONTEXT* context) {
       return ran;
     }
     COMPUTERGROUP* group = c->computergroup;
-    atomicstore(&c->nextonstack, __atomic_exchange_n(&group->computerchain, c, __ATOMIC_SEQ_CST));
+    // The record of the node last taken carries no meaning for the run: it
+    // is kept without a locked operation on a line every serving thread
+    // writes.
+    c->nextonstack = __atomic_load_n(&group->computerchain, __ATOMIC_RELAXED);
+    __atomic_store_n(&group->computerchain, c, __ATOMIC_RELAXED);
     // A chain stays in its group, and the group cannot end while this thread
     // still holds the chain's count: the nodes are counted off once, at the
     // end, rather than each with a locked operation on a line that every

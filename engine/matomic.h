@@ -90,6 +90,16 @@ inline bool atomiccompareandswapptrbarrier(void* oldvalue, void* newvalue,
 
 // ---------------------------------------------------------------- spinlock
 //
+// A spinning thread's breath: it lets the other hyper-thread run and slows
+// the rate at which a waiting loop re-reads a line another core writes.
+inline void spinpause() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("yield");
+#endif
+}
+
 // The locks guard a handful of stores, so the loop has no pause and no
 // back-off.
 

@@ -93,8 +93,10 @@ bool waitfortodo(OVCONTEXT* context, THREADGROUP* group, int thread) {
       // computing thread serves the computers only, and takes queued work
       // just while a viewport moves, so that the moving picture gets the
       // processors.
+      bool served = false;
       if (t == 0 || (atomicload(&context->imovingviewport) == 0 && group->computing[thread]))
-        servecomputers(context);
+        served = servecomputers(context);
+      if (!served) spinpause();
       if (thread == 0 && t == 0) continue;
       if (thread != 0 && group->computing[thread] &&
           (t == 0 || atomicload(&context->imovingviewport) == 0))
