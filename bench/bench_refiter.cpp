@@ -52,9 +52,27 @@ void pointin(mpf_ptr cre, mpf_ptr cim) {
 
 std::atomic<int> stretchends{0};
 
-// The benchmark's thread sleeps on the count rather than yield: it would
-// otherwise take a core from the graph's spinning threads.
-void countend(COMPUTERGROUP*) {
+// One benchmark iteration is a run of RUNSTRETCHES stretches, each started
+// by the end of the one before on the main thread, as the engine's own runs
+// go on; the benchmark's thread sleeps on the count meanwhile, rather than
+// yield, since it would otherwise take a core from the graph's spinning
+// threads.
+constexpr int RUNSTRETCHES = 16;
+int stretchesleft = 0;
+bool runsplit = false, runidle = false;
+
+void startstretch(OVCONTEXT* context, COMPUTERGROUP* g) {
+  if (runidle)
+    setupidlecomputergroup(context, g, runsplit);
+  else
+    setupitercomputergroup(context, g, runsplit);
+}
+
+void countend(COMPUTERGROUP* g) {
+  if (--stretchesleft > 0) {
+    startstretch(g->context, g);
+    return;
+  }
   stretchends.fetch_add(1);
   stretchends.notify_all();
 }
@@ -71,6 +89,9 @@ struct ENGINE {
     context = static_cast<OVCONTEXT*>(calloc(1, sizeof(OVCONTEXT)));
     initcontext(context, int64_t(2) << 30, enginethreads(), 8, 0, nullptr, nullptr, nullptr,
                 nullptr, nullptr, nullptr, "/tmp/", 0);
+    // ORVANTA_BENCH_SERIALBITS moves the precision up to which a stretch
+    // runs serially (0: never), to find where lending threads starts to pay.
+    if (const char* b = getenv("ORVANTA_BENCH_SERIALBITS")) context->serialcomputerbits = strtoul(b, nullptr, 10);
   }
   ~ENGINE() {
     freecontext(context);
@@ -86,17 +107,17 @@ void graph(benchmark::State& state, bool split, bool idle) {
   pointin(g->data[0], g->data[1]);
   g->endcompute = countend;
   int64_t rounds = 0;
+  runsplit = split;
+  runidle = idle;
   for (auto _ : state) {
     int before = stretchends.load();
     onmain(engine.context, [&](OVCONTEXT* c) {
-      if (idle)
-        setupidlecomputergroup(c, g, split);
-      else
-        setupitercomputergroup(c, g, split);
+      stretchesleft = RUNSTRETCHES;
+      startstretch(c, g);
     });
     for (int now = stretchends.load(); now == before; now = stretchends.load())
       stretchends.wait(now);
-    rounds += NCOMPUTERSTRETCH;
+    rounds += int64_t(RUNSTRETCHES) * NCOMPUTERSTRETCH;
   }
   onmain(engine.context, [](OVCONTEXT*) {});
   state.counters["iter/s"] = benchmark::Counter(static_cast<double>(rounds), benchmark::Counter::kIsRate);
@@ -189,8 +210,8 @@ BENCHMARK(BM_SequentialMpfr)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();
 
 }  // namespace
 
-BENCHMARK(BM_SequentialMpf)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();
-BENCHMARK(BM_IterGraph)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();
+BENCHMARK(BM_SequentialMpf)->Arg(256)->Arg(1024)->Arg(2048)->Arg(4096)->Arg(32768)->UseRealTime();
+BENCHMARK(BM_IterGraph)->Arg(256)->Arg(1024)->Arg(2048)->Arg(4096)->Arg(32768)->UseRealTime();
 BENCHMARK(BM_IterGraphSplit)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();
 BENCHMARK(BM_IdleGraph)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();
 BENCHMARK(BM_IdleGraphSplit)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();

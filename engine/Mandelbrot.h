@@ -175,6 +175,9 @@ struct OVCONTEXT {
   mpf_t dsmall;
   volatile int imovingviewport;
   volatile int computertotalwidth;
+  // Graphs at this precision or below run each stretch serially, lending no
+  // thread; above it their nodes go to whichever thread is free.
+  mp_bitcnt_t serialcomputerbits;
 
   FIFO workerchain;
   NODE* volatile workerprio[NWORKERPRIO][2];  // per priority: head, tail

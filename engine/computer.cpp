@@ -127,6 +127,12 @@ void pushready(OVCONTEXT* context, COMPUTER* c) {
 // Delivers a finished node to its successors. The first that becomes ready
 // is returned to run on this thread; any further one is queued.
 COMPUTER* finishcomputer(COMPUTER* c) {
+  COMPUTERGROUP* g = c->computergroup;
+  if (g->serial) {
+    // Built inputs first, so the store's order is an order of readiness.
+    COMPUTER* next = c + 1;
+    return next < g->computer + g->icomputer ? next : nullptr;
+  }
   COMPUTER* first = nullptr;
   memorybarrier();
   for (int k = 0; k < c->noutput; k++) {
@@ -595,8 +601,21 @@ bool checkstore(COMPUTERGROUP* group, int nodes) {
   return false;
 }
 
+int stretchwidth(OVCONTEXT* context, COMPUTERGROUP* group, int width) {
+  group->serial = group->prec <= context->serialcomputerbits;
+  return group->serial ? 1 : width;
+}
+
 void startstretch(OVCONTEXT* context, COMPUTERGROUP* group, int nheads) {
   atomicstore(&group->activecomputer, group->icomputer);
+  if (group->serial) {
+    // The heads' successors are counted in the chain's order instead; the
+    // first node after them starts the chain on whichever thread takes it.
+    bool more = group->icomputer > nheads;
+    for (int k = 0; k < nheads; k++) removecomputer(&group->computer[k]);
+    if (more) pushready(context, &group->computer[nheads]);
+    return;
+  }
   // The heads have no work: their successors are counted down here, and the
   // ready ones go to whichever thread is free.
   for (int k = 0; k < nheads; k++) {
@@ -627,7 +646,7 @@ void iterclamp(COMPUTERGROUP* g, COMPUTER** h, ITER iteration) {
 }
 
 void setupitercomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, bool split) {
-  int width = split ? COMPUTERWIDTH_ITERSPLIT : COMPUTERWIDTH_ITER;
+  int width = stretchwidth(context, group, split ? COMPUTERWIDTH_ITERSPLIT : COMPUTERWIDTH_ITER);
   int nodes = split ? NCOMPUTER_ITERSPLIT : NCOMPUTER_ITER;
   group->context = context;
   bool reuse = group->endcompute && group->width == width && group->icomputer == nodes;

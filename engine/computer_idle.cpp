@@ -199,7 +199,7 @@ void idleiter(COMPUTERGROUP* group, COMPUTER** handles) { idleround(group, handl
 void idleiterclamp(COMPUTERGROUP* group, COMPUTER** handles) { idleround(group, handles, true); }
 
 void setupidlecomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, bool split) {
-  int width = split ? COMPUTERWIDTH_IDLESPLIT : COMPUTERWIDTH_IDLE;
+  int width = stretchwidth(context, group, split ? COMPUTERWIDTH_IDLESPLIT : COMPUTERWIDTH_IDLE);
   int nodes = idlenodes(split);
   group->context = context;
   bool reuse = group->endcompute && group->width == width && group->icomputer == nodes;

@@ -18,6 +18,9 @@ inline mpf_srcptr in(COMPUTER* c, int k) { return c->input[k]->data; }
 
 // A node without inputs or work: the start of a stretch, loaded by its setup.
 COMPUTER* headcomputer(COMPUTERGROUP* g);
+// The width a stretch about to be built lends threads by: `width`, or 1 when
+// the group's precision makes it a serial stretch (which it marks).
+int stretchwidth(OVCONTEXT* context, COMPUTERGROUP* group, int width);
 // Counts the stretch off with `activecomputer` and releases its `nheads`
 // head nodes, the first `nheads` of the store.
 void startstretch(OVCONTEXT* context, COMPUTERGROUP* group, int nheads);

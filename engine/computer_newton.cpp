@@ -176,7 +176,7 @@ void newtoniterclamp(COMPUTERGROUP* group, COMPUTER** handles, bool last) {
 
 void setupnewtoncomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, bool split) {
   ENVIRONMENT* e = environmentof(group);
-  int width = split ? COMPUTERWIDTH_NEWTONSPLIT : COMPUTERWIDTH_NEWTON;
+  int width = stretchwidth(context, group, split ? COMPUTERWIDTH_NEWTONSPLIT : COMPUTERWIDTH_NEWTON);
   ITER start = group->idata[1];
   int64_t left = static_cast<int64_t>(e->n) + 1 - start;
   int rounds = static_cast<int>(std::min<int64_t>(left, NCOMPUTERSTRETCH));

@@ -352,6 +352,7 @@ bool initcontext(OVCONTEXT* context, int64_t totalmemory, int nthread, int julia
   context->glthreadpdata = glthreadpdata;
   context->flags = flags;
   context->mem_fixedmemtotal = 0;
+  context->serialcomputerbits = SERIALCOMPUTERBITS;
   context->mem_envrefdata = 0;
   context->mem_hpvalue = 0;
 

@@ -115,6 +115,10 @@ struct COMPUTERGROUP {
   volatile int stop;
   volatile int lockcdata;
   COMPUTER* computerchain;
+  // This stretch runs as one chain, in the order it was built, on the one
+  // thread that takes its first node: at low precision handing each node on
+  // costs more than its product (see `stretchwidth`).
+  bool serial;
 };
 
 // ---------------------------------------------------------------- COMPUTER
@@ -254,6 +258,9 @@ bool setenvironment(OVCONTEXT* context, REALM* realm, int i, ENVIRONMENT* e);
 constexpr ITER COMPUTER_NOESCAPE = 0x7FFFFFFF;  // COMPUTERGROUP::idata[0] before any escape
 constexpr int NCOMPUTERSTRETCH = 512;           // rounds in one stretch of a graph
 constexpr int COMPUTERWIDTH_ITER = 4;
+// The precision up to which a stretch runs serially by default
+// (`OVCONTEXT.serialcomputerbits`).
+constexpr mp_bitcnt_t SERIALCOMPUTERBITS = 2048;
 constexpr int COMPUTERWIDTH_ITERSPLIT = 8;
 // Nodes of one stretch of the plain iteration graph, ordinary and split.
 constexpr int NCOMPUTER_ITER = 4 + NCOMPUTERSTRETCH * 11 + 4;

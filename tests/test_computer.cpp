@@ -170,8 +170,10 @@ void expectsame(COMPUTERGROUP* g, const ORBIT& o) {
   EXPECT_EQ(mpf_cmp(g->data[5], o.dy), 0);
 }
 
-void checkorbit(int nthread, mp_bitcnt_t bits, bool split, int stretches) {
+// Node by node unless `serial`.
+void checkorbit(int nthread, mp_bitcnt_t bits, bool split, int stretches, bool serial = false) {
   Engine e(nthread);
+  e.context->serialcomputerbits = serial ? bits : 0;
   mpf_t cre, cim;
   mpf_init2(cre, bits);
   mpf_init2(cim, bits);
@@ -480,6 +482,11 @@ TEST(Computer, RerunGraphContinuesTheOrbit) {
   checkorbit(5, 1000, true, 2);
 }
 
+TEST(Computer, SerialStretchesGiveTheSameOrbit) {
+  checkorbit(5, 1000, false, 3, true);
+  checkorbit(8, 1000, true, 2, true);
+}
+
 TEST(Computer, LentThreadsGiveTheSameOrbit) {
   // More worker threads, so that some are lent to the graph and serve it
   // beside the main thread.
@@ -489,6 +496,7 @@ TEST(Computer, LentThreadsGiveTheSameOrbit) {
 
 TEST(Computer, SplitAndPlainGraphsAgreeDirectly) {
   Engine e(5);
+  e.context->serialcomputerbits = 0;
   const mp_bitcnt_t bits = 1100;
   mpf_t cre, cim;
   mpf_init2(cre, bits);
@@ -506,6 +514,7 @@ TEST(Computer, SplitAndPlainGraphsAgreeDirectly) {
 
 TEST(Computer, IdataZeroStaysWhenNoEscapeOccurred) {
   Engine e(5);
+  e.context->serialcomputerbits = 0;
   mpf_t cre, cim;
   mpf_init2(cre, 256);
   mpf_init2(cim, 256);
@@ -523,6 +532,7 @@ TEST(Computer, IdataZeroStaysWhenNoEscapeOccurred) {
 
 TEST(Computer, EscapeLowersIdataZeroAndStopsFurtherStretches) {
   Engine e(5);
+  e.context->serialcomputerbits = 0;
   const mp_bitcnt_t bits = 512;
   mpf_t cre, cim;
   mpf_init2(cre, bits);
@@ -548,6 +558,7 @@ TEST(Computer, EscapeLowersIdataZeroAndStopsFurtherStretches) {
 
 TEST(Computer, StopBeforeAStretchRunsItAndNoFurtherOne) {
   Engine e(5);
+  e.context->serialcomputerbits = 0;
   const mp_bitcnt_t bits = 1000;
   mpf_t cre, cim;
   mpf_init2(cre, bits);
@@ -599,10 +610,12 @@ struct LONGRUN {
   mp_bitcnt_t bits;
   bool split;
   int serving;  // threads that serve the graph: the main thread, and one lent worker
+  bool serial = false;  // each stretch one chain on one thread
 };
 
 std::string longrunname(const ::testing::TestParamInfo<LONGRUN>& info) {
   const LONGRUN& p = info.param;
+  if (p.serial) return std::to_string(p.bits) + "Bits" + (p.split ? "Split" : "Plain") + "Serial";
   return std::to_string(p.bits) + "Bits" + (p.split ? "Split" : "Plain") +
          std::to_string(p.serving) + "Thread" + (p.serving > 1 ? "s" : "");
 }
@@ -616,6 +629,7 @@ TEST_P(ComputerLong, HundredThousandIterationsEqualTheSequentialLoop) {
   // Five threads lend no worker to a graph (main, GL, helper and two
   // workers: the bound is the workers less two); six lend one.
   Engine e(p.serving == 1 ? 5 : 6);
+  e.context->serialcomputerbits = p.serial ? p.bits : 0;
   const int stretches = (100000 + NCOMPUTERSTRETCH - 1) / NCOMPUTERSTRETCH;
   mpf_t cre, cim;
   mpf_init2(cre, p.bits);
@@ -654,5 +668,8 @@ INSTANTIATE_TEST_SUITE_P(Orbit, ComputerLong,
                                            LONGRUN{1024, false, 1}, LONGRUN{1024, false, 2},
                                            LONGRUN{1024, true, 1}, LONGRUN{1024, true, 2},
                                            LONGRUN{10000, false, 1}, LONGRUN{10000, false, 2},
-                                           LONGRUN{10000, true, 1}, LONGRUN{10000, true, 2}),
+                                           LONGRUN{10000, true, 1}, LONGRUN{10000, true, 2},
+                                           LONGRUN{128, false, 1, true}, LONGRUN{128, true, 1, true},
+                                           LONGRUN{1024, false, 1, true}, LONGRUN{1024, true, 1, true},
+                                           LONGRUN{10000, false, 1, true}),
                          longrunname);

@@ -258,10 +258,12 @@ void checkall(Engine& e) {
 
 }  // namespace
 
-// One worker thread: it is lent to the graph beside the main thread.
+// One worker thread: it is lent to the graph beside the main thread. Every
+// stretch hands its nodes on one by one.
 TEST(IdleGraph, OrbitDerivativeAndSeriesMatchSequentialOnOneWorker) {
   Engine e(4);
   ASSERT_EQ(e.context->nthread, 4);
+  e.context->serialcomputerbits = 0;
   checkall(e);
 }
 
@@ -269,6 +271,14 @@ TEST(IdleGraph, OrbitDerivativeAndSeriesMatchSequentialOnOneWorker) {
 TEST(IdleGraph, OrbitDerivativeAndSeriesMatchSequentialOnTwoLentWorkers) {
   Engine e(7, false, int64_t(2) << 30);
   ASSERT_EQ(e.context->nthread, 7);
+  e.context->serialcomputerbits = 0;
+  checkall(e);
+}
+
+// Every stretch one chain in the order it was built, on one thread.
+TEST(IdleGraph, OrbitDerivativeAndSeriesMatchSequentialInSerialStretches) {
+  Engine e(7, false, int64_t(2) << 30);
+  e.context->serialcomputerbits = 1 << 20;
   checkall(e);
 }
 
@@ -277,7 +287,9 @@ TEST(IdleGraph, ShapeWidthAndNodeCount) {
   mpf_t c;
   mpf_init2(c, 128);
   mpf_set_d(c, -1.0);
+  for (bool serial : {false, true})
   for (bool split : {false, true}) {
+    e.context->serialcomputerbits = serial ? 128 : 127;
     int width = -1, nodes = -1;
     {
       RUN run(e, 128, c, c, -1, 1);
@@ -285,7 +297,8 @@ TEST(IdleGraph, ShapeWidthAndNodeCount) {
       width = run.g->width;
       nodes = run.g->icomputer;
     }
-    EXPECT_EQ(width, split ? 8 : 4);
+    // A serial stretch lends no thread; the shape is the same.
+    EXPECT_EQ(width, serial ? 1 : split ? 8 : 4);
     EXPECT_EQ(nodes, NCOMPUTERHEAD_IDLE +
                          NCOMPUTERSTRETCH * (split ? NCOMPUTERROUND_IDLESPLIT : NCOMPUTERROUND_IDLE) +
                          NCOMPUTERTAIL_IDLE);

@@ -255,12 +255,20 @@ void checkconverges(Engine& eng, double gx, double gy, unsigned n, mp_bitcnt_t p
 TEST(NewtonGraph, OnePassMatchesSequentialOnOneWorker) {
   Engine e(4);
   ASSERT_EQ(e.context->nthread, 4);
+  e.context->serialcomputerbits = 0;
   checkpasses(e);
 }
 
 TEST(NewtonGraph, OnePassMatchesSequentialOnTwoLentWorkers) {
   Engine e(7, false, int64_t(2) << 30);
   ASSERT_EQ(e.context->nthread, 7);
+  e.context->serialcomputerbits = 0;
+  checkpasses(e);
+}
+
+TEST(NewtonGraph, OnePassMatchesSequentialInSerialStretches) {
+  Engine e(7, false, int64_t(2) << 30);
+  e.context->serialcomputerbits = 1 << 20;
   checkpasses(e);
 }
 
