@@ -64,19 +64,33 @@ struct ROUNDINGWATCH {
 template <typename T>
 constexpr bool WIDENS = std::is_same_v<typename T::FLOAT, double>;
 
-// The orbit of grid point (x, y) followed again from z = 0 in long double up
-// to `maxiter`, the parameter taken from the canvas's full-precision origin,
-// with the derivative where `derivative` asks for it. The state is written
-// as the kernel would, rounded to the canvas's format; its Z carries the
-// long double noise over, plus the rounding of the stored z, so that a
-// later call that goes on from it in the format is watched as before. On
-// the job's stop the state stays as it came.
+// A state that goes on in long double. Without the derivative (the fast
+// kernel, count only) its z is kept whole in the format's pair `value`, `d`
+// (the nearest double and what is left), and Z, a noise estimate and never
+// negative otherwise, says so: a vertex whose bounded orbit was followed in
+// long double once goes on there, instead of again from z = 0 at each grant
+// of the finite pass.
+constexpr double WIDESTATE = -1;
+
 template <typename T>
+bool widestate(const typename T::CVALUE* cvalue) {
+  return cvalue->Z < 0;
+}
+
+// The orbit of grid point (x, y) followed in long double up to `maxiter`,
+// the parameter taken from the canvas's full-precision origin: from z = 0,
+// or from a state kept in long double. With DERIVATIVE the derivative is
+// followed too, and a state that stays bounded is written rounded to the
+// format, its Z carrying the long double noise over plus the rounding of
+// the stored z, so that a later call that goes on from it in the format is
+// watched as before. On the job's stop the state stays as it came.
+template <typename T, bool DERIVATIVE>
 int widerrun(typename T::CANVAS* canvas, int x, int y, typename T::CVALUE* cvalue, ITER maxiter,
-             bool forced, bool derivative) {
+             bool forced) {
   typedef long double W;
   typedef std::complex<W> WC;
   typedef typename T::FLOAT FLOAT;
+  typedef typename T::COMPLEX COMPLEX;
   const W step = std::ldexp(static_cast<W>(1), gridshift<T>(canvas));
   const WC c(mpf_get_ld(canvas->c[0]) + static_cast<W>(x) * step,
              mpf_get_ld(canvas->c[1]) + static_cast<W>(y) * step);
@@ -85,33 +99,55 @@ int widerrun(typename T::CANVAS* canvas, int x, int y, typename T::CVALUE* cvalu
   const WC DC(static_cast<W>(dlHF(canvas->dfactor)), 0);
   const ROUNDINGWATCH<W> watch(std::norm(c));
   const UITER limit = static_cast<UITER>(maxiter);
-  orbittally().widened++;
 
+  // The state in the format: z, and d or what is left of z.
   auto store = [&](UITER iter, WC z, WC d, W Z, unsigned int flags) {
-    typename T::COMPLEX zf(static_cast<FLOAT>(z.real()), static_cast<FLOAT>(z.imag()));
-    typename T::COMPLEX df = cvalue->d;
-    if (derivative) df = typename T::COMPLEX(static_cast<FLOAT>(d.real()), static_cast<FLOAT>(d.imag()));
-    const W r = unitroundoff<W>() / unitroundoff<FLOAT>();
-    cvalue->Z = static_cast<FLOAT>(Z * r * r + std::norm(z));
-    storestate<T>(cvalue, iter, zf, df, flags);
+    COMPLEX zf(static_cast<FLOAT>(z.real()), static_cast<FLOAT>(z.imag()));
+    if constexpr (DERIVATIVE) {
+      const W r = unitroundoff<W>() / unitroundoff<FLOAT>();
+      cvalue->Z = static_cast<FLOAT>(Z * r * r + std::norm(z));
+      storestate<T>(cvalue, iter, zf, COMPLEX(static_cast<FLOAT>(d.real()), static_cast<FLOAT>(d.imag())),
+                    flags);
+    } else if (flags & CV_ESCAPED) {
+      cvalue->Z = 0;
+      storestate<T>(cvalue, iter, zf, cvalue->d, flags);
+    } else {
+      cvalue->Z = static_cast<FLOAT>(WIDESTATE);
+      COMPLEX rest(static_cast<FLOAT>(z.real() - static_cast<W>(zf.real())),
+                   static_cast<FLOAT>(z.imag() - static_cast<W>(zf.imag())));
+      storestate<T>(cvalue, iter, zf, rest, flags);
+    }
   };
 
   UITER iter = 0;
   WC z = 0, d = 0;
   W L = 0, Z = 0;
+  if (!DERIVATIVE && widestate<T>(cvalue)) {
+    iter = cvalue->iter;
+    z = WC(static_cast<W>(cvalue->value.real()) + static_cast<W>(cvalue->d.real()),
+           static_cast<W>(cvalue->value.imag()) + static_cast<W>(cvalue->d.imag()));
+    L = std::norm(z);
+  } else {
+    orbittally().widened++;
+  }
   while (iter < limit) {
-    if (derivative && std::norm(d) > (L < B ? B : L)) {
-      store(iter, z, d, Z, CV_ABSOLUTE);
-      return CALC_BOUND;
+    if constexpr (DERIVATIVE) {
+      if (std::norm(d) > (L < B ? B : L)) {
+        store(iter, z, d, Z, CV_ABSOLUTE);
+        return CALC_BOUND;
+      }
     }
     WC z1 = csqrT(z) + c;
     W L1 = std::norm(z1);
-    Z = watch.next(Z, L, L1);
+    if constexpr (DERIVATIVE) Z = watch.next(Z, L, L1);
     if (L1 > 4) {
       store(iter, z, d, Z, CV_ABSOLUTE | CV_ESCAPED);
       return CALC_DONE;
     }
-    if (derivative) d = static_cast<W>(2) * z * d + DC;
+    if constexpr (DERIVATIVE) {
+      WC tz = z + z;
+      d = WC(tz.real() * d.real() - tz.imag() * d.imag(), tz.real() * d.imag() + tz.imag() * d.real()) + DC;
+    }
     z = z1;
     L = L1;
     iter++;
@@ -119,6 +155,17 @@ int widerrun(typename T::CANVAS* canvas, int x, int y, typename T::CVALUE* cvalu
   }
   store(iter, z, d, Z, CV_ABSOLUTE);
   return CALC_MORE;
+}
+
+// Where the canvas wants no derivative (CF_FAST: the dispatcher hands every
+// state after the start to the full kernel all the same) the state is kept
+// in long double; otherwise the derivative is followed and the orbit begins
+// again from z = 0 whenever a grant ends bounded.
+template <typename T>
+int widen(typename T::CANVAS* canvas, int x, int y, typename T::CVALUE* cvalue, ITER maxiter,
+          bool forced) {
+  if (canvas->flags & CF_FAST) return widerrun<T, false>(canvas, x, y, cvalue, maxiter, forced);
+  return widerrun<T, true>(canvas, x, y, cvalue, maxiter, forced);
 }
 
 }  // namespace
@@ -138,6 +185,10 @@ int calciterabsolute(typename T::CANVAS* canvas, int x, int y, [[maybe_unused]] 
   [[maybe_unused]] const bool watched = jobenvironment<T>(canvas) == nullptr;
   [[maybe_unused]] const ROUNDINGWATCH<FLOAT> watch(N::abss(c));
 
+  if constexpr (WIDENS<T>) {
+    if (watched && widestate<T>(cvalue)) return widen<T>(canvas, x, y, cvalue, maxiter, forced);
+  }
+
   UITER iter = cvalue->iter;
   COMPLEX z = cvalue->value;
   COMPLEX d = cvalue->d;
@@ -155,8 +206,7 @@ int calciterabsolute(typename T::CANVAS* canvas, int x, int y, [[maybe_unused]] 
     if constexpr (WIDENS<T>) {
       if (watched) {
         Z = watch.next(Z, L, L1);
-        if (watch.ambiguous(L1, Z))
-          return widerrun<T>(canvas, x, y, cvalue, maxiter, forced, true);
+        if (watch.ambiguous(L1, Z)) return widen<T>(canvas, x, y, cvalue, maxiter, forced);
       }
     }
     if (N::less(N::fromd(4.0), L1)) {
@@ -187,6 +237,11 @@ int calciterabsolutefast(typename T::CANVAS* canvas, int x, int y, [[maybe_unuse
   [[maybe_unused]] const bool watched = jobenvironment<T>(canvas) == nullptr;
   [[maybe_unused]] const ROUNDINGWATCH<FLOAT> watch(N::abss(c));
 
+  if constexpr (WIDENS<T>) {
+    if (watched && widestate<T>(cvalue))
+      return widerrun<T, false>(canvas, x, y, cvalue, maxiter, forced);
+  }
+
   UITER iter = cvalue->iter;
   COMPLEX z = cvalue->value;
   [[maybe_unused]] FLOAT L = N::abss(z);
@@ -198,7 +253,7 @@ int calciterabsolutefast(typename T::CANVAS* canvas, int x, int y, [[maybe_unuse
       if (watched) {
         Z = watch.next(Z, L, L1);
         if (watch.ambiguous(L1, Z))
-          return widerrun<T>(canvas, x, y, cvalue, maxiter, forced, false);
+          return widerrun<T, false>(canvas, x, y, cvalue, maxiter, forced);
       }
       L = L1;
     }
