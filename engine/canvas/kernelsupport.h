@@ -27,10 +27,12 @@ struct ORBITTALLY {
   std::atomic<long> hpiterations{0};  // iterations at full precision that extended orbits
   std::atomic<long> endedabsolute{0};  // states that outlived their vertex's orbit, absolute on
   std::atomic<long> madeatorbitend{0};  // states that outlived it and became references there
+  std::atomic<long> widened{0};  // absolute double orbits whose rounding could decide an
+                                 // escape, followed again from z = 0 in long double
   void clear() {
     for (std::atomic<long>* c : {&made, &nocheckpoint, &followed, &selfrelative, &shared,
                                  &restarted, &hpiterations, &endedabsolute,
-                                 &madeatorbitend})
+                                 &madeatorbitend, &widened})
       c->store(0);
   }
 };
