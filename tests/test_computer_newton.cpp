@@ -11,6 +11,7 @@
 #include "Mandelbrot.h"
 #include "computertest.h"
 #include "enginefixture.h"
+#include "newtonstart.h"
 #include "refiter.h"
 #include "test_refiter_env.h"
 
@@ -93,26 +94,7 @@ struct NEWTON {
     mpf_set(c0[0], cre);
     mpf_set(c0[1], cim);
     engine.onmain([&](OVCONTEXT* c) {
-      e = adde(c, cre, cim, precision);
-      e->flags = E_PERIODIC;
-      e->n = n;
-      e->nrefdata = static_cast<int>(n) + 1;
-      e->refdatah = static_cast<REFDATAH*>(calloc(n + 1, sizeof(REFDATAH)));
-      e->refdatad = static_cast<REFDATAD*>(calloc(n + 1, sizeof(REFDATAD)));
-      __atomic_add_fetch(&c->mem_envrefdata, int64_t(64) * (n + 1), __ATOMIC_SEQ_CST);
-      e->task = __addtask(c, TASKTYPE_NEWTON, 1);
-      attache(e);
-      COMPUTERGROUP* g = &e->computergroup;
-      initcomputergroup(c, g, NCOMPUTER_ENV, precision);
-      g->pdata[0] = e;
-      g->prec = precision / 3;
-      computergroupsetrawprecision(g);
-      mpf_set(g->data[0], e->c->v[0]);
-      mpf_set(g->data[1], e->c->v[1]);
-      g->idata[2] = steps;
-      g->hdata[0][0] = CONEH;
-      g->stop = stopfirst;
-      setupnewtoncomputergroup(c, g, split);
+      e = newtonstart::startnewtonrun(c, cre, cim, n, precision, steps, split, stopfirst);
     });
   }
 
