@@ -101,8 +101,41 @@ void BM_ZoomByTwoToFirstList(benchmark::State& state) {
   endviewrun(&run);
 }
 
+// The 1e-1000 view computed again once it is complete (`redraw`: a new cycle
+// of the general realm, the Julia realm and its stack kept), with the
+// realm's start flags, which correct by the Julia stack and build levels by
+// the bypass, and without those two: what the existing stack saves.
+void againtime(benchmark::State& state, bool stack) {
+  VIEWARGS args = deeperargs("1e-1000");
+  args.hasflags = true;
+  args.flags = stack ? R_DEFAULT : R_DEFAULT & ~(R_JULIACORRECT | R_BYPASS);
+  VIEWRUN run;
+  std::string error;
+  if (!startviewrun(&run, args, nullptr, &error)) {
+    state.SkipWithError(error.c_str());
+    endviewrun(&run);
+    return;
+  }
+  waitviewfinish(&run, 1, 0);
+  VIEWPORT* v = run.viewport.load();
+  int finishes = 1;
+  for (auto _ : state) {
+    double t0 = nowms();
+    redraw(run.context, v);
+    waitviewfinish(&run, ++finishes, 0);
+    state.SetIterationTime((nowms() - t0) / 1000);
+  }
+  stopviewrun(&run);
+  endviewrun(&run);
+}
+
+void BM_View1e1000AgainWithStack(benchmark::State& state) { againtime(state, true); }
+void BM_View1e1000AgainWithoutStack(benchmark::State& state) { againtime(state, false); }
+
 }  // namespace
 
+BENCHMARK(BM_View1e1000AgainWithStack)->UseManualTime()->Iterations(2)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_View1e1000AgainWithoutStack)->UseManualTime()->Iterations(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ViewStartToFinish)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_View1e10ToFinish)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_View1e100ToFinish)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
