@@ -125,18 +125,36 @@ void markjuliasamelevel(PREPIXEL* pixels, int s) {
 
 namespace {
 
+// The level's reference orbit: the critical orbit of its own point m (the
+// level sits on its environment's point), or null. A start point is a
+// deviation of its first value, 0.
+const REFDATAH* referenceof(const JULIASTACKDATA* jstd, ITER* n) {
+  const ENVIRONMENT* e = jstd->e;
+  if (!e || !e->refdatah || e->n < 1 || jstd->mr.mantissax != 0 || jstd->mr.mantissay != 0 ||
+      e->nrefdata < static_cast<int>(e->n) + 1)
+    return nullptr;
+  *n = static_cast<ITER>(e->n);
+  return e->refdatah;
+}
+
 // The orbit of a start point of the level under z^2 + m, to escape or into
-// the seed's attractor, at most `limit` steps. The result is finished;
-// false, with the pixel untouched, when `stop` was raised meanwhile (one
-// such orbit may run 10^8 steps, and a shutdown must not wait for it).
+// the seed's attractor, at most `limit` steps. Where the level has its
+// reference orbit the point goes as a deviation of it (z = Z_k + delta),
+// taken back to the orbit's start where it comes nearer 0 than its
+// deviation or outlives the orbit: iterated plainly in the level's format,
+// m itself is rounded, and next to an atom far smaller than that rounding
+// the orbit is another one. The result is finished; false, with the pixel
+// untouched, when `stop` was raised meanwhile (one such orbit may run 10^8
+// steps, and a shutdown must not wait for it).
 template <typename FLOAT>
 bool extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd, ITER limit,
                   volatile bool* stop) {
   typedef NUM<FLOAT> N;
   typedef typename N::COMPLEX COMPLEX;
-  float px = p->x, py = p->y;
-  samelevel(p, s, &px, &py);
-  COMPLEX z = N::cfromHF(cldexpHF(cHF(HFd(px), HFd(py)), -s));
+  // The place in the plane, scaled in the wide exponent: a pixel may have
+  // come far nearer 0 than a float's range below its own level.
+  int k0 = std::max(below(p, s), 0);
+  COMPLEX z = N::cfromHF(cldexpHF(cHF(HFd(p->x), HFd(p->y)), -s - k0));
   // The derivative by the start pixel: level units per level unit, times
   // the level's pixel in the plane.
   COMPLEX d = N::cfromHF(cldexpHF(cHF(HFd(p->dx), HFd(p->dy)), 2 - s - jss));
@@ -144,6 +162,10 @@ bool extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd, ITER 
   COMPLEX lim = N::cfromHF(jstd->lim);
   FLOAT r2 = N::fromHF(mulHF(jstd->rlim, jstd->rlim));
   bool trap = jstd->rlim.mantissa != 0;
+  ITER nref = 0;
+  const REFDATAH* ref = referenceof(jstd, &nref);
+  ITER r = 0;                // the reference's step
+  COMPLEX delta = z;         // z - Z_r, Z_0 = 0
   // Counted as the canvas counts: the steps before the one that leaves
   // the radius 2.
   FLOAT four = N::fromd(4.0);
@@ -155,7 +177,19 @@ bool extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd, ITER 
       sign = -1;
       break;
     }
-    COMPLEX z1 = N::cadd(N::csqr(z), m);
+    COMPLEX z1;
+    if (ref) {
+      COMPLEX Z = N::cfromHF(ref[r].value);
+      delta = N::cadd(N::cmul(N::ctwice(Z), delta), N::csqr(delta));
+      r++;
+      z1 = N::cadd(N::cfromHF(ref[r].value), delta);
+      if (r >= nref || N::less(N::abss(z1), N::abss(delta))) {
+        delta = z1;
+        r = 0;
+      }
+    } else {
+      z1 = N::cadd(N::csqr(z), m);
+    }
     if (N::less(four, N::abss(z1))) break;
     d = N::cmul(N::ctwice(z), d);
     z = z1;
