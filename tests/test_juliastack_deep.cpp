@@ -271,18 +271,14 @@ void deepcheck(int S, int seconds, double floor) {
 }  // namespace
 
 // Each pixel's count goes through the levels it comes near 0 in: where its
-// orbit hands over to a shallower level it takes the count of the pixel of
-// that level that holds its place, computed at that pixel's centre. Next
-// to the Julia set, where the count changes within a pixel, that misses
-// the pixel's own count; the orbits of a deep level all pass the critical
-// orbit of the seed, which lies on the Julia set, so they meet such pixels
-// more often than a level's pixels at random do. Measured: 0.9926 of
-// 10,000 pixels of level 100 within 1, levels 10 to 90 0.9945 (2,000
-// pixels each), level 0 0.9995; with a picture of 256 pixels a side. The
-// bound is what the lookup reaches; without the reference orbit the level
-// agreed on 0.11.
+// orbit hands over to a shallower level it takes the end of the pixel of
+// that level that holds its place, computed at that pixel's centre, unless
+// that pixel sits on a change of count. The orbits of a deep level all pass
+// the critical orbit of the seed, which lies on the Julia set, and meet such
+// pixels often: looked up there too, level 100 agreed on 0.9926 of its
+// pixels; now 0.9995. Without the reference orbit it agreed on 0.11.
 TEST(JuliaStackDeep, ALevel100PixelThroughTheStackCountsAsItsDirectOrbit) {
-  deepcheck(100, 50, 0.99);
+  deepcheck(100, 50, 0.995);
 }
 
 // DISABLED: the seed's orbit defines no bypass level (it never comes back
@@ -290,5 +286,5 @@ TEST(JuliaStackDeep, ALevel100PixelThroughTheStackCountsAsItsDirectOrbit) {
 // only 363 of them were ready after 600 s, far beyond a test's time. The
 // deep stack with bypass levels is checked in test_bypass_deep.
 TEST(JuliaStackDeep, DISABLED_ALevel1000PixelThroughTheStackCountsAsItsDirectOrbit) {
-  deepcheck(1000, 600, 0.99);
+  deepcheck(1000, 600, 0.995);
 }
