@@ -80,7 +80,9 @@ void apply(PREPIXEL* p, const PREPIXEL& q) {
 // pixel can be iterated on by its level's finishing worker.
 bool inleveltile(REALM* realm, const PREPIXEL* p) {
   if (!realm || !realm->juliastack) return false;
-  int top = std::min(realm->calcjuliastack, realm->njuliastack - 1);
+  // Read on a worker thread: the marks may move meanwhile, the job's own
+  // tile stays where it is.
+  int top = std::min(atomicload(&realm->calcjuliastack), realm->njuliastack - 1);
   for (int s = std::max(0, atomicload(&realm->readyjuliastack) + 1); s <= top; s++) {
     const JULIASTACKDATA& L = realm->juliastack[s];
     for (int y = 0; y < MAXJULIASTACKSIZE; y++)
