@@ -74,7 +74,64 @@ PREPIXEL emptypixel() { return PREPIXEL{0, 0, 0, 0, 0, -1}; }
 // Counts add with the sign of the part looked up last.
 ITER addcount(ITER count, ITER more) { return (more < 0 ? -count : count) + more; }
 
+// A pixel of level s whose value fell into level s or deeper: a value in
+// the seed's trap is finished as interior after the steps counted; one in a
+// level of s..`sameuntil` is a start point of that level, and the cubic
+// they share takes it on. Whatever else it names is left as it is.
+PREPIXEL deeper(const CUBIC& c, PREPIXEL p, int s, int sameuntil, ITER iter, HFLOATCOMPLEX lim,
+                HFLOAT rlim, int jss) {
+  bool trap = rlim.mantissa != 0;
+  HFLOAT r2 = mulHF(rlim, rlim);
+  // Inside the basin of an attracting 0 each round goes about twice as
+  // deep; a bound on the rounds keeps a stray value from looping.
+  constexpr int MAXROUNDS = 256;
+  for (int round = 0; round < MAXROUNDS && p.depth >= s; round++) {
+    int d = p.depth;
+    HFLOATCOMPLEX delta = cHF(ldexpHF(HFd(p.x), -d), ldexpHF(HFd(p.y), -d));
+    if (trap && subHF(cabsHFs(csubHF(delta, lim)), r2).mantissa < 0) {
+      p.iter = -p.iter;
+      p.x = tofloat(crealHF(delta));
+      p.y = tofloat(cimagHF(delta));
+      p.dx = 0;
+      p.dy = 0;
+      p.depth = -1;
+      break;
+    }
+    if (d > sameuntil) break;
+    HFLOATCOMPLEX v, dd;
+    evaluate(c, delta, &v, &dd);
+    // v's derivative by the start in level-d units, then by the pixel's
+    // own start through what it carried.
+    PREPIXEL q = landing(v, dd, NJULIASTACK - 1, d, 2 - jss - d, p.iter + iter);
+    float dx = q.dx * p.dx - q.dy * p.dy, dy = q.dx * p.dy + q.dy * p.dx;
+    q.dx = dx;
+    q.dy = dy;
+    p = q;
+  }
+  return p;
+}
+
 }  // namespace
+
+bool juliastacksamecubic(const JULIASTACKDATA* a, const JULIASTACKDATA* b) {
+  if (!b->m || b->m != a->m || !b->bypass || b->iter != a->iter) return false;
+  for (int k = 0; k < 4; k++) {
+    const HFLOATCOMPLEX &p = a->taylorj[k], &q = b->taylorj[k];
+    if (p.mantissax != q.mantissax || p.mantissay != q.mantissay || p.exponent != q.exponent) return false;
+  }
+  return true;
+}
+
+int juliastacksameuntil(const REALM* realm, int s) {
+  const JULIASTACKDATA* L = &realm->juliastack[s];
+  int d = s;
+  while (d + 1 < realm->njuliastack && d + 1 <= realm->maxjuliastack &&
+         juliastacksamecubic(L, &realm->juliastack[d + 1]))
+    d++;
+  return d;
+}
+
+HFLOAT juliastacktrapradius(const JULIASTACKDATA* L) { return L->miter < 0 ? L->rlim : ZEROH; }
 
 int juliastacklevel(HFLOATCOMPLEX v, int maxlevel, double* x, double* y) {
   HFLOAT re = hfloat_detail::normalize(v.mantissax, v.exponent);
@@ -119,6 +176,14 @@ void bypass(OVCONTEXT* context, int maxjuliastack, int depth, HFLOATCOMPLEX cf, 
   }
 }
 
+void bypassdeeper(OVCONTEXT* context, int s, int sameuntil, PREPIXEL* prepixels,
+                  const HFLOATCOMPLEX* taylor, ITER iter, HFLOATCOMPLEX lim, HFLOAT rlim) {
+  CUBIC c = cubicof(taylor);
+  for (int k = 0; k < NPREPIXEL; k++)
+    if (prepixels[k].depth >= s)
+      prepixels[k] = deeper(c, prepixels[k], s, sameuntil, iter, lim, rlim, context->juliasizeshift);
+}
+
 PREPIXEL bypassp(OVCONTEXT* context, REALM* realm, int i, float x, float y) {
   if (!realm || !realm->juliastack || i < 1 || i >= realm->njuliastack) return emptypixel();
   const JULIASTACKDATA& L = realm->juliastack[i];
@@ -129,7 +194,19 @@ PREPIXEL bypassp(OVCONTEXT* context, REALM* realm, int i, float x, float y) {
   HFLOATCOMPLEX delta = cHF(ldexpHF(HFd(x + offset), -i), ldexpHF(HFd(y + offset), -i));
   HFLOATCOMPLEX v, dd;
   evaluate(c, delta, &v, &dd);
-  return landing(v, dd, i - 1, i, 2 - i - context->juliasizeshift, L.iter);
+  int jss = context->juliasizeshift;
+  PREPIXEL p = landing(v, dd, NJULIASTACK - 1, i, 2 - i - jss, L.iter);
+  if (p.depth < i) return p;
+  // Nearer 0 than the level above: on through the levels that share the
+  // cubic, into the trap where the seed has one; failing both, looked up at
+  // the centre of the level above.
+  // The trap first: the walk over the levels that share the cubic is paid
+  // only by a value that goes on.
+  HFLOAT rlim = juliastacktrapradius(&L);
+  p = deeper(c, p, i, i - 1, L.iter, L.lim, rlim, jss);
+  if (p.depth >= i) p = deeper(c, p, i, juliastacksameuntil(realm, i), L.iter, L.lim, rlim, jss);
+  if (p.depth < i) return p;
+  return landing(v, dd, i - 1, i, 2 - i - jss, L.iter);
 }
 
 PREPIXEL juliastacklookup(OVCONTEXT* context, REALM* realm, int level, float x, float y, ITER iter,

@@ -25,6 +25,25 @@
 void bypass(OVCONTEXT* context, int maxjuliastack, int depth, HFLOATCOMPLEX cf, PREPIXEL* prepixels,
             const HFLOATCOMPLEX* taylor, ITER iter);
 
+// Takes the pixels of a tile of bypass level `s` whose value fell into the
+// level itself or deeper on through the cubic again, as long as the level
+// they fall in is one of s..`sameuntil`, which share this cubic: such a
+// value is a start point of that level. A value that enters the seed's
+// trap (within `rlim` of `lim`; none when `rlim` is 0) is finished as
+// interior, its count negative, wherever it lies. What still names level s or deeper stays
+// for the level's finishing.
+void bypassdeeper(OVCONTEXT* context, int s, int sameuntil, PREPIXEL* prepixels,
+                  const HFLOATCOMPLEX* taylor, ITER iter, HFLOATCOMPLEX lim, HFLOAT rlim);
+
+// Do bypass levels a and b share one cubic (the same point, count and
+// series)? The deepest level from s on down to which all levels share level
+// s's cubic, at most `maxjuliastack`.
+bool juliastacksamecubic(const JULIASTACKDATA* a, const JULIASTACKDATA* b);
+int juliastacksameuntil(const REALM* realm, int s);
+// The radius of the seed's trap that a level's pixels may fall in: its
+// attractor's (`rlim`) for an interior seed, 0 for none.
+HFLOAT juliastacktrapradius(const JULIASTACKDATA* L);
+
 // One pixel of bypass level `i` of `realm` at (x, y) in the level's units,
 // computed on demand where the level keeps no tile.
 PREPIXEL bypassp(OVCONTEXT* context, REALM* realm, int i, float x, float y);
@@ -54,8 +73,11 @@ constexpr int BYPASS_ITER = 2;    // idata: the series' count
 constexpr int BYPASS_X = 3;       // idata: tile column
 constexpr int BYPASS_Y = 4;       // idata: tile row
 constexpr int BYPASS_MAXLEVEL = 5;  // idata: deepest level a pixel may name
+constexpr int BYPASS_SAMEUNTIL = 6; // idata: deepest level that shares the cubic
 constexpr int BYPASS_CF = 0;      // hdata: lower corner
 constexpr int BYPASS_TAYLOR = 1;  // hdata 1..4: t0..t3
+constexpr int BYPASS_TRAP = 5;    // hdata: the seed's attractor
+constexpr int BYPASS_TRAPRADIUS = 6;  // hdata: its trap radius, real part
 constexpr int BYPASS_TILE = 0;    // pdata: JULIACACHE*, locked, one reference
 constexpr int BYPASS_REALM = 1;   // pdata: REALM*, attached
 

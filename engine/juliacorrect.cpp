@@ -76,6 +76,36 @@ void apply(PREPIXEL* p, const PREPIXEL& q) {
   p->dy = dy;
 }
 
+// Is p a pixel of a tile of one of the realm's levels in work? Such a
+// pixel can be iterated on by its level's finishing worker.
+bool inleveltile(REALM* realm, const PREPIXEL* p) {
+  if (!realm || !realm->juliastack) return false;
+  // Read on a worker thread: the marks may move meanwhile, the job's own
+  // tile stays where it is.
+  int top = std::min(atomicload(&realm->calcjuliastack), realm->njuliastack - 1);
+  for (int s = std::max(0, atomicload(&realm->readyjuliastack) + 1); s <= top; s++) {
+    const JULIASTACKDATA& L = realm->juliastack[s];
+    for (int y = 0; y < MAXJULIASTACKSIZE; y++)
+      for (int x = 0; x < MAXJULIASTACKSIZE; x++) {
+        const JULIACACHE* jc = atomicload(&L.c[y][x]);
+        const PREPIXEL* data = jc ? atomicload(&jc->data) : nullptr;
+        if (data && p >= data && p < data + NPREPIXEL) return true;
+      }
+  }
+  return false;
+}
+
+// A level's pixel handed to pixel k of a tile of level d that sits on a
+// change of count goes on from its own place in the level's finishing: the
+// centre's end may not be its own. Mipmaps are not judged: their
+// neighbours are not the pixel's.
+bool fromplace(const JULIACACHE* jc, const PREPIXEL* data, int k, PREPIXEL* p, int d) {
+  if (jc->flags & JCF_MIPMAP) return false;
+  if (!juliacountedge(data, k)) return false;
+  p->depth = JULIAFROMPLACE + d;
+  return true;
+}
+
 bool levelready(REALM* realm, int d) {
   return realm && realm->juliastack && d >= 0 && d < realm->njuliastack &&
          d <= atomicload(&realm->readyjuliastack);
@@ -206,10 +236,16 @@ void runtiles(OVCONTEXT* context, int npp) {
     for (int b = 0; b < npp; b++) {
       PREPIXEL* pixels = context->juliacachepp[b];
       int level = ok || pos == row[b] ? -1 : levelof(entryrealm(context, b), jc);
+      // A level's tile hands a pixel on a change of count to its finishing.
+      int from = ok && pos != row[b] && context->juliacachejsti[b] >= 0
+                     ? levelof(entryrealm(context, b), jc)
+                     : -1;
       for (; pos < row[b]; pos++) {
         PREPIXEL* p = &pixels[context->juliacacheprogram[pos][1]];
         if (ok) {
-          apply(p, jc->data[context->juliacacheprogram[pos][0]]);
+          int k = context->juliacacheprogram[pos][0];
+          if (from >= 0 && fromplace(jc, jc->data, k, p, from)) continue;
+          apply(p, jc->data[k]);
           p->depth = -1;
         } else {
           p->depth = level >= 0 ? unresolved(level) : -1;
@@ -274,6 +310,7 @@ int juliacorrectp(OVCONTEXT* context, REALM* realm, PREPIXEL* p, bool loadfromca
       if (!data && loadfromcache && __readjuliacache(context, jc)) data = jc->data;
       if (!data) return 2;
       q = data[k];
+      if (juliacountedge(data, k) && inleveltile(realm, p) && fromplace(jc, data, k, p, d)) return 0;
     }
     apply(p, q);
     if (q.depth >= d || q.depth == -1) return 0;

@@ -59,6 +59,18 @@ void placejuliachildren(OVCONTEXT* context, AREA* a);
 constexpr int JULIASAMELEVEL = static_cast<int>(0x80000000u);
 // Marks the pixels of a tile of level s that end in the level or deeper.
 void markjuliasamelevel(PREPIXEL* pixels, int s);
+// The mark of a level's pixel handed to a shallower level d onto a pixel
+// whose neighbours' counts differ from its own by more than 1: the count
+// changes within that pixel, so its centre's end may not be this point's.
+// The mark is JULIAFROMPLACE + d, (x, y) stays the place in level-d units,
+// and the finishing worker iterates the pixel from there.
+constexpr int JULIAFROMPLACE = JULIASAMELEVEL + 2 * NJULIASTACK + 16;
+inline bool isjuliafromplace(int depth) {
+  return depth >= JULIAFROMPLACE && depth < JULIAFROMPLACE + NJULIASTACK;
+}
+// Is pixel k of a ready level's tile on a change of count: a neighbour in
+// the tile with the other sign, or a count more than 1 away?
+bool juliacountedge(const PREPIXEL* tile, int k);
 
 // Drops level s: its workers stopped, its tiles and mipmap given back, the
 // areas that waited for it computed afresh.

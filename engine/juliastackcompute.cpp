@@ -64,9 +64,18 @@ WORKER* bypassjob(OVCONTEXT* context, REALM* realm, JULIASTACKDATA* L, int s, in
   w->idata[BYPASS_ITER] = L->iter;
   w->idata[BYPASS_X] = x;
   w->idata[BYPASS_Y] = y;
-  w->idata[BYPASS_MAXLEVEL] = s - 1;
+  // A pixel whose image comes nearer 0 than the level above names its own
+  // level or a deeper one, as a canvas tile's pixel does, and the level's
+  // finishing worker takes it on from its place. Looked up at the centre of
+  // the level above, as the cubic's clamp would have it, a point inside the
+  // basin of an attracting 0 read a place 2^-6 of a level out, outside the
+  // basin: a whole level inside an atom's basin showed escape counts.
+  w->idata[BYPASS_MAXLEVEL] = realm->njuliastack - 1;
   w->hdata[BYPASS_CF] = tilecorner(L, s, x, y);
   for (int k = 0; k < 4; k++) w->hdata[BYPASS_TAYLOR + k] = L->taylorj[k];
+  w->idata[BYPASS_SAMEUNTIL] = juliastacksameuntil(realm, s);
+  w->hdata[BYPASS_TRAP] = L->lim;
+  w->hdata[BYPASS_TRAPRADIUS] = cHF(juliastacktrapradius(L), ZEROH);
   w->pdata[BYPASS_TILE] = jc;
   w->pdata[BYPASS_REALM] = realm;
   w->prepixels = nullptr;
@@ -227,6 +236,9 @@ void worker_bypass(OVCONTEXT* context, WORKER* worker) {
   if (!atomicload(&worker->stop) && jc && jc->data) {
     bypass(context, worker->idata[BYPASS_MAXLEVEL], worker->idata[BYPASS_DEPTH],
            worker->hdata[BYPASS_CF], jc->data, &worker->hdata[BYPASS_TAYLOR], worker->idata[BYPASS_ITER]);
+    bypassdeeper(context, worker->idata[BYPASS_LEVEL], worker->idata[BYPASS_SAMEUNTIL], jc->data,
+                 &worker->hdata[BYPASS_TAYLOR], worker->idata[BYPASS_ITER], worker->hdata[BYPASS_TRAP],
+                 crealHF(worker->hdata[BYPASS_TRAPRADIUS]));
   }
   worker->workerproc = worker_bypass_return;
   worker->recipient = THREAD_MAIN;

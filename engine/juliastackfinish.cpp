@@ -181,7 +181,9 @@ void juliastack(OVCONTEXT* context, REALM* realm, int s) {
   JULIASTACKDATA* L = &realm->juliastack[s];
   // A level still in the correction, or finishing already.
   if (L->jswait || L->worker) return;
-  bool onmain = L->bypass || L->corrected;
+  // A bypass level goes through the worker too: its pixels that came
+  // nearer 0 than the level above are resolved there.
+  bool onmain = L->corrected;
   WORKER* w = addworker(context, onmain ? THREAD_MAIN : THREAD_WORKER,
                         onmain ? worker_juliastack_return : worker_juliastack);
   if (!w) return;

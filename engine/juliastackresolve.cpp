@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <vector>
 
 #include "canvas/model.h"
 #include "juliastack.h"
@@ -35,6 +36,7 @@ int place(int js, float v) {
 // How many levels below s a pixel goes on: 0 for this very level, -1 when
 // it goes to a shallower one or is finished.
 int below(const PREPIXEL* p, int s) {
+  if (isjuliafromplace(p->depth)) return -1;
   if (p->depth >= JULIASAMELEVEL && p->depth <= JULIASAMELEVEL + NJULIASTACK)
     return p->depth == JULIASAMELEVEL ? 0 : p->depth - JULIASAMELEVEL - 1;
   return p->depth >= s ? p->depth - s : -1;
@@ -114,6 +116,21 @@ void rec2(OVCONTEXT* context, const LEVELPIXELS& L, int q) {
 
 }  // namespace
 
+bool juliacountedge(const PREPIXEL* tile, int k) {
+  const PREPIXEL& q = tile[k];
+  int row = k >> PREPIXELTILESIZESHIFT, col = k & (PREPIXELTILESIZE - 1);
+  for (int dy = -1; dy <= 1; dy++)
+    for (int dx = -1; dx <= 1; dx++) {
+      int r = row + dy, c = col + dx;
+      if ((dx == 0 && dy == 0) || r < 0 || c < 0 || r >= PREPIXELTILESIZE || c >= PREPIXELTILESIZE) continue;
+      const PREPIXEL& n = tile[(r << PREPIXELTILESIZESHIFT) + c];
+      if ((n.iter < 0) != (q.iter < 0)) return true;
+      ITER diff = n.iter - q.iter;
+      if (diff > 1 || diff < -1) return true;
+    }
+  return false;
+}
+
 void markjuliasamelevel(PREPIXEL* pixels, int s) {
   for (int k = 0; k < NPREPIXEL; k++) {
     PREPIXEL* p = &pixels[k];
@@ -125,18 +142,37 @@ void markjuliasamelevel(PREPIXEL* pixels, int s) {
 
 namespace {
 
+// The level's reference orbit: the critical orbit of its own point m (the
+// level sits on its environment's point), or null. A start point is a
+// deviation of its first value, 0.
+const REFDATAH* referenceof(const JULIASTACKDATA* jstd, ITER* n) {
+  const ENVIRONMENT* e = jstd->e;
+  if (!e || !e->refdatah || e->n < 1 || jstd->mr.mantissax != 0 || jstd->mr.mantissay != 0 ||
+      e->nrefdata < static_cast<int>(e->n) + 1)
+    return nullptr;
+  *n = static_cast<ITER>(e->n);
+  return e->refdatah;
+}
+
 // The orbit of a start point of the level under z^2 + m, to escape or into
-// the seed's attractor, at most `limit` steps. The result is finished;
-// false, with the pixel untouched, when `stop` was raised meanwhile (one
-// such orbit may run 10^8 steps, and a shutdown must not wait for it).
+// the seed's attractor, at most `limit` steps. Where the level has its
+// reference orbit the point goes as a deviation of it (z = Z_k + delta),
+// taken back to the orbit's start where it comes nearer 0 than its
+// deviation or outlives the orbit: iterated plainly in the level's format,
+// m itself is rounded, and next to an atom far smaller than that rounding
+// the orbit is another one. The result is finished; false, with the pixel
+// untouched, when `stop` was raised meanwhile (one such orbit may run 10^8
+// steps, and a shutdown must not wait for it).
 template <typename FLOAT>
-bool extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd, ITER limit,
+bool extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd,
+                  const std::vector<typename NUM<FLOAT>::COMPLEX>& orbit, ITER limit,
                   volatile bool* stop) {
   typedef NUM<FLOAT> N;
   typedef typename N::COMPLEX COMPLEX;
-  float px = p->x, py = p->y;
-  samelevel(p, s, &px, &py);
-  COMPLEX z = N::cfromHF(cldexpHF(cHF(HFd(px), HFd(py)), -s));
+  // The place in the plane, scaled in the wide exponent: a pixel may have
+  // come far nearer 0 than a float's range below its own level.
+  int scale = isjuliafromplace(p->depth) ? p->depth - JULIAFROMPLACE : s + std::max(below(p, s), 0);
+  COMPLEX z = N::cfromHF(cldexpHF(cHF(HFd(p->x), HFd(p->y)), -scale));
   // The derivative by the start pixel: level units per level unit, times
   // the level's pixel in the plane.
   COMPLEX d = N::cfromHF(cldexpHF(cHF(HFd(p->dx), HFd(p->dy)), 2 - s - jss));
@@ -144,6 +180,10 @@ bool extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd, ITER 
   COMPLEX lim = N::cfromHF(jstd->lim);
   FLOAT r2 = N::fromHF(mulHF(jstd->rlim, jstd->rlim));
   bool trap = jstd->rlim.mantissa != 0;
+  const bool ref = !orbit.empty();
+  const size_t nref = orbit.size() - 1;
+  size_t r = 0;              // the reference's step
+  COMPLEX delta = z;         // z - Z_r, Z_0 = 0
   // Counted as the canvas counts: the steps before the one that leaves
   // the radius 2.
   FLOAT four = N::fromd(4.0);
@@ -155,7 +195,18 @@ bool extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd, ITER 
       sign = -1;
       break;
     }
-    COMPLEX z1 = N::cadd(N::csqr(z), m);
+    COMPLEX z1;
+    if (ref) {
+      delta = N::cadd(N::cmul(N::ctwice(orbit[r]), delta), N::csqr(delta));
+      r++;
+      z1 = N::cadd(orbit[r], delta);
+      if (r >= nref || N::less(N::abss(z1), N::abss(delta))) {
+        delta = z1;
+        r = 0;
+      }
+    } else {
+      z1 = N::cadd(N::csqr(z), m);
+    }
     if (N::less(four, N::abss(z1))) break;
     d = N::cmul(N::ctwice(z), d);
     z = z1;
@@ -173,14 +224,33 @@ bool extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd, ITER 
 
 constexpr ITER EXTREMEJULIALIMIT = 100000000;
 
-bool iterate(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd, unsigned int format,
-             volatile bool* stop) {
-  switch (format) {
-    case 16: return extremejulia<float>(p, s, jss, jstd, EXTREMEJULIALIMIT, stop);
-    case 32: return extremejulia<double>(p, s, jss, jstd, EXTREMEJULIALIMIT, stop);
-    case 48: return extremejulia<long double>(p, s, jss, jstd, EXTREMEJULIALIMIT, stop);
-    default: return extremejulia<HFLOAT>(p, s, jss, jstd, EXTREMEJULIALIMIT, stop);
+// Phase 3 in the level's format: every pixel still not finished is
+// iterated out; the reference orbit goes into the format once for all.
+template <typename FLOAT>
+int remainder(OVCONTEXT* context, const LEVELPIXELS& L, const JULIASTACKDATA* jstd, int s,
+              volatile bool* stop) {
+  typedef NUM<FLOAT> N;
+  std::vector<typename N::COMPLEX> orbit;
+  ITER nref = 0;
+  if (const REFDATAH* ref = referenceof(jstd, &nref)) {
+    orbit.resize(static_cast<size_t>(nref) + 1);
+    for (ITER k = 0; k <= nref; k++) orbit[k] = N::cfromHF(ref[k].value);
   }
+  int n = L.js * L.js;
+  int iterated = 0;
+  for (int k = 0; k < n; k++) {
+    if ((k & (NPREPIXEL - 1)) == 0 && stop && atomicload(stop)) return -1;
+    PREPIXEL* p = L.at(k);
+    float x, y;
+    if (!p || (!samelevel(p, s, &x, &y) && !isjuliafromplace(p->depth))) continue;
+    if (!jstd->m) continue;
+    if (!extremejulia<FLOAT>(p, s, context->juliasizeshift, jstd, orbit, EXTREMEJULIALIMIT, stop))
+      return -1;
+    iterated++;
+    // Whatever ends on it is finished with it.
+    if (context->jsref[k] != -1) rec2(context, L, k);
+  }
+  return iterated;
 }
 
 }  // namespace
@@ -205,17 +275,10 @@ int resolvejuliastacklevel(OVCONTEXT* context, const JULIASTACKDATA* jstd, int s
     if (p && p->depth == -1) rec2(context, L, q);
   }
   if (stop && atomicload(stop)) return -1;
-  int iterated = 0;
-  for (int k = 0; k < n; k++) {
-    if ((k & (NPREPIXEL - 1)) == 0 && stop && atomicload(stop)) return -1;
-    PREPIXEL* p = L.at(k);
-    float x, y;
-    if (!p || !samelevel(p, s, &x, &y)) continue;
-    if (!jstd->m) continue;
-    if (!iterate(p, s, context->juliasizeshift, jstd, format, stop)) return -1;
-    iterated++;
-    // Whatever ends on it is finished with it.
-    if (context->jsref[k] != -1) rec2(context, L, k);
+  switch (format) {
+    case 16: return remainder<float>(context, L, jstd, s, stop);
+    case 32: return remainder<double>(context, L, jstd, s, stop);
+    case 48: return remainder<long double>(context, L, jstd, s, stop);
+    default: return remainder<HFLOAT>(context, L, jstd, s, stop);
   }
-  return iterated;
 }

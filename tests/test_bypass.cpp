@@ -407,3 +407,115 @@ TEST(JuliaStackLookup, ADeepIterationFinishesThroughTheStack) {
   EXPECT_TRUE(out.lookup);
   free(t0);
 }
+
+namespace {
+
+// w -> t2 w^2 with |t2| = 2^10 after 100 steps: the return map of an
+// attracting 0, whose basin around 0 has a radius of about 2^-10. A level
+// s > 10 sends its pixels to level 2s - 10, deeper than its own.
+void squaringcubic(HFLOATCOMPLEX* t) {
+  t[0] = CZEROH;
+  t[1] = CZEROH;
+  t[2] = cHF(ldexpHF(ONEH, 10), ZEROH);
+  t[3] = CZEROH;
+}
+
+}  // namespace
+
+TEST(BypassDeeper, APixelNearerZeroGoesThroughTheSharedCubicIntoTheTrap) {
+  FAKECONTEXT f;
+  HFLOATCOMPLEX t[4];
+  squaringcubic(t);
+  const int s = 30;
+  // Unclamped, every pixel names a level deeper than its own.
+  std::vector<PREPIXEL> tile = runbypass(f.context, s, NJULIASTACK - 1, 0, 0, t, 100);
+  for (int k : {0, 1000, 40000})
+    EXPECT_GE(tile[k].depth, s) << k;
+  // Levels 30..60 share the cubic; the trap holds |z| < 2^-80.
+  HFLOAT rlim = ldexpHF(ONEH, -80);
+  bypassdeeper(f.context, s, 60, tile.data(), t, 100, CZEROH, rlim);
+  int js = f.context->juliasize;
+  for (int k : {0, 1000, 40000, NPREPIXEL - 1}) {
+    const PREPIXEL& p = tile[k];
+    ASSERT_EQ(p.depth, -1) << k;
+    // The rounds it takes in long double: |w| grows to 2^10 |w|^2 a round
+    // until it passes below the trap.
+    CL w = startpoint(s, 1, 0, 0, k % js, k / js, f.context->juliasizeshift);
+    int rounds = 0;
+    while (std::abs(w) >= std::ldexp(1.0L, -80)) {
+      w = std::ldexp(1.0L, 10) * w * w;
+      rounds++;
+    }
+    EXPECT_EQ(p.iter, -100 * rounds) << k;
+  }
+}
+
+TEST(BypassDeeper, WithoutATrapAPixelStopsAtTheLastSharedLevel) {
+  FAKECONTEXT f;
+  HFLOATCOMPLEX t[4];
+  squaringcubic(t);
+  const int s = 30;
+  std::vector<PREPIXEL> tile = runbypass(f.context, s, NJULIASTACK - 1, 0, 0, t, 100);
+  bypassdeeper(f.context, s, 60, tile.data(), t, 100, CZEROH, ZEROH);
+  for (int k : {0, 1000, 40000}) {
+    const PREPIXEL& p = tile[k];
+    // Past level 60 no level shares the cubic: the pixel names its level
+    // for the finishing, with the counts of the rounds it took.
+    EXPECT_GT(p.depth, 60) << k;
+    EXPECT_GT(p.iter, 100) << k;
+    EXPECT_EQ(p.iter % 100, 0) << k;
+  }
+}
+
+TEST(BypassDeeper, APixelThatFallsShallowerIsLeftAsTheCubicPutIt) {
+  FAKECONTEXT f;
+  HFLOATCOMPLEX t[4];
+  squaringcubic(t);
+  // Level 8: w ~ 2^-8 goes to 2^10 2^-16 = 2^-6, level 6 or so.
+  const int s = 8;
+  std::vector<PREPIXEL> tile = runbypass(f.context, s, NJULIASTACK - 1, 0, 0, t, 100);
+  std::vector<PREPIXEL> before = tile;
+  bypassdeeper(f.context, s, 60, tile.data(), t, 100, CZEROH, ldexpHF(ONEH, -80));
+  int shallower = 0;
+  for (int k = 0; k < NPREPIXEL; k++) {
+    if (before[k].depth >= s) continue;
+    shallower++;
+    EXPECT_EQ(tile[k].depth, before[k].depth);
+    EXPECT_EQ(tile[k].iter, before[k].iter);
+    EXPECT_EQ(tile[k].x, before[k].x);
+  }
+  EXPECT_GT(shallower, NPREPIXEL / 2);
+}
+
+TEST(BypassDeeper, APixelOnDemandMeetsTheTrapAsTheTileDoes) {
+  FAKECONTEXT f;
+  FAKESTACK st(64);
+  HFLOATCOMPLEX t[4];
+  squaringcubic(t);
+  HPVALUE m{};
+  for (int s = 1; s < 64; s++) {
+    JULIASTACKDATA& L = st.realm->juliastack[s];
+    L.m = &m;
+    L.bypass = true;
+    L.iter = 100;
+    for (int k = 0; k < 4; k++) L.taylorj[k] = t[k];
+    L.miter = -100;
+    L.lim = CZEROH;
+    L.rlim = ldexpHF(ONEH, -80);
+  }
+  st.realm->maxjuliastack = 63;
+  const int s = 30;
+  std::vector<PREPIXEL> tile = runbypass(f.context, s, NJULIASTACK - 1, 0, 0, t, 100);
+  bypassdeeper(f.context, s, 63, tile.data(), t, 100, CZEROH, ldexpHF(ONEH, -80));
+  int js = f.context->juliasize;
+  for (int k : {0, 1000, 40000}) {
+    // The on-demand pixel starts 1/512 off the centre; at this depth that
+    // changes no round.
+    float x = static_cast<float>((k % js + 0.5) * 4.0 / js - 2.0 - 0.001953125);
+    float y = static_cast<float>((k / js + 0.5) * 4.0 / js - 2.0 - 0.001953125);
+    PREPIXEL p = bypassp(f.context, st.realm, s, x, y);
+    EXPECT_EQ(p.depth, -1) << k;
+    EXPECT_EQ(p.iter, tile[k].iter) << k;
+    EXPECT_LT(p.iter, 0) << k;
+  }
+}

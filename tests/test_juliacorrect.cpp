@@ -12,6 +12,7 @@
 
 #include "canvas/render.h"
 #include "enginefixture.h"
+#include "juliastack.h"
 #include "test_textures.h"
 
 using enginetest::Engine;
@@ -200,9 +201,28 @@ TEST(JuliaCorrectProgram, EachTileIsReadOnceAndThePixelsEndAsOneByOne) {
   HOOKED hooked;
   COUNTED file(64, 2);
   for (int k = 0; k < NPREPIXEL; k++) {
+    // The lower half of the plain tile changes its count from pixel to
+    // pixel; the upper half holds one count.
     file.tile(0)[k] = finished(k);
+    if (k >= NPREPIXEL / 2) file.tile(0)[k].iter = 7;
     file.tile(1)[k] = PREPIXEL{-(k % 4) - 1, 0.125f, float(k), 2.0f, -1.0f, -1};
   }
+  // A level's pixel handed onto a pixel whose neighbours' counts differ
+  // from its own by more than 1 (or in sign) is left to the level's
+  // finishing, marked with the level it is in; the mipmap is not judged.
+  auto onedge = [&](int row, int col) {
+    const PREPIXEL* t = file.tile(0);
+    int q = t[row * 256 + col].iter;
+    for (int dy = -1; dy <= 1; dy++)
+      for (int dx = -1; dx <= 1; dx++) {
+        int r = row + dy, c = col + dx;
+        if (r < 0 || c < 0 || r > 255 || c > 255) continue;
+        int n = t[r * 256 + c].iter;
+        if ((n < 0) != (q < 0) || std::abs(n - q) > 1) return true;
+      }
+    return false;
+  };
+  int leftover = 0, applied = 0;
   std::vector<PREPIXEL> b0 = alternating(0, 0), b1 = alternating(1, 0);
   std::vector<PREPIXEL> w0 = b0, w1 = b1;
   std::vector<std::vector<int>> pairs(2);
@@ -223,6 +243,12 @@ TEST(JuliaCorrectProgram, EachTileIsReadOnceAndThePixelsEndAsOneByOne) {
         bool stretch = p.dx * p.dx + p.dy * p.dy > 32;
         int col = int(std::floor(256 * p.x * 0.25 + 128)), row = int(std::floor(256 * p.y * 0.25 + 128));
         const PREPIXEL& q = file.tile(stretch ? 1 : 0)[row * 256 + col];
+        if (!stretch && onedge(row, col)) {
+          p.depth = JULIAFROMPLACE + 0;
+          leftover++;
+          continue;
+        }
+        if (!stretch) applied++;
         C d = C(p.dx, p.dy) * C(q.dx, q.dy);
         p = PREPIXEL{(q.iter < 0 ? -p.iter : p.iter) + q.iter, q.x, q.y, float(d.real()), float(d.imag()), -1};
       }
@@ -251,6 +277,9 @@ TEST(JuliaCorrectProgram, EachTileIsReadOnceAndThePixelsEndAsOneByOne) {
     detachjc(c, mip);
   });
   EXPECT_EQ(file.tilereads, 2);
+  // Both ways are taken.
+  EXPECT_GT(leftover, 1000);
+  EXPECT_GT(applied, 1000);
   EXPECT_EQ(memcmp(b0.data(), w0.data(), JULIACACHETILEBYTES), 0);
   EXPECT_EQ(memcmp(b1.data(), w1.data(), JULIACACHETILEBYTES), 0);
   EXPECT_EQ(ghookcalls, std::vector<int>{1});  // one level, finished once

@@ -103,6 +103,47 @@ TEST(JuliaStackResolve, ChainsInTheLevelEndWhereTheirLastPixelEnds) {
   EXPECT_EQ(b.data[k(60, 70)].depth, -1);
 }
 
+TEST(JuliaStackResolve, APixelOnAChangeOfCountHasANeighbourMoreThanOneAwayOrOfTheOtherSign) {
+  std::vector<PREPIXEL> t(NPREPIXEL, PREPIXEL{10, 0, 0, 1, 0, -1});
+  auto k = [](int i, int j) { return j * 256 + i; };
+  // Counts 9..11 around a pixel: no change.
+  t[k(50, 50)].iter = 11;
+  t[k(51, 51)].iter = 9;
+  EXPECT_FALSE(juliacountedge(t.data(), k(50, 51)));
+  // 12 next to 10.
+  t[k(100, 100)].iter = 12;
+  EXPECT_TRUE(juliacountedge(t.data(), k(101, 101)));
+  EXPECT_TRUE(juliacountedge(t.data(), k(99, 100)));
+  EXPECT_FALSE(juliacountedge(t.data(), k(102, 102)));
+  // An interior neighbour.
+  t[k(0, 0)].iter = -10;
+  EXPECT_TRUE(juliacountedge(t.data(), k(1, 0)));
+  EXPECT_TRUE(juliacountedge(t.data(), k(0, 0)));
+  // The tile's border has fewer neighbours, no more.
+  EXPECT_FALSE(juliacountedge(t.data(), k(255, 255)));
+}
+
+TEST(JuliaStackResolve, APixelHandedOntoAChangeOfCountIsIteratedFromItsPlaceInTheShallowerLevel) {
+  BARELEVEL b;
+  for (int k = 0; k < NPREPIXEL; k++) b.data[k] = PREPIXEL{3, 0, 0, 1, 0, -1};
+  // Level 5's pixel (7, 9) went on at a place of level 2 after 4 steps.
+  CD place(-0.37, 0.81);  // in level-2 units
+  b.data[9 * 256 + 7] =
+      PREPIXEL{4, static_cast<float>(place.real()), static_cast<float>(place.imag()), 1, 0, JULIAFROMPLACE + 2};
+  EXPECT_TRUE(isjuliafromplace(b.data[9 * 256 + 7].depth));
+  // The mark is out of the correction's and the same level's way.
+  markjuliasamelevel(b.data.data(), 5);
+  EXPECT_EQ(b.data[9 * 256 + 7].depth, JULIAFROMPLACE + 2);
+  EXPECT_EQ(resolvejuliastacklevel(b.context, &b.L, 5, R_PRECDOUBLE, nullptr), 1);
+  const PREPIXEL& p = b.data[9 * 256 + 7];
+  EXPECT_EQ(p.depth, -1);
+  CD z(std::ldexp(static_cast<double>(static_cast<float>(place.real())), -2),
+       std::ldexp(static_cast<double>(static_cast<float>(place.imag())), -2));
+  int plain = directcount(z, CD(0.26, 0), 1000);
+  ASSERT_GT(plain, 0);
+  EXPECT_EQ(p.iter, 4 + plain);
+}
+
 TEST(JuliaStackResolve, ACycleInsideTheLevelIsIteratedOutInTheLevelsFormat) {
   // c = 0.26: every orbit leaves, the pixels of a cycle of references too.
   BARELEVEL b(CD(0.26, 0.0));

@@ -139,8 +139,8 @@ struct DEEPSTACK {
                                 static_cast<double>(orbit.z[k].imag())};
         e->refdatad[k].a = dHF(orbit.a[k]);
       }
-      // Its orbit defines the levels the way a period does; it serves no
-      // level as a series reference.
+      // Marked periodic while its orbit defines the levels, as a period's
+      // orbit does.
       e->flags = E_PERIODIC;
       e->mini = 1;
       e->maxi = 0;
@@ -168,6 +168,11 @@ struct DEEPSTACK {
         L.miter = n;
       }
       julia->maxjuliastack = S;
+      // What a view resting on the seed hands its levels: the plain orbit
+      // of its centre (the idle search's levels end on the view's
+      // non-periodic environment), a reference every start point of a
+      // level perturbs against.
+      e->flags &= ~E_PERIODIC;
       mpf_clear(x);
       mpf_clear(y);
     });
@@ -242,7 +247,10 @@ struct DEEPSTACK {
   }
 };
 
-void deepcheck(int S, int seconds) {
+// Builds levels 0..S and checks that at least `floor` of 10,000 pixels of
+// level S agree with their direct orbit; where they do not, the agreement
+// of the levels on the way down is printed.
+void deepcheck(int S, int seconds, double floor) {
   DEEPSTACK f(S);
   std::string kinds = f.kinds(S);
   fprintf(stderr, "levels 0..%d: %s\n", S, kinds.c_str());
@@ -251,9 +259,8 @@ void deepcheck(int S, int seconds) {
   int n = 0;
   double a = f.agreement(S, 10000, &n);
   fprintf(stderr, "level %d: %.4f of %d pixels agree\n", S, a, n);
-  EXPECT_GE(a, 0.995);
-  if (a < 0.995) {
-    // Where on the way down the agreement is lost.
+  EXPECT_GE(a, floor);
+  if (a < floor) {
     for (int l = 0; l < S; l += std::max(1, S / 10)) {
       int m = 0;
       fprintf(stderr, "level %d: %.4f\n", l, f.agreement(l, 2000, &m));
@@ -263,27 +270,21 @@ void deepcheck(int S, int seconds) {
 
 }  // namespace
 
-// DISABLED: measured at 0.1089 (10,000 pixels). A level's tiles are canvas
-// jobs; without a reference orbit they iterate a start point d in the
-// level's format from z_1 = c + d^2, and in double (levels up to 124) d^2
-// vanishes against c once d is below about 2^-24: levels 0..23 agree on
-// 0.992..0.9995 of their pixels, 24 on 0.97, 26 on 0.86, 28 on 0.26, 29
-// and deeper on 0.08..0.11. The engine now hands a tile job its level's
-// environment as the reference where the kernels perturb against it (a
-// plain orbit, or a series) and the level sits on its point; this test's
-// environment is marked periodic without a series, so that it defines the
-// levels, and gets none. Tried with the plain orbit as reference, the level
-// agreed on 0.9926, levels 10..90 on 0.9945: the rest is the hand-over of a
-// pixel to the centre of a shallower level's pixel, which near the Julia
-// set misses the direct count by 2..12.
-TEST(JuliaStackDeep, DISABLED_ALevel100PixelThroughTheStackCountsAsItsDirectOrbit) {
-  deepcheck(100, 300);
+// Each pixel's count goes through the levels it comes near 0 in: where its
+// orbit hands over to a shallower level it takes the end of the pixel of
+// that level that holds its place, computed at that pixel's centre, unless
+// that pixel sits on a change of count. The orbits of a deep level all pass
+// the critical orbit of the seed, which lies on the Julia set, and meet such
+// pixels often: looked up there too, level 100 agreed on 0.9926 of its
+// pixels; now 0.9995. Without the reference orbit it agreed on 0.11.
+TEST(JuliaStackDeep, ALevel100PixelThroughTheStackCountsAsItsDirectOrbit) {
+  deepcheck(100, 50, 0.995);
 }
 
 // DISABLED: the seed's orbit defines no bypass level (it never comes back
 // near 0), so the 1001 levels are all canvas levels; on two shared cores
-// only 333 of them were ready after 600 s, far beyond a test's time. Its
-// levels past 24 meet the defect above as well.
+// only 363 of them were ready after 600 s, far beyond a test's time. The
+// deep stack with bypass levels is checked in test_bypass_deep.
 TEST(JuliaStackDeep, DISABLED_ALevel1000PixelThroughTheStackCountsAsItsDirectOrbit) {
-  deepcheck(1000, 600);
+  deepcheck(1000, 600, 0.995);
 }

@@ -1,0 +1,122 @@
+// Atoms of the Mandelbrot set for the stack's tests: the nucleus of a
+// period near a guess by Newton in mpf, its orbit, and the periodic
+// environment (with its series) that a Newton run of the idle search leaves.
+#pragma once
+
+#include <gmp.h>
+
+#include <cstdlib>
+
+#include "Mandelbrot.h"
+#include "refiter.h"
+
+namespace atomtest {
+
+constexpr mp_bitcnt_t BITS = 640;
+
+// One Newton step sequence in mpf: the nucleus of period n near the guess.
+inline void nucleus(mpf_t cx, mpf_t cy, unsigned n) {
+  mpf_t zx, zy, dx, dy, t, u, q;
+  for (mpf_ptr m : {zx, zy, dx, dy, t, u, q}) mpf_init2(m, mpf_get_prec(cx));
+  for (int step = 0; step < 12; step++) {
+    mpf_set_ui(zx, 0);
+    mpf_set_ui(zy, 0);
+    mpf_set_ui(dx, 0);
+    mpf_set_ui(dy, 0);
+    for (unsigned k = 0; k < n; k++) {
+      // dz = 2 z dz + 1
+      mpf_mul(t, zx, dx);
+      mpf_mul(u, zy, dy);
+      mpf_sub(t, t, u);
+      mpf_mul(u, zx, dy);
+      mpf_mul(q, zy, dx);
+      mpf_add(u, u, q);
+      mpf_mul_2exp(dx, t, 1);
+      mpf_add_ui(dx, dx, 1);
+      mpf_mul_2exp(dy, u, 1);
+      // z = z^2 + c
+      mpf_mul(t, zx, zx);
+      mpf_mul(u, zy, zy);
+      mpf_sub(t, t, u);
+      mpf_mul(u, zx, zy);
+      mpf_mul_2exp(zy, u, 1);
+      mpf_add(zy, zy, cy);
+      mpf_add(zx, t, cx);
+    }
+    // c -= z / dz
+    mpf_mul(t, dx, dx);
+    mpf_mul(u, dy, dy);
+    mpf_add(q, t, u);
+    mpf_mul(t, zx, dx);
+    mpf_mul(u, zy, dy);
+    mpf_add(t, t, u);
+    mpf_div(t, t, q);
+    mpf_mul(u, zy, dx);
+    mpf_mul(dx, zx, dy);
+    mpf_sub(u, u, dx);
+    mpf_div(u, u, q);
+    mpf_sub(cx, cx, t);
+    mpf_sub(cy, cy, u);
+  }
+  for (mpf_ptr m : {zx, zy, dx, dy, t, u, q}) mpf_clear(m);
+}
+
+// The orbit z_0 .. z_n of (cx, cy) in mpf, each point handed to `each`.
+template <typename F>
+inline void orbit(mpf_srcptr cx, mpf_srcptr cy, unsigned n, mp_bitcnt_t bits, F each) {
+  mpf_t zx, zy, t, u;
+  for (mpf_ptr m : {zx, zy, t, u}) mpf_init2(m, bits);
+  mpf_set_ui(zx, 0);
+  mpf_set_ui(zy, 0);
+  for (unsigned k = 0; k <= n; k++) {
+    each(k, zx, zy);
+    mpf_mul(t, zx, zx);
+    mpf_mul(u, zy, zy);
+    mpf_sub(t, t, u);
+    mpf_mul(u, zx, zy);
+    mpf_mul_2exp(zy, u, 1);
+    mpf_add(zy, zy, cy);
+    mpf_add(zx, t, cx);
+  }
+  for (mpf_ptr m : {zx, zy, t, u}) mpf_clear(m);
+}
+
+// A periodic environment as the Newton run leaves it, with its series.
+inline ENVIRONMENT* periodicenv(OVCONTEXT* c, const char* const guess[2], unsigned n, mp_bitcnt_t bits = BITS) {
+  mpf_t x, y;
+  mpf_init2(x, bits);
+  mpf_init2(y, bits);
+  mpf_set_str(x, guess[0], 10);
+  mpf_set_str(y, guess[1], 10);
+  nucleus(x, y, n);
+  ENVIRONMENT* e = adde(c, x, y, bits);
+  e->flags = E_PERIODIC;
+  e->n = n;
+  e->nrefdata = static_cast<int>(n) + 1;
+  e->refdatah = static_cast<REFDATAH*>(calloc(n + 1, sizeof(REFDATAH)));
+  e->refdatad = static_cast<REFDATAD*>(calloc(n + 1, sizeof(REFDATAD)));
+  __atomic_add_fetch(&c->mem_envrefdata, int64_t(64) * (n + 1), __ATOMIC_SEQ_CST);
+  mpf_t a;
+  mpf_init2(a, bits);
+  orbit(x, y, n, bits, [&](unsigned k, mpf_srcptr zx, mpf_srcptr zy) {
+    mpf_mul(a, zx, zx);
+    mpf_ui_sub(a, 4, a);
+    mpf_t b;
+    mpf_init2(b, bits);
+    mpf_mul(b, zy, zy);
+    mpf_sub(a, a, b);
+    mpf_clear(b);
+    e->refdatah[k].value = cHF(mpf_get_HF(zx), mpf_get_HF(zy));
+    e->refdatah[k].a = mpf_get_HF(a);
+    e->refdatad[k].value = {mpf_get_d(zx), mpf_get_d(zy)};
+    e->refdatad[k].a = mpf_get_d(a);
+  });
+  mpf_clear(a);
+  e->task = __addtask(c, TASKTYPE_NEWTON, 1);
+  calctaylorenvironment(c, e, nullptr);
+  mpf_clear(x);
+  mpf_clear(y);
+  return e;
+}
+
+}  // namespace atomtest
