@@ -129,11 +129,42 @@ void againtime(benchmark::State& state, bool stack) {
   endviewrun(&run);
 }
 
+// The Julia stack of the 1e-1000 view: the time from activation until the
+// levels the view needs (up to `validjuliastack`) are all ready, once the
+// view has finished, and how many there are.
+void BM_View1e1000StackReady(benchmark::State& state) {
+  int levels = 0;
+  for (auto _ : state) {
+    VIEWRUN run;
+    std::string error;
+    if (!startviewrun(&run, deeperargs("1e-1000"), nullptr, &error)) {
+      state.SkipWithError(error.c_str());
+      endviewrun(&run);
+      break;
+    }
+    waitviewfinish(&run, 1, 0);
+    for (bool ready = false; !ready;) {
+      viewonmain(&run, [&](OVCONTEXT*) {
+        REALM* jr = run.juliarealm;
+        int valid = jr ? jr->validjuliastack : -1;
+        ready = valid >= 0 && atomicload(&jr->readyjuliastack) >= valid;
+        levels = valid + 1;
+      });
+      if (!ready) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    state.SetIterationTime((nowms() - run.activated) / 1000);
+    stopviewrun(&run);
+    endviewrun(&run);
+  }
+  state.counters["levels"] = levels;
+}
+
 void BM_View1e1000AgainWithStack(benchmark::State& state) { againtime(state, true); }
 void BM_View1e1000AgainWithoutStack(benchmark::State& state) { againtime(state, false); }
 
 }  // namespace
 
+BENCHMARK(BM_View1e1000StackReady)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_View1e1000AgainWithStack)->UseManualTime()->Iterations(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_View1e1000AgainWithoutStack)->UseManualTime()->Iterations(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ViewStartToFinish)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
