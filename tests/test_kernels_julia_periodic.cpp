@@ -20,6 +20,7 @@
 #include <functional>
 #include <random>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "Mandelbrot.h"
@@ -182,6 +183,15 @@ int kernelcount(typename T::CANVAS* canvas, int x, int y, typename T::CVALUE* cv
   return count;
 }
 
+// A start point in long double, whatever its format.
+template <typename T>
+CL startpoint(typename T::COMPLEX z) {
+  if constexpr (std::is_same_v<typename T::FLOAT, HFLOAT>)
+    return CL(dlHF(crealHF(z)), dlHF(cimagHF(z)));
+  else
+    return CL(static_cast<long double>(z.real()), static_cast<long double>(z.imag()));
+}
+
 struct RESULT {
   double agree = 0;
   double interior = 0;
@@ -201,7 +211,7 @@ RESULT compare(int s, ENVIRONMENT* e, int n, const char* what) {
   for (int k = 0; k < n; k++) {
     int x = coord(rng), y = coord(rng);
     typename T::CVALUE cv = canvas->v[y * CANVASSIZE + x].v;
-    CL w(static_cast<long double>(cv.value.real()), static_cast<long double>(cv.value.imag()));
+    CL w = startpoint<T>(cv.value);
     int got = kernelcount<T>(canvas, x, y, &cv);
     int want = gatom->directcount(w, LIMIT);
     if (want < 0) inside++;
@@ -230,10 +240,9 @@ TEST(JuliaPeriodicKernels, InteriorLevelWithSeriesMeetsTheTrap) {
   EXPECT_GE(r.agree, 0.99);
 }
 
-// The plain copy of the orbit ends after one period: the points go round it
-// again instead of on in the tile's format, where the atom's point is
-// rounded to another parameter.
-TEST(JuliaPeriodicKernels, InteriorLevelWithPlainOrbitGoesRoundAgain) {
+// Against the plain copy of the orbit an interior point is caught where the
+// orbit comes back to 0, at its last sample, before the orbit ends.
+TEST(JuliaPeriodicKernels, InteriorLevelWithPlainOrbit) {
   RESULT r = compare<CANVASTEMPLATE_double>(100, gatom->plain, 400, "plain");
   EXPECT_EQ(r.interior, 1.0);
   EXPECT_GE(r.agree, 0.99);
@@ -248,6 +257,9 @@ TEST(JuliaPeriodicKernels, EdgeLevelWithSeries) {
   EXPECT_GE(r.agree, 0.99);
 }
 
+// The plain copy of the orbit ends after one period: the points that
+// outlive it go round it again instead of on in the tile's format, where
+// the atom's point is rounded to another parameter.
 TEST(JuliaPeriodicKernels, EdgeLevelWithPlainOrbit) {
   RESULT r = compare<CANVASTEMPLATE_double>(24, gatom->plain, 600, "plain");
   EXPECT_GT(r.interior, 0.2);
@@ -259,5 +271,20 @@ TEST(JuliaPeriodicKernels, EdgeLevelWithPlainOrbit) {
 TEST(JuliaPeriodicKernels, DeepInteriorLevelInLongDouble) {
   RESULT r = compare<CANVASTEMPLATE_longdouble>(1000, gatom->e, 200, "series");
   EXPECT_EQ(r.interior, 1.0);
+  EXPECT_GE(r.agree, 0.99);
+}
+
+// Beyond long double's levels the stack's tiles are in the wide format.
+TEST(JuliaPeriodicKernels, DeeperInteriorLevelInHfloat) {
+  RESULT r = compare<CANVASTEMPLATE_hfloat>(2000, gatom->e, 100, "series");
+  EXPECT_EQ(r.interior, 1.0);
+  EXPECT_GE(r.agree, 0.99);
+}
+
+// The edge in long double against the plain copy: the wrap in another
+// format.
+TEST(JuliaPeriodicKernels, EdgeLevelWithPlainOrbitInLongDouble) {
+  RESULT r = compare<CANVASTEMPLATE_longdouble>(24, gatom->plain, 300, "plain");
+  EXPECT_GT(r.interior, 0.2);
   EXPECT_GE(r.agree, 0.99);
 }
