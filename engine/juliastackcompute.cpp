@@ -101,7 +101,11 @@ WORKER* canvastilejob(OVCONTEXT* context, REALM* realm, JULIASTACKDATA* L, int s
   w->hdata[JOB_JULIAPOINT] = cHF(mpf_get_HF(L->m->v[0]), mpf_get_HF(L->m->v[1]));
   w->idata[JOB_ATTRACTOR] = L->miter < 0 ? L->miter : 0;
   w->hdata[JOB_TRAPCENTRE] = L->lim;
-  w->hdata[JOB_TRAPRADIUS] = HFLOATCOMPLEX{L->rlim.mantissa, 0, L->rlim.exponent};
+  // The kernels trap within half the job's radius; a level's trap is the
+  // disc of radius `rlim` itself, as its remainder and the bypass have it,
+  // so that a pixel counts the same whichever of them finishes it.
+  HFLOAT trap = L->rlim.mantissa == 0 ? ZEROH : ldexpHF(L->rlim, 1);
+  w->hdata[JOB_TRAPRADIUS] = HFLOATCOMPLEX{trap.mantissa, 0, trap.exponent};
   w->pdata[JOB_REALM] = realm;
   attachrealm(realm);
   w->pdata[JOB_JULIACACHE] = jc;

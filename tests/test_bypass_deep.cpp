@@ -5,8 +5,8 @@
 // cycle: the levels around 24 hold the basin's edge (the Julia set), the
 // deeper ones lie inside it. A pixel looked up through the stack is compared
 // with its start point iterated directly by perturbation, and a level made
-// by the bypass with the same level computed by canvas jobs, at levels 100
-// and 1000.
+// by the bypass with the same level computed by canvas jobs against the
+// atom's periodic environment, at levels 24, 100 and 1000.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -88,7 +88,6 @@ struct ATOMSTACK {
       stopjuliastackcomputation(c, julia);
       adjustjuliastack(c, julia, -1, true);
       detache(c, e);
-      if (plain) detache(c, plain);
     });
     waitfor([&] { return atomicload(&engine.context->iworkerall) == 0; });
     engine.onmain([&](OVCONTEXT* c) { __detachviewport(c, v); });
@@ -183,22 +182,6 @@ struct ATOMSTACK {
     return static_cast<double>(good) / n;
   }
 
-  // The atom's orbit as a plain environment (no period, no series): the
-  // reference a canvas level's tiles perturb against.
-  ENVIRONMENT* plain = nullptr;
-  ENVIRONMENT* plainorbit(OVCONTEXT* c) {
-    ENVIRONMENT* p = adde(c, e->c->v[0], e->c->v[1], static_cast<mp_bitcnt_t>(mpf_get_prec(e->c->v[0])));
-    int n = static_cast<int>(e->n);
-    p->n = e->n;
-    p->nrefdata = n + 1;
-    p->refdatah = static_cast<REFDATAH*>(calloc(n + 1, sizeof(REFDATAH)));
-    p->refdatad = static_cast<REFDATAD*>(calloc(n + 1, sizeof(REFDATAD)));
-    __atomic_add_fetch(&c->mem_envrefdata, int64_t(64) * (n + 1), __ATOMIC_SEQ_CST);
-    std::copy(e->refdatah, e->refdatah + n + 1, p->refdatah);
-    std::copy(e->refdatad, e->refdatad + n + 1, p->refdatad);
-    return p;
-  }
-
   // Level s anew as a canvas level: dropped with the levels above it, then
   // anchored on the atom's point as a level its own tiles iterate, and
   // computed. False when it does not become ready in time.
@@ -208,9 +191,8 @@ struct ATOMSTACK {
       JULIASTACKDATA& L = julia->juliastack[s];
       attachhpv(e->c);
       L.m = e->c;
-      if (!plain) plain = plainorbit(c);
-      attache(plain);
-      L.e = plain;
+      attache(e);
+      L.e = e;
       L.mr = CZEROH;
       L.iter = 0;
       L.bypass = false;
@@ -279,13 +261,29 @@ TEST(BypassDeep, TheAtomsStackAgreesWithDirectOrbitsAndItsBypassLevelsWithCanvas
 
   // A bypass level against the same level iterated by a canvas job.
   auto px = f.pixels(10000);
-  for (int s : {1000, 100}) {
+  // The canvas level's tiles take the atom's periodic environment itself,
+  // series and all, as the stack hands it to them.
+  for (int s : {1000, 100, 24}) {
     std::vector<ITER> bypassed = f.lookup(s, px);
     ASSERT_TRUE(f.recomputebycanvas(s, 40)) << "level " << s;
     ASSERT_FALSE(f.isbypass(s));
     std::vector<ITER> iterated = f.lookup(s, px);
     double a = same(bypassed, iterated, s);
     fprintf(stderr, "level %d: bypass and canvas agree on %.4f\n", s, a);
-    EXPECT_GE(a, 0.99) << "level " << s;
+    // On the basin's edge both sides miss the direct counts on a few
+    // percent of the pixels (lookups in shallower levels next to the Julia
+    // set), not on the same ones: 0.956 agree. Before the Julia kernels
+    // caught the trap after a period jump, and went round the orbit again
+    // where it ended, 0.31.
+    EXPECT_GE(a, s == 24 ? 0.94 : 0.99) << "level " << s;
   }
+  // The edge level by canvas jobs against the direct orbit: 0.961, near
+  // what the bypass gives (the kernels alone, without the stack's lookups,
+  // agree on 0.997 of a tile's points).
+  double interior = 0;
+  double a = f.agreement(24, 4000, &interior);
+  fprintf(stderr, "level 24 by canvas: %.4f agree, %.4f interior\n", a, interior);
+  EXPECT_GE(a, 0.95);
+  EXPECT_GT(interior, 0.2);
+  EXPECT_LT(interior, 0.95);
 }

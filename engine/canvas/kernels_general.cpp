@@ -125,6 +125,29 @@ void cubicstart(typename T::CANVAS* canvas, const ENVIRONMENT* e, typename T::CO
   }
 }
 
+// Does the Julia orbit of a start point go on from the orbit's start where
+// the environment's orbit ends? Where that orbit is the critical one (z_0 =
+// 0, the job's parameter being the environment's), any z is a deviation of
+// z_0 = 0, and the point goes round the same orbit again. The orbit of a
+// Julia view's centre starts elsewhere and ends in the plain kernel.
+template <typename T>
+bool juliawraps(const ENVIRONMENT* e) {
+  typedef canvasmodel::NUM<typename T::FLOAT> N;
+  typename T::COMPLEX X0;
+  typename T::FLOAT a0;
+  envsample<T>(e, 0, &X0, &a0);
+  return !N::less(N::zero(), N::abss(X0));
+}
+
+// May a period jump pass the trap unseen? The trap is looked at after each
+// jump only, so a jump is taken where the trap's centre is the orbit's
+// start (an attracting cycle through 0: the nucleus's own), and otherwise
+// the orbit goes step by step, each step tested.
+template <typename T>
+bool jumppassestrap(const KERNELCONST<T>& k, typename T::COMPLEX X0) {
+  return k.trap && !k.trapped(X0);
+}
+
 }  // namespace
 
 template <typename T, bool JULIA, bool SAT>
@@ -151,7 +174,10 @@ int envkernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int 
   UITER n = cvalue->iter;
   COMPLEX X;
   FLOAT a;
-  if (!SAT && n >= period) {
+  // A Julia orbit that goes round the critical orbit again keeps its place
+  // in it as n mod the orbit's length.
+  const bool wrap = JULIA && !SAT && juliawraps<T>(e);
+  if (!SAT && !wrap && n >= period) {
     if (n == period) {
       envsample<T>(e, n, &X, &a);
       cvalue->value = N::cadd(X, cvalue->value);
@@ -162,12 +188,19 @@ int envkernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int 
   }
   const bool testprecision = (canvas->flags & CF_HPCORRECT) != 0;
   const UITER end = static_cast<UITER>(maxiter);
-  UITER j = SAT ? n % period : n;  // the sample's index
+  UITER j = SAT || wrap ? n % period : n;  // the sample's index
   envsample<T>(e, j, &X, &a);
   PERTURB<T> p, q;
   p.start(X, cvalue->value, cvalue->d, cvalue->Z);
   HFLOATCOMPLEX v = CZEROH;
   if constexpr (SAT && !JULIA) v = cmulHF(e->scalec, N::ctoHF(dc));
+  bool mayjump = true;
+  if constexpr (SAT && JULIA) {
+    COMPLEX X0;
+    FLOAT a0;
+    envsample<T>(e, 0, &X0, &a0);
+    mayjump = !jumppassestrap<T>(k, X0);
+  }
   while (n < end) {
     if (k.pastbound(p.d, p.L)) {
       cvalue->Z = p.Z;
@@ -176,11 +209,18 @@ int envkernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int 
     }
     if constexpr (SAT) {
       JUMP jp;
-      if (j == 0 && end - n >= period &&
+      if (j == 0 && mayjump && end - n >= period &&
           periodjump<JULIA>(e, N::ctoHF(p.delta), v, N::ctoHF(p.d), N::toHF(p.Z),
                             canvas->dfactor2, &jp)) {
         UITER n1 = n + period;
         p.start(X, N::cfromHF(jp.delta), N::cfromHF(jp.d), N::fromHF(jp.Z));
+        // Back at the cycle's point 0 after the period: where the seed's
+        // attractor is caught, it is caught here, the steps passed counted.
+        // Untested, a nucleus's start points jumped on to the limit.
+        if (JULIA && k.trapped(p.z)) {
+          storestate<T>(cvalue, n1, p.z, p.d, CV_INFTY | CV_ESCAPED);
+          return CALC_DONE;
+        }
         // The stop flag is polled as for the iterations passed.
         bool crossed = (n1 >> 8) != (n >> 8);
         n = n1;
@@ -212,6 +252,13 @@ int envkernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int 
     j = j1;
     n++;
     if ((n & 255) == 0 && jobstopped<T>(canvas)) return CALC_MORE;
+    if (wrap && j == period) {
+      // Round the critical orbit again: z itself is the deviation of z_0.
+      j = 0;
+      envsample<T>(e, 0, &X, &a);
+      p.start(X, p.z, p.d, p.Z);
+      continue;
+    }
     if (!SAT && n == period) {
       // The environment's orbit ends here. Deep down the format cannot
       // carry the point's own orbit once it comes back near 0, so a vertex

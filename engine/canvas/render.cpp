@@ -160,17 +160,21 @@ RENDER<T> renderof(OVCONTEXT* context, typename T::CANVAS* canvas) {
 
 // The count of a vertex: positive escaped, negative interior, 0 unknown. A
 // Julia point with an attracting cycle counts its trapped orbits by the phase
-// of the cycle at which they were caught.
+// of the cycle at which they were caught, where a channel shows it (`phase`).
+// A PREPIXEL keeps minus the step that entered the trap instead: the Julia
+// stack adds the counts of a pixel's way to it, and its bypass and its
+// finishing worker count the same way; the channels made from a PREPIXEL
+// take the phase of the sum.
 //
 // An orbit given up by the precision test (CV_FAILED) neither escaped nor
 // was proved interior: its iteration is where the arithmetic failed, not an
 // escape, so it shows as unknown rather than as a wrong count.
 template <typename T>
-ITER countof(const RENDER<T>& R, const typename T::CVERTEX* vx) {
+ITER countof(const RENDER<T>& R, const typename T::CVERTEX* vx, bool phase = true) {
   if (!(vx->flags & VX_FINISHED) || (vx->v.flags & CV_FAILED)) return 0;
   ITER iter = static_cast<ITER>(vx->v.iter);
   if (!(vx->v.flags & CV_INFTY)) return iter;
-  if (R.period > 0) {
+  if (phase && R.period > 0) {
     long k = (static_cast<long>(iter) - 1) % R.period;
     if (k < 0) k += R.period;
     return static_cast<ITER>(-1 - k);
@@ -473,7 +477,7 @@ void prepixelleaf(const RENDER<T>& R, PREPIXELTILE* t, int i, int level) {
   const typename T::CVERTEX* vx = &canvas->v[i];
   int w = 1 << (canvas->canvassizeshift - level);
   int x0 = i % CANVASSIZE, y0 = i / CANVASSIZE;
-  ITER c = countof<T>(R, vx);
+  ITER c = countof<T>(R, vx, false);
   if (c >= 1 && !(vx->v.flags & CV_ESCAPED)) {
     PREPIXEL p = stackpixel<T>(R, c, vx->v.value, cscale<T>(vx->v.d, R.F), t->limit);
     t->highest = std::max(t->highest, p.depth);
