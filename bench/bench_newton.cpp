@@ -19,31 +19,15 @@
 #include <thread>
 
 #include "Mandelbrot.h"
+#include "benchengine.h"
 #include "newtonstart.h"
 #include "refiter.h"
 
 namespace {
 
-struct CALL {
-  std::function<void(OVCONTEXT*)> fn;
-  std::atomic<bool> done{false};
-};
+using benchengine::enginethreads;
+using benchengine::onmain;
 
-void worker_call(OVCONTEXT* context, WORKER* worker) {
-  CALL* call = static_cast<CALL*>(worker->pdata[0]);
-  call->fn(context);
-  freeworker(context, worker);
-  call->done.store(true);
-}
-
-void onmain(OVCONTEXT* context, std::function<void(OVCONTEXT*)> fn) {
-  CALL call;
-  call.fn = std::move(fn);
-  WORKER* w = addworker(context, THREAD_MAIN, worker_call);
-  w->pdata[0] = &call;
-  dispatch(context, w);
-  while (!call.done.load()) std::this_thread::sleep_for(std::chrono::microseconds(100));
-}
 
 // What the run's owner hears: its end, and the series message.
 std::atomic<int> ended{0};
@@ -64,11 +48,6 @@ void seriesdone(OVCONTEXT* context, WORKER* worker) {
   seriesmade.fetch_add(1);
 }
 
-int enginethreads() {
-  const char* s = getenv("ORVANTA_BENCH_THREADS");
-  int n = s ? atoi(s) : 6;
-  return n >= 4 && n <= 64 ? n : 6;
-}
 
 // The estimate of the 1/n bulb's nucleus.
 std::complex<double> bulbnucleus(unsigned n) {

@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "Mandelbrot.h"
+#include "benchengine.h"
 
 #ifdef ORVANTA_BENCH_MPFR
 #include <mpfr.h>
@@ -24,26 +25,9 @@
 
 namespace {
 
-struct CALL {
-  std::function<void(OVCONTEXT*)> fn;
-  std::atomic<bool> done{false};
-};
+using benchengine::enginethreads;
+using benchengine::onmain;
 
-void worker_call(OVCONTEXT* context, WORKER* worker) {
-  CALL* call = static_cast<CALL*>(worker->pdata[0]);
-  call->fn(context);
-  freeworker(context, worker);
-  call->done.store(true);
-}
-
-void onmain(OVCONTEXT* context, std::function<void(OVCONTEXT*)> fn) {
-  CALL call;
-  call.fn = std::move(fn);
-  WORKER* w = addworker(context, THREAD_MAIN, worker_call);
-  w->pdata[0] = &call;
-  dispatch(context, w);
-  while (!call.done.load()) std::this_thread::yield();
-}
 
 void pointin(mpf_ptr cre, mpf_ptr cim) {
   mpf_set_d(cre, 0.35054);
@@ -77,11 +61,6 @@ void countend(COMPUTERGROUP* g) {
   stretchends.notify_all();
 }
 
-int enginethreads() {
-  const char* s = getenv("ORVANTA_BENCH_THREADS");
-  int n = s ? atoi(s) : 6;
-  return n >= 4 && n <= 64 ? n : 6;
-}
 
 struct ENGINE {
   OVCONTEXT* context;

@@ -260,7 +260,7 @@ constexpr int NCOMPUTERSTRETCH = 512;           // rounds in one stretch of a gr
 constexpr int COMPUTERWIDTH_ITER = 4;
 // The precision up to which a stretch runs serially by default
 // (`OVCONTEXT.serialcomputerbits`).
-constexpr mp_bitcnt_t SERIALCOMPUTERBITS = 2048;
+constexpr mp_bitcnt_t SERIALCOMPUTERBITS = 1024;
 constexpr int COMPUTERWIDTH_ITERSPLIT = 8;
 // Nodes of one stretch of the plain iteration graph, ordinary and split.
 constexpr int NCOMPUTER_ITER = 4 + NCOMPUTERSTRETCH * 11 + 4;

@@ -112,29 +112,8 @@ struct ATOMSTACK {
     return within([&] { return atomicload(&julia->readyjuliastack) >= S; }, seconds);
   }
 
-  // The count of start point w (plane units) by perturbation against the
-  // atom's orbit, taken back to its start where z comes nearer 0 than its
-  // deviation or the period ends: the last step before |z|^2 passes 4, as
-  // the canvas counts, or minus the step that enters the trap, as the
-  // stack counts an interior pixel; 0 when neither happens in `limit`.
-  int directcount(CL w, int limit) const {
-    long double r2 = std::ldexp(1.0L, 2 * TRAPEXP);
-    size_t last = orbit.size() - 1;
-    size_t r = 0;
-    CL delta = w;
-    for (int n = 0; n < limit; n++) {
-      delta = 2.0L * orbit[r] * delta + delta * delta;
-      r++;
-      CL z = orbit[r] + delta;
-      if (std::norm(z) > 4) return n;
-      if (std::norm(z) < r2) return -(n + 1);
-      if (r >= last || std::norm(z) < std::norm(delta)) {
-        delta = z;
-        r = 0;
-      }
-    }
-    return 0;
-  }
+  // The direct count of start point w against the atom's orbit.
+  int directcount(CL w, int limit) const { return atomtest::directcount(orbit, TRAPEXP, w, limit); }
 
   // The counts of level s at `n` random pixels, looked up through the stack.
   std::vector<std::pair<int, int>> pixels(int n) const {

@@ -5,7 +5,10 @@
 
 #include <gmp.h>
 
+#include <cmath>
+#include <complex>
 #include <cstdlib>
+#include <vector>
 
 #include "Mandelbrot.h"
 #include "refiter.h"
@@ -117,6 +120,33 @@ inline ENVIRONMENT* periodicenv(OVCONTEXT* c, const char* const guess[2], unsign
   mpf_clear(x);
   mpf_clear(y);
   return e;
+}
+
+// The count of start point w (plane units) by perturbation against an
+// atom's orbit z_0 .. z_n (z_0 = 0), taken back to its start where z comes
+// nearer 0 than its deviation or the orbit ends: the last step before
+// |z|^2 passes 4, as the canvas counts, or minus the step that enters the
+// trap of radius 2^trapexp, as the stack counts an interior pixel; 0 when
+// neither happens in `limit` steps.
+inline int directcount(const std::vector<std::complex<long double>>& orbit, int trapexp,
+                       std::complex<long double> w, int limit) {
+  typedef std::complex<long double> CL;
+  long double r2 = std::ldexp(1.0L, 2 * trapexp);
+  size_t last = orbit.size() - 1;
+  size_t r = 0;
+  CL delta = w;
+  for (int n = 0; n < limit; n++) {
+    delta = 2.0L * orbit[r] * delta + delta * delta;
+    r++;
+    CL z = orbit[r] + delta;
+    if (std::norm(z) > 4) return n;
+    if (std::norm(z) < r2) return -(n + 1);
+    if (r >= last || std::norm(z) < std::norm(delta)) {
+      delta = z;
+      r = 0;
+    }
+  }
+  return 0;
 }
 
 }  // namespace atomtest
