@@ -23,6 +23,7 @@
 #include "bypass.h"
 #include "juliastack.h"
 #include "test_juliastackatom.h"
+#include "juliastackrun.h"
 #include "test_viewport.h"
 
 using namespace viewporttest;
@@ -36,33 +37,17 @@ const char* const P998[2] = {"-0.7436438870371588707780645434936425750476",
                              "0.131825904205312292821097354874767265263"};
 constexpr unsigned PERIOD = 998;
 
-bool within(const std::function<bool()>& cond, int seconds) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  while (!cond()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
-
 CL cl(HFLOATCOMPLEX h) {
   return CL(static_cast<long double>(dHF(crealHF(h))), static_cast<long double>(dHF(cimagHF(h))));
 }
 
-struct ATOMSTACK {
-  TileEngine engine{16, false};
-  REALM* general = nullptr;
-  REALM* julia = nullptr;
-  VIEWPORT* v = nullptr;
-  ENVIRONMENT* e = nullptr;
+struct ATOMSTACK : juliastackrun::STACKRUN {
   std::vector<CL> orbit;  // z_0 .. z_998 in long double
 
   // The trap around the cycle's point 0 that the seed's run would give.
   static constexpr int TRAPEXP = -30;
 
   explicit ATOMSTACK(int S) {
-    general = newrealm(engine, GENERAL);
-    julia = newrealm(engine, JULIA, R_BYPASS | R_JULIACORRECT);
     engine.onmain([&](OVCONTEXT* c) {
       e = periodicenv(c, P998, PERIOD, static_cast<mp_bitcnt_t>(2 * S + 1200));
       for (unsigned k = 0; k <= PERIOD; k++) orbit.push_back(cl(e->refdatah[k].value));
@@ -77,39 +62,6 @@ struct ATOMSTACK {
       attachrealm(julia);
       environmentjuliastack(c, v, e);
     });
-  }
-  ~ATOMSTACK() {
-    engine.onmain([&](OVCONTEXT* c) {
-      stopjuliastackcomputation(c, julia);
-      adjustjuliastack(c, julia, -1, true);
-    });
-    waitfor([&] { return atomicload(&engine.context->iworkerall) == 0; });
-    engine.onmain([&](OVCONTEXT* c) {
-      stopjuliastackcomputation(c, julia);
-      adjustjuliastack(c, julia, -1, true);
-      detache(c, e);
-    });
-    waitfor([&] { return atomicload(&engine.context->iworkerall) == 0; });
-    engine.onmain([&](OVCONTEXT* c) { __detachviewport(c, v); });
-    detachrealm(engine.context, julia);
-    detachrealm(engine.context, general);
-    engine.onmain([](OVCONTEXT*) {});
-  }
-
-  std::string kinds(int S) {
-    std::string k;
-    engine.onmain([&](OVCONTEXT*) {
-      for (int s = 0; s <= S; s++) {
-        const JULIASTACKDATA& L = julia->juliastack[s];
-        k += !L.m ? '.' : L.bypass ? 'b' : 'c';
-      }
-    });
-    return k;
-  }
-
-  bool build(int S, int seconds) {
-    engine.onmain([&](OVCONTEXT* c) { adjustjuliastack(c, julia, S, false); });
-    return within([&] { return atomicload(&julia->readyjuliastack) >= S; }, seconds);
   }
 
   // The direct count of start point w against the atom's orbit.

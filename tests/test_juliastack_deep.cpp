@@ -18,6 +18,7 @@
 
 #include "bypass.h"
 #include "juliastack.h"
+#include "juliastackrun.h"
 #include "test_viewport.h"
 
 using namespace viewporttest;
@@ -25,15 +26,6 @@ using namespace viewporttest;
 namespace {
 
 typedef std::complex<long double> CL;
-
-bool within(const std::function<bool()>& cond, int seconds) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  while (!cond()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
 
 // The orbit of 0 under z^2 + c in mpf, up to and with the first point
 // outside the disc of radius sqrt 5.
@@ -103,20 +95,13 @@ int perturbedcount(const ORBIT& o, CL d, int limit) {
   return -1;
 }
 
-struct DEEPSTACK {
-  TileEngine engine{16, false};
-  REALM* general = nullptr;
-  REALM* julia = nullptr;
-  VIEWPORT* v = nullptr;
-  ENVIRONMENT* e = nullptr;
+struct DEEPSTACK : juliastackrun::STACKRUN {
   ORBIT orbit;
   mp_bitcnt_t bits;
 
   // Seed i + 2^-(2 S), the orbit environment at it as the idle search of a
   // view centred there leaves its series, and the levels it defines.
   explicit DEEPSTACK(int S) : bits(static_cast<mp_bitcnt_t>(2 * S + 192)) {
-    general = newrealm(engine, GENERAL);
-    julia = newrealm(engine, JULIA, R_BYPASS | R_JULIACORRECT);
     engine.onmain([&](OVCONTEXT* c) {
       mpf_t x, y;
       mpf_init2(x, bits);
@@ -176,42 +161,6 @@ struct DEEPSTACK {
       mpf_clear(x);
       mpf_clear(y);
     });
-  }
-  ~DEEPSTACK() {
-    // Levels still in work (a build that ran out of time) are stopped first.
-    engine.onmain([&](OVCONTEXT* c) {
-      stopjuliastackcomputation(c, julia);
-      adjustjuliastack(c, julia, -1, true);
-    });
-    waitfor([&] { return atomicload(&engine.context->iworkerall) == 0; });
-    engine.onmain([&](OVCONTEXT* c) {
-      stopjuliastackcomputation(c, julia);
-      adjustjuliastack(c, julia, -1, true);
-      detache(c, e);
-    });
-    waitfor([&] { return atomicload(&engine.context->iworkerall) == 0; });
-    engine.onmain([&](OVCONTEXT* c) { __detachviewport(c, v); });
-    detachrealm(engine.context, julia);
-    detachrealm(engine.context, general);
-    engine.onmain([](OVCONTEXT*) {});
-  }
-
-  // The kinds of the levels 0..S: '.' none, 'c' canvas, 'b' bypass.
-  std::string kinds(int S) {
-    std::string k;
-    engine.onmain([&](OVCONTEXT*) {
-      for (int s = 0; s <= S; s++) {
-        const JULIASTACKDATA& L = julia->juliastack[s];
-        k += !L.m ? '.' : L.bypass ? 'b' : 'c';
-      }
-    });
-    return k;
-  }
-
-  // Computes levels 0..S; false when they do not all become ready.
-  bool build(int S, int seconds) {
-    engine.onmain([&](OVCONTEXT* c) { adjustjuliastack(c, julia, S, false); });
-    return within([&] { return atomicload(&julia->readyjuliastack) >= S; }, seconds);
   }
 
   // Share of `n` pixels of level S whose count through the stack is within

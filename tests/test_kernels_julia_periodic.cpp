@@ -28,6 +28,7 @@
 #include "canvas/model.h"
 #include "canvas/render.h"
 #include "canvastest.h"
+#include "enginefixture.h"
 #include "environment.h"
 #include "test_juliastackatom.h"
 
@@ -45,33 +46,18 @@ constexpr int LIMIT = 100000;
 // point, not from a level's series.
 constexpr unsigned int STACKTILE = 0x800000;
 
-// ------------------------------------------------------------ a running context
-
-struct CALL {
-  std::function<void(OVCONTEXT*)> fn;
-  std::atomic<bool> done{false};
-};
-
-void worker_call(OVCONTEXT* context, WORKER* worker) {
-  CALL* call = static_cast<CALL*>(worker->pdata[0]);
-  call->fn(context);
-  freeworker(context, worker);
-  call->done.store(true);
-}
+// ------------------------------------------------------------ the atom on a running engine
 
 // The atom's environment is made and dropped on a context's main thread.
 struct ATOMENV {
-  OVCONTEXT* context;
+  enginetest::Engine engine;
   ENVIRONMENT* e = nullptr;
   ENVIRONMENT* plain = nullptr;
   HPVALUE* m = nullptr;
   std::vector<CL> orbit;  // z_0 .. z_998
 
   ATOMENV() {
-    context = static_cast<OVCONTEXT*>(calloc(1, sizeof(OVCONTEXT)));
-    EXPECT_TRUE(initcontext(context, int64_t(1) << 30, 4, 8, 0, nullptr, nullptr, nullptr,
-                            nullptr, nullptr, nullptr, "/tmp/", 0));
-    onmain([&](OVCONTEXT* c) {
+    engine.onmain([&](OVCONTEXT* c) {
       e = atomtest::periodicenv(c, P998, PERIOD, 1500);
       m = e->c;
       for (unsigned k = 0; k <= PERIOD; k++)
@@ -89,21 +75,10 @@ struct ATOMENV {
     });
   }
   ~ATOMENV() {
-    onmain([&](OVCONTEXT* c) {
+    engine.onmain([&](OVCONTEXT* c) {
       detache(c, plain);
       detache(c, e);
     });
-    freecontext(context);
-    free(context);
-  }
-  void onmain(std::function<void(OVCONTEXT*)> fn) {
-    CALL call;
-    call.fn = std::move(fn);
-    WORKER* w = addworker(context, THREAD_MAIN, worker_call);
-    ASSERT_NE(w, nullptr);
-    w->pdata[0] = &call;
-    dispatch(context, w);
-    while (!call.done.load()) std::this_thread::sleep_for(std::chrono::microseconds(200));
   }
 
   // The direct count of start point w against the atom's orbit.
