@@ -126,23 +126,25 @@ struct JULIAVIEW {
   void waitfinish(int n) { waitfor([&] { return count.finish.load() >= n; }); }
 };
 
-// A general realm's view with its Julia realm.
-struct GENERALVIEW {
+// A general realm's view with its Julia realm; COUNT and CALLBACK hear its
+// finishing events.
+template <typename COUNT = FINISHCOUNT, VPCALLBACK CALLBACK = countfinish>
+struct GENERALVIEWOF {
   TileEngine e{96, false};
   REALM* realm;
   REALM* julia;
   VIEWPORT* v;
-  FINISHCOUNT count;
+  COUNT count;
 
-  GENERALVIEW() {
+  GENERALVIEWOF() {
     realm = newrealm(e, GENERAL);
     julia = newrealm(e, JULIA);
-    v = addviewport(e.context, realm, julia, RES, RES, countfinish, &count);
+    v = addviewport(e.context, realm, julia, RES, RES, CALLBACK, &count);
     EXPECT_NE(v, nullptr);
     e.onmain([&](OVCONTEXT*) { v->channels = 1 | 8; });
     activateviewport(e.context, v, 1);
   }
-  ~GENERALVIEW() {
+  ~GENERALVIEWOF() {
     waitfor([&] {
       bool rest = false;
       e.onmain([&](OVCONTEXT*) { rest = !(v->flags & (VP_IDLE | VP_MOVING)); });
@@ -155,6 +157,8 @@ struct GENERALVIEW {
   }
   void waitfinish(int n) { waitfor([&] { return count.finish.load() >= n; }); }
 };
+
+typedef GENERALVIEWOF<> GENERALVIEW;
 
 // Level s of `realm` takes the parameter m with its environment e, each with
 // a reference of its own: a level computed by canvas jobs.

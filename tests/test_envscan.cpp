@@ -8,6 +8,7 @@
 #include <complex>
 
 #include "idle.h"
+#include "flowstest.h"
 #include "test_viewport.h"
 
 using namespace viewporttest;
@@ -28,34 +29,9 @@ void countcompletion(OVCONTEXT* c, VIEWPORT* v, int event, void* pdata) {
   countfinish(c, v, event, pdata);
 }
 
-struct GENERALVIEW {
-  TileEngine e{96, false};
-  REALM* realm;
-  REALM* julia;
-  VIEWPORT* v;
-  COMPLETIONS count;
-
-  GENERALVIEW() {
-    realm = newrealm(e, GENERAL);
-    julia = newrealm(e, JULIA);
-    v = addviewport(e.context, realm, julia, RES, RES, countcompletion, &count);
-    EXPECT_NE(v, nullptr);
-    e.onmain([&](OVCONTEXT*) { v->channels = 1 | 8; });
-    activateviewport(e.context, v, 1);
-  }
-  ~GENERALVIEW() {
-    EXPECT_EQ(count.bare.load(), 0);
-    waitfor([&] {
-      bool rest = false;
-      e.onmain([&](OVCONTEXT*) { rest = !(v->flags & (VP_IDLE | VP_MOVING)); });
-      return rest;
-    });
-    detachviewport(e.context, v);
-    detachrealm(e.context, realm);
-    detachrealm(e.context, julia);
-    e.onmain([](OVCONTEXT*) {});
-  }
-  void waitfinish(int n) { waitfor([&] { return count.finish.load() >= n; }); }
+// Every completion of the view came with an environment.
+struct GENERALVIEW : flowstest::GENERALVIEWOF<COMPLETIONS, countcompletion> {
+  ~GENERALVIEW() { EXPECT_EQ(count.bare.load(), 0); }
 };
 
 std::complex<double> pointof(const HPVALUE* h) {
