@@ -47,16 +47,23 @@ double nowms() {
       .count();
 }
 
+// Starts the view and waits for its first finish; a view that cannot start
+// ends the benchmark with its error.
+bool startfinished(benchmark::State& state, VIEWRUN* run, const VIEWARGS& args) {
+  std::string error;
+  if (!startviewrun(run, args, nullptr, &error)) {
+    state.SkipWithError(error.c_str());
+    endviewrun(run);
+    return false;
+  }
+  waitviewfinish(run, 1, 0);
+  return true;
+}
+
 void finishtime(benchmark::State& state, const VIEWARGS& args) {
   for (auto _ : state) {
     VIEWRUN run;
-    std::string error;
-    if (!startviewrun(&run, args, nullptr, &error)) {
-      state.SkipWithError(error.c_str());
-      endviewrun(&run);
-      break;
-    }
-    waitviewfinish(&run, 1, 0);
+    if (!startfinished(state, &run, args)) break;
     state.SetIterationTime((nowms() - run.activated) / 1000);
     stopviewrun(&run);
     endviewrun(&run);
@@ -75,13 +82,7 @@ void BM_View1e1000ToFinish(benchmark::State& state) { finishtime(state, deeperar
 // moved view only when its next message comes.)
 void BM_ZoomByTwoToFirstList(benchmark::State& state) {
   VIEWRUN run;
-  std::string error;
-  if (!startviewrun(&run, deepargs(), nullptr, &error)) {
-    state.SkipWithError(error.c_str());
-    endviewrun(&run);
-    return;
-  }
-  waitviewfinish(&run, 1, 0);
+  if (!startfinished(state, &run, deepargs())) return;
   VIEWPORT* v = run.viewport.load();
   int finishes = 1;
   for (auto _ : state) {
@@ -110,13 +111,7 @@ void againtime(benchmark::State& state, bool stack) {
   args.hasflags = true;
   args.flags = stack ? R_DEFAULT : R_DEFAULT & ~(R_JULIACORRECT | R_BYPASS);
   VIEWRUN run;
-  std::string error;
-  if (!startviewrun(&run, args, nullptr, &error)) {
-    state.SkipWithError(error.c_str());
-    endviewrun(&run);
-    return;
-  }
-  waitviewfinish(&run, 1, 0);
+  if (!startfinished(state, &run, args)) return;
   VIEWPORT* v = run.viewport.load();
   int finishes = 1;
   for (auto _ : state) {
@@ -138,13 +133,7 @@ void BM_View1e1000StackReady(benchmark::State& state) {
   bool complete = false;
   for (auto _ : state) {
     VIEWRUN run;
-    std::string error;
-    if (!startviewrun(&run, deeperargs("1e-1000"), nullptr, &error)) {
-      state.SkipWithError(error.c_str());
-      endviewrun(&run);
-      break;
-    }
-    waitviewfinish(&run, 1, 0);
+    if (!startfinished(state, &run, deeperargs("1e-1000"))) break;
     double end = nowms() + 120000;
     while (!complete && nowms() < end) {
       viewonmain(&run, [&](OVCONTEXT*) {

@@ -257,10 +257,10 @@ bool setenvironment(OVCONTEXT* context, REALM* realm, int i, ENVIRONMENT* e);
 
 constexpr ITER COMPUTER_NOESCAPE = 0x7FFFFFFF;  // COMPUTERGROUP::idata[0] before any escape
 constexpr int NCOMPUTERSTRETCH = 512;           // rounds in one stretch of a graph
-constexpr int COMPUTERWIDTH_ITER = 4;
 // The precision up to which a stretch runs serially by default
 // (`OVCONTEXT.serialcomputerbits`).
 constexpr mp_bitcnt_t SERIALCOMPUTERBITS = 1024;
+constexpr int COMPUTERWIDTH_ITER = 4;
 constexpr int COMPUTERWIDTH_ITERSPLIT = 8;
 // Nodes of one stretch of the plain iteration graph, ordinary and split.
 constexpr int NCOMPUTER_ITER = 4 + NCOMPUTERSTRETCH * 11 + 4;

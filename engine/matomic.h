@@ -88,8 +88,8 @@ inline bool atomiccompareandswapptrbarrier(void* oldvalue, void* newvalue,
   return atomiccompareandswapptr(oldvalue, newvalue, obj);
 }
 
-// ---------------------------------------------------------------- spinlock
-//
+// ---------------------------------------------------------------- spinning
+
 // A spinning thread's breath: it lets the other hyper-thread run and slows
 // the rate at which a waiting loop re-reads a line another core writes.
 inline void spinpause() {
@@ -100,6 +100,8 @@ inline void spinpause() {
 #endif
 }
 
+// ---------------------------------------------------------------- spinlock
+//
 // The locks guard a handful of stores, so the loop has no pause and no
 // back-off.
 

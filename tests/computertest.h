@@ -93,24 +93,35 @@ inline void seriesstep(HFLOATCOMPLEX* t, HFLOATCOMPLEX z, bool addlinear) {
   if (addlinear) t[1] = caddHF(t[1], CONEH);
 }
 
-// A point inside the main cardioid whose low limbs are all busy: the orbit
-// creeps to its fixed point and never escapes.
-inline void insidepoint(mpf_ptr cre, mpf_ptr cim, mp_bitcnt_t bits, unsigned long seed) {
+// c in double, with random bits from 2^-shift down to the precision added
+// to both parts (negated on the imaginary one if `lower`), so that every
+// limb of the point is busy.
+inline void busypoint(mpf_ptr cre, mpf_ptr cim, mp_bitcnt_t bits, unsigned long seed, double re,
+                      double im, int shift, bool lower) {
   gmp_randstate_t r;
   gmp_randinit_default(r);
   gmp_randseed_ui(r, seed);
   mpf_t t;
   mpf_init2(t, bits);
-  mpf_set_d(cre, 0.35054);
-  mpf_set_d(cim, 0.19454);
+  mpf_set_d(cre, re);
+  mpf_set_d(cim, im);
   mpf_urandomb(t, r, bits);
-  mpf_div_2exp(t, t, 70);
+  mpf_div_2exp(t, t, shift);
   mpf_add(cre, cre, t);
   mpf_urandomb(t, r, bits);
-  mpf_div_2exp(t, t, 70);
-  mpf_sub(cim, cim, t);
+  mpf_div_2exp(t, t, shift);
+  if (lower)
+    mpf_sub(cim, cim, t);
+  else
+    mpf_add(cim, cim, t);
   mpf_clear(t);
   gmp_randclear(r);
+}
+
+// A point inside the main cardioid (multiplier 0.95 e^i) whose low limbs are
+// all busy: the orbit creeps to its fixed point and never escapes.
+inline void insidepoint(mpf_ptr cre, mpf_ptr cim, mp_bitcnt_t bits, unsigned long seed) {
+  busypoint(cre, cim, bits, seed, 0.35054, 0.19454, 70, true);
 }
 
 }  // namespace computertest

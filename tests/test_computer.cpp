@@ -12,8 +12,10 @@
 #include <thread>
 
 #include "Mandelbrot.h"
+#include "computertest.h"
 #include "enginefixture.h"
 
+using computertest::insidepoint;
 using enginetest::Engine;
 using enginetest::waitfor;
 
@@ -78,26 +80,6 @@ void sequential(mpf_srcptr cre, mpf_srcptr cim, int n, mp_bitcnt_t bits, ORBIT& 
     mpf_swap(o.dy, dyn);
   }
   for (mpf_ptr v : {x2, y2, s, xn, yn, a, b, p, q, dxn, dyn}) mpf_clear(v);
-}
-
-// A point inside the main cardioid (multiplier 0.95 e^i) whose low limbs are
-// all busy: the orbit creeps to its fixed point and never escapes.
-void insidepoint(mpf_ptr cre, mpf_ptr cim, mp_bitcnt_t bits, unsigned long seed) {
-  gmp_randstate_t r;
-  gmp_randinit_default(r);
-  gmp_randseed_ui(r, seed);
-  mpf_t t;
-  mpf_init2(t, bits);
-  mpf_set_d(cre, 0.35054);
-  mpf_set_d(cim, 0.19454);
-  mpf_urandomb(t, r, bits);
-  mpf_div_2exp(t, t, 70);
-  mpf_add(cre, cre, t);
-  mpf_urandomb(t, r, bits);
-  mpf_div_2exp(t, t, 70);
-  mpf_sub(cim, cim, t);
-  mpf_clear(t);
-  gmp_randclear(r);
 }
 
 // ---------------------------------------------------------------- a graph's owner
@@ -586,24 +568,9 @@ TEST(Computer, StopBeforeAStretchRunsItAndNoFurtherOne) {
 // number that would repeat. Any difference in an operation or its order would
 // show in the last limbs and be carried on.
 void slowpoint(mpf_ptr cre, mpf_ptr cim, mp_bitcnt_t bits) {
-  const double m = 0.9999;
-  std::complex<double> l = std::polar(m, 1.0);
+  std::complex<double> l = std::polar(0.9999, 1.0);
   std::complex<double> c = l / 2.0 - l * l / 4.0;
-  mpf_set_d(cre, c.real());
-  mpf_set_d(cim, c.imag());
-  gmp_randstate_t r;
-  gmp_randinit_default(r);
-  gmp_randseed_ui(r, bits);
-  mpf_t t;
-  mpf_init2(t, bits);
-  mpf_urandomb(t, r, bits);
-  mpf_div_2exp(t, t, 60);
-  mpf_add(cre, cre, t);
-  mpf_urandomb(t, r, bits);
-  mpf_div_2exp(t, t, 60);
-  mpf_add(cim, cim, t);
-  mpf_clear(t);
-  gmp_randclear(r);
+  computertest::busypoint(cre, cim, bits, bits, c.real(), c.imag(), 60, false);
 }
 
 struct LONGRUN {

@@ -227,6 +227,19 @@ double prepixelsagree(int s, ENVIRONMENT* e, int n) {
   return a;
 }
 
+// A level inside the basin: every sampled point is interior, and agrees.
+void expectinterior(const RESULT& r) {
+  EXPECT_EQ(r.interior, 1.0);
+  EXPECT_GE(r.agree, 0.99);
+}
+
+// A level across the basin's edge: both outcomes are there, and agree.
+void expectedge(const RESULT& r) {
+  EXPECT_GT(r.interior, 0.2);
+  EXPECT_LT(r.interior, 0.95);
+  EXPECT_GE(r.agree, 0.99);
+}
+
 }  // namespace
 
 // Inside the basin every start point meets the attractor after a period:
@@ -235,50 +248,36 @@ double prepixelsagree(int s, ENVIRONMENT* e, int n) {
 TEST(JuliaPeriodicKernels, InteriorLevelWithSeriesMeetsTheTrap) {
   ASSERT_TRUE(gatom->e->flags & E_SERIES);
   ASSERT_TRUE(gatom->e->flags & E_PERIODIC);
-  RESULT r = compare<CANVASTEMPLATE_double>(100, gatom->e, 400, "series");
-  EXPECT_EQ(r.interior, 1.0);
-  EXPECT_GE(r.agree, 0.99);
+  expectinterior(compare<CANVASTEMPLATE_double>(100, gatom->e, 400, "series"));
 }
 
 // Against the plain copy of the orbit an interior point is caught where the
 // orbit comes back to 0, at its last sample, before the orbit ends.
 TEST(JuliaPeriodicKernels, InteriorLevelWithPlainOrbit) {
-  RESULT r = compare<CANVASTEMPLATE_double>(100, gatom->plain, 400, "plain");
-  EXPECT_EQ(r.interior, 1.0);
-  EXPECT_GE(r.agree, 0.99);
+  expectinterior(compare<CANVASTEMPLATE_double>(100, gatom->plain, 400, "plain"));
 }
 
 // The basin's edge: escaping points linger for many periods next to the
 // Julia set, interior ones are caught after one or more.
 TEST(JuliaPeriodicKernels, EdgeLevelWithSeries) {
-  RESULT r = compare<CANVASTEMPLATE_double>(24, gatom->e, 600, "series");
-  EXPECT_GT(r.interior, 0.2);
-  EXPECT_LT(r.interior, 0.95);
-  EXPECT_GE(r.agree, 0.99);
+  expectedge(compare<CANVASTEMPLATE_double>(24, gatom->e, 600, "series"));
 }
 
 // The plain copy of the orbit ends after one period: the points that
 // outlive it go round it again instead of on in the tile's format, where
 // the atom's point is rounded to another parameter.
 TEST(JuliaPeriodicKernels, EdgeLevelWithPlainOrbit) {
-  RESULT r = compare<CANVASTEMPLATE_double>(24, gatom->plain, 600, "plain");
-  EXPECT_GT(r.interior, 0.2);
-  EXPECT_LT(r.interior, 0.95);
-  EXPECT_GE(r.agree, 0.99);
+  expectedge(compare<CANVASTEMPLATE_double>(24, gatom->plain, 600, "plain"));
 }
 
 // Deeper than double's formats reach for the stack's tiles: long double.
 TEST(JuliaPeriodicKernels, DeepInteriorLevelInLongDouble) {
-  RESULT r = compare<CANVASTEMPLATE_longdouble>(1000, gatom->e, 200, "series");
-  EXPECT_EQ(r.interior, 1.0);
-  EXPECT_GE(r.agree, 0.99);
+  expectinterior(compare<CANVASTEMPLATE_longdouble>(1000, gatom->e, 200, "series"));
 }
 
 // Beyond long double's levels the stack's tiles are in the wide format.
 TEST(JuliaPeriodicKernels, DeeperInteriorLevelInHfloat) {
-  RESULT r = compare<CANVASTEMPLATE_hfloat>(2000, gatom->e, 100, "series");
-  EXPECT_EQ(r.interior, 1.0);
-  EXPECT_GE(r.agree, 0.99);
+  expectinterior(compare<CANVASTEMPLATE_hfloat>(2000, gatom->e, 100, "series"));
 }
 
 // The edge in long double against the plain copy: the wrap in another
