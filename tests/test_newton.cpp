@@ -14,6 +14,7 @@
 
 #include "Mandelbrot.h"
 #include "enginefixture.h"
+#include "mpforbit.h"
 #include "newton.h"
 #include "refiter.h"
 
@@ -131,22 +132,7 @@ struct MP {
     for (mpf_ptr v : {zx, zy, dx, dy}) mpf_set_ui(v, 0);
     for (unsigned k = 0; k < n; k++) {
       if (k > 0) m += 1 + std::log2(std::hypot(mpf_get_d(zx), mpf_get_d(zy)));
-      mpf_mul(a, zx, dx);
-      mpf_mul(b, zy, dy);
-      mpf_sub(t, a, b);
-      mpf_mul(a, zx, dy);
-      mpf_mul(b, zy, dx);
-      mpf_add(dy, a, b);
-      mpf_mul_2exp(dy, dy, 1);
-      mpf_mul_2exp(dx, t, 1);
-      mpf_add_ui(dx, dx, 1);
-      mpf_mul(a, zx, zx);
-      mpf_mul(b, zy, zy);
-      mpf_sub(t, a, b);
-      mpf_mul(a, zx, zy);
-      mpf_mul_2exp(zy, a, 1);
-      mpf_add(zy, zy, y);
-      mpf_add(zx, t, x);
+      mpforbit::step(zx, zy, dx, dy, x, y, a, b, t);
     }
     return m;
   }

@@ -14,6 +14,7 @@
 #include <set>
 #include <vector>
 
+#include "mpforbit.h"
 #include "refiter.h"
 #include "satellite.h"
 #include "test_refiter_env.h"
@@ -38,22 +39,7 @@ void iterate(mpf_srcptr cx, mpf_srcptr cy, int n, mpf_ptr zx, mpf_ptr zy, mpf_pt
   mpf_set_ui(dx, 0);
   mpf_set_ui(dy, 0);
   for (int k = 0; k < n; k++) {
-    mpf_mul(a, zx, dx);
-    mpf_mul(b, zy, dy);
-    mpf_sub(t, a, b);
-    mpf_mul(a, zx, dy);
-    mpf_mul(b, zy, dx);
-    mpf_add(dy, a, b);
-    mpf_mul_2exp(dy, dy, 1);
-    mpf_mul_2exp(dx, t, 1);
-    mpf_add_ui(dx, dx, 1);
-    mpf_mul(a, zx, zx);
-    mpf_mul(b, zy, zy);
-    mpf_sub(t, a, b);
-    mpf_mul(a, zx, zy);
-    mpf_mul_2exp(zy, a, 1);
-    mpf_add(zy, zy, cy);
-    mpf_add(zx, t, cx);
+    mpforbit::step(zx, zy, dx, dy, cx, cy, a, b, t);
   }
   mpf_clear(a);
   mpf_clear(b);
