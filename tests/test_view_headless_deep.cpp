@@ -14,9 +14,6 @@ VIEWARGS deepargs(const char* span) {
   a.im = "1";
   a.span = span;
   a.angle = -60;
-  // Pixels here leave within a few thousand steps; the reference needn't
-  // outlast them by much.
-  a.referencelimit = 20000;
   return a;
 }
 

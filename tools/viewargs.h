@@ -25,7 +25,6 @@ struct VIEWARGS {
   unsigned int channels = 1u | 8u;
   bool hasflags = false;
   unsigned int flags = 0;  // the general realm's flag word, when given
-  long referencelimit = 200000;  // iterations of a reference the run makes itself
 };
 
 extern const char* const VIEWUSAGE;
