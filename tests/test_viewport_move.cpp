@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "idle.h"
 #include "test_viewport.h"
 
 using namespace viewporttest;
@@ -28,15 +29,19 @@ struct HOOKED {
 struct VIEWSCENE {
   TileEngine e{16, false};
   REALM* realm;
+  REALM* juliarealm = nullptr;
   VIEWPORT* v;
-  explicit VIEWSCENE(REALMTYPE type = MANDELBROT, unsigned int flags = 0, int w = 256, int h = 256) {
+  explicit VIEWSCENE(REALMTYPE type = MANDELBROT, unsigned int flags = 0, int w = 256, int h = 256,
+                     bool julia = false) {
     realm = newrealm(e, type, flags);
-    v = addviewport(e.context, realm, nullptr, w, h, nullptr, nullptr);
+    if (julia) juliarealm = newrealm(e, JULIA);
+    v = addviewport(e.context, realm, juliarealm, w, h, nullptr, nullptr);
     e.onmain([](OVCONTEXT*) {});  // the first move has been applied
   }
   ~VIEWSCENE() {
     detachviewport(e.context, v);
     detachrealm(e.context, realm);
+    if (juliarealm) detachrealm(e.context, juliarealm);
     e.onmain([](OVCONTEXT*) {});
   }
   void move(std::complex<double> d, std::complex<double> z, double speed = 0, int flags = 0) {
@@ -237,4 +242,85 @@ TEST(ViewportStatus, TheStatusLineOfAKnownView) {
       EXPECT_STREQ(s.v->s2, "    C     /L [0] (jst: 0/0) 0 - Prec: -1 N: -1");
     });
   }
+}
+
+namespace {
+
+// An environment of period `n` at c, owned by whoever links it.
+ENVIRONMENT* environmentof(OVCONTEXT* c, double x, double y, UITER n) {
+  mpf_t cx, cy;
+  mpf_init_set_d(cx, x);
+  mpf_init_set_d(cy, y);
+  ENVIRONMENT* e = adde(c, cx, cy, 64);
+  mpf_clear(cx);
+  mpf_clear(cy);
+  EXPECT_NE(e, nullptr);
+  if (e) e->n = n;
+  return e;
+}
+
+}  // namespace
+
+TEST(ViewportStatus, AGeneralViewListsItsEnvironmentsMarksEsatAndGivesEnonsat) {
+  VIEWSCENE s(GENERAL, R_PRECHFLOAT);
+  s.e.onmain([&](OVCONTEXT* c) {
+    s.realm->precoffset = 3;
+    s.v->precsat = 5;
+    s.v->info.interpoliter = 77;
+    s.v->nav_satiter = 12;
+    ENVIRONMENT* chain[3] = {environmentof(c, -1, 0, 2), environmentof(c, -0.12, 0.74, 3),
+                             environmentof(c, -0.16, 1.04, 40)};
+    for (ENVIRONMENT* e : chain) insertenvironment(s.v, e);
+    composestrings(c, s.v);
+    EXPECT_STREQ(s.v->s2, "    C     /H [0] (jst: 0/0) 0 -  2 3 40 | INVALID (prec:8) IIter: 77 nav-satiter: 12");
+    s.v->esat = chain[1];
+    s.v->enonsat = environmentof(c, -0.1, 0.8, 5000);
+    composestrings(c, s.v);
+    EXPECT_STREQ(s.v->s2, "    C     /H [0] (jst: 0/0) 0 -  2 [3] 40 | 5000 (prec:8) IIter: 77 nav-satiter: 12");
+    s.v->esat = chain[2];
+    composestrings(c, s.v);
+    EXPECT_STREQ(s.v->s2, "    C     /H [0] (jst: 0/0) 0 -  2 3 [40] | 5000 (prec:8) IIter: 77 nav-satiter: 12");
+    s.v->esat = nullptr;
+  });
+}
+
+TEST(ViewportStatus, TheIdleCountShowsOnlyWhileTheIdleSearchRuns) {
+  VIEWSCENE s(MANDELBROT, R_PRECDOUBLE);
+  s.e.onmain([&](OVCONTEXT* c) {
+    s.v->idle_iter = 123456;
+    composestrings(c, s.v);
+    EXPECT_STREQ(s.v->s2, "    C     /D [0] (jst: 0/0) 0 - ");
+    s.v->flags |= VP_IDLE;
+    composestrings(c, s.v);
+    EXPECT_STREQ(s.v->s2, "    C     /D [123456] (jst: 0/0) 0 - ");
+    s.v->flags &= ~VP_IDLE;
+    s.v->idle_iter = 0;
+  });
+}
+
+TEST(ViewportStatus, TheJuliaStackCountsAreTheJuliaRealmsReadyAndValidLevels) {
+  VIEWSCENE s(GENERAL, R_PRECFLOAT, 256, 256, true);
+  s.e.onmain([&](OVCONTEXT* c) {
+    REALM* jr = s.juliarealm;
+    int ready = jr->readyjuliastack, valid = jr->validjuliastack;
+    jr->readyjuliastack = 3;
+    jr->validjuliastack = 11;
+    s.v->precsat = -1;
+    s.v->direction = 1;
+    composestrings(c, s.v);
+    jr->readyjuliastack = ready;
+    jr->validjuliastack = valid;
+    EXPECT_STREQ(s.v->s2, "    C     /F [0] (jst: 3/11) 1 -  | INVALID (prec:-1) IIter: 0 nav-satiter: 0");
+    s.v->direction = 0;
+  });
+}
+
+TEST(ViewportStatus, AJuliaViewGivesItsPrecisionAndThePeriodOfItsStandardEnvironment) {
+  VIEWSCENE s(JULIA, R_PRECLONGDOUBLE);
+  s.e.onmain([&](OVCONTEXT* c) {
+    s.v->precsat = 7;
+    s.v->enonsat = environmentof(c, 0.25, 0.5, 4321);
+    composestrings(c, s.v);
+    EXPECT_STREQ(s.v->s2, "    C     /L [0] (jst: 0/0) 0 - Prec: 7 N: 4321");
+  });
 }
