@@ -187,6 +187,15 @@ void redrawrealms(OVCONTEXT* context, VIEWPORT* v, int flags) {
   newcycle(jr);
   v->flags |= VP_MUSTWAITFORIDLE | VP_MUSTDOLOOP;
   jr->flags |= R_MUSTWAITFORIDLE;
+  // The erase reaches up to `maxjuliastack`, but the idle run anchors
+  // bypass levels beyond the count that last set it: the whole stack is to
+  // be made again, so the erase must reach the highest anchored level.
+  if (jr->juliastack)
+    for (int s = jr->njuliastack - 1; s > jr->maxjuliastack; s--)
+      if (jr->juliastack[s].m) {
+        jr->maxjuliastack = s;
+        break;
+      }
   adjustjuliastack(context, jr, -1, true);
   jr->maxjuliastack = -1;
 }

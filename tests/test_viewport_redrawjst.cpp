@@ -26,6 +26,9 @@ struct HOOKED {
 };
 
 constexpr int NLEVELS = 4;
+// A level that the idle run's bypass anchored beyond the count of levels
+// that set `maxjuliastack`.
+constexpr int BYPASSLEVEL = 200;
 
 // A general realm's active view with a Julia realm whose first levels are
 // anchored: each has a centre and a radius, and the stack's marks say so.
@@ -45,13 +48,14 @@ struct STACKSCENE {
       v->flags &= ~(VP_MUSTWAITFORIDLE | VP_MUSTDOLOOP | VP_DONOTDRAW);
       if (!juliarealm) return;
       juliarealm->flags &= ~R_MUSTWAITFORIDLE;
-      for (int s = 0; s < NLEVELS; s++) {
+      for (int s : {0, 1, 2, 3, BYPASSLEVEL}) {
         JULIASTACKDATA* L = &juliarealm->juliastack[s];
         L->m = addhpv(c, 64);
         mpf_set_d(L->m->v[0], -0.1);
         mpf_set_d(L->m->v[1], 0.8);
         L->r = HFd(std::ldexp(1.0, -2 * s));
         L->iter = 10 + s;
+        L->bypass = s == BYPASSLEVEL;
       }
       juliarealm->maxjuliastack = NLEVELS - 1;
       juliarealm->validjuliastack = NLEVELS - 1;
@@ -96,7 +100,7 @@ TEST(ViewportRedrawJst, ANewCycleOnBothRealmsTheViewWaitsForIdleAndTheStackIsDro
     EXPECT_TRUE(s.juliarealm->flags & R_MUSTWAITFORIDLE);
     EXPECT_EQ(s.juliarealm->maxjuliastack, -1);
     EXPECT_EQ(s.juliarealm->validjuliastack, -1);
-    for (int k = 0; k < NLEVELS; k++) {
+    for (int k : {0, 1, 2, 3, BYPASSLEVEL}) {
       const JULIASTACKDATA& L = s.juliarealm->juliastack[k];
       EXPECT_EQ(L.m, nullptr) << "level " << k;
       EXPECT_EQ(L.r.mantissa, 0) << "level " << k;
@@ -121,7 +125,7 @@ TEST(ViewportRedrawJst, APlainRedrawLeavesTheJuliaRealmItsStackAndTheViewsFlags)
     EXPECT_FALSE(s.juliarealm->flags & R_MUSTWAITFORIDLE);
     EXPECT_EQ(s.juliarealm->maxjuliastack, NLEVELS - 1);
     EXPECT_EQ(s.juliarealm->validjuliastack, NLEVELS - 1);
-    for (int k = 0; k < NLEVELS; k++) EXPECT_NE(s.juliarealm->juliastack[k].m, nullptr) << "level " << k;
+    for (int k : {0, 1, 2, 3, BYPASSLEVEL}) EXPECT_NE(s.juliarealm->juliastack[k].m, nullptr) << "level " << k;
   });
 }
 
