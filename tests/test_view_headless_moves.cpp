@@ -91,7 +91,7 @@ TEST(ViewHeadlessMoves, ABurstOfMovesEndsInAFinishedRightView) {
   EXPECT_EQ(c.misplaced, 0);
   EXPECT_EQ(c.falseescape, 0);
   EXPECT_EQ(c.falseinterior, 0);
-  EXPECT_GE(c.equal + c.near, c.escaped * 99 / 100);
+  checkexact(c);
   checkpools(r);
   endviewrun(&r.run);
   std::string err = testing::internal::GetCapturedStderr();
