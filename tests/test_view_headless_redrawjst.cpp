@@ -27,8 +27,8 @@ int anchoredlevels(const REALM* jr) {
   return n;
 }
 
-void worker_snapshot(OVCONTEXT* context, WORKER* worker) {
-  SNAPSHOT* k = static_cast<SNAPSHOT*>(worker->pdata[0]);
+// Main thread.
+void take(SNAPSHOT* k) {
   VIEWPORT* v = k->run->run.viewport.load();
   REALM* jr = v->juliarealm;
   k->flags = v->flags;
@@ -39,8 +39,12 @@ void worker_snapshot(OVCONTEXT* context, WORKER* worker) {
   k->validjuliastack = jr->validjuliastack;
   k->anchored = anchoredlevels(jr);
   k->finishes = k->run->run.events[VPCALLBACK_FINISH].load();
-  freeworker(context, worker);
   k->done.store(true);
+}
+
+void worker_snapshot(OVCONTEXT* context, WORKER* worker) {
+  take(static_cast<SNAPSHOT*>(worker->pdata[0]));
+  freeworker(context, worker);
 }
 
 // Polls on the main thread until `ready` holds, for at most `seconds`.
@@ -84,12 +88,7 @@ TEST(ViewHeadlessRedrawJst, TheStackIsDroppedTheViewWaitsForIdleAndBothAreMadeAg
 
   SNAPSHOT before, after;
   before.run = after.run = &r;
-  onmain(r, [&](OVCONTEXT* c) {
-    WORKER* w = addworker(c, THREAD_MAIN, worker_snapshot);
-    ASSERT_NE(w, nullptr);
-    w->pdata[0] = &before;
-    worker_snapshot(c, w);
-  });
+  onmain(r, [&](OVCONTEXT*) { take(&before); });
   ASSERT_GT(before.anchored, 0);
   printf("  before: %d levels anchored, maxjuliastack %d, validjuliastack %d\n", before.anchored,
          before.maxjuliastack, before.validjuliastack);
