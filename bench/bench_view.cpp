@@ -36,9 +36,6 @@ VIEWARGS deeperargs(const char* span) {
   VIEWARGS a = deepargs();
   a.span = span;
   a.angle = -60;
-  // Pixels here leave within a few thousand steps; the reference need not
-  // outlast them by much.
-  a.referencelimit = 20000;
   return a;
 }
 
