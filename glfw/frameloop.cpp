@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "app.h"
+#include "automode.h"
 #include "filejob.h"
 // X's names are macros: after everything else. GLFW's own native header
 // would also want the Xrandr headers for this one call, declared here.
@@ -205,11 +206,12 @@ void frameloop() {
       lastheight = height;
       redrawall = true;
     }
-    // Auto mode (a file of the auto folder opened after `startautomode`
-    // idle seconds, while `mode` is 0) waits for the opener of fractal files
-    // and for the input that sets `mode` and `lastaction`; the status
-    // strings and the widgets drawn here wait for the widget toolkit. Until
-    // then the main view alone is drawn, as with the widgets hidden.
+    // Auto mode starts only once the opener of fractal files is there, and
+    // only in mode 0, which the main window's input sets.
+    automodestep();
+    // The status strings and the widgets drawn here wait for the widget
+    // toolkit; until then the main view alone is drawn, as with the widgets
+    // hidden.
     stringschanged = false;
     bool last = testclosedue(&test);
     bool force = redrawall || last;
