@@ -218,10 +218,10 @@ void frameloop() {
     redrawall = false;
     bool drawn = vp && drawviewport(context, vp, 0, _curtime, 0, 0, width, height, info.texture, force);
     bool newlist = drawn && hardframe;
-    // With kept pictures a new list costs no more than the frame's shading
-    // budget, so the uploads go on in its frame too.
     // A job's stage takes a frame's time of its own: not after a hard frame.
     if (smooth && !hardframe) stepjob();
+    // With kept pictures a new list costs no more than the frame's shading
+    // budget, so the uploads go on in its frame too.
     if (smooth && (!hardframe || picturesavailable())) serveglqueue(context, UPLOADPERFRAME);
     testclose(&test, drawn);
     // A frame with nothing new isn't swapped: the window keeps the last.
