@@ -14,6 +14,12 @@
 #include <vector>
 
 #include "app.h"
+#include "automode.h"
+#include "filejob.h"
+// X's names are macros: after everything else. GLFW's own native header
+// would also want the Xrandr headers for this one call, declared here.
+#include <X11/Xlib.h>
+extern "C" Display* glfwGetX11Display(void);
 
 namespace {
 
@@ -46,24 +52,31 @@ void advanceclock() {
 // set to "finish" asks the window to close a few frames after the start view
 // finished, set to a number after that many frames. It says so on standard
 // error when it closes; with ORVANTA_TEST_FRAME_OUT naming a file, the last
-// frame is read back and written there as a PPM image first.
+// frame is read back and written there as a PPM image first. Set to "hold"
+// it acts as "finish" but leaves the window open: once the finished frame
+// is on the screen (the X server has it) a line says so, and a screenshot
+// can be taken before the window is closed from outside.
 struct TESTCLOSE {
   bool onfinish = false;
+  bool hold = false;
   long frames = -1;
   long turns = 0;
   long drawn = 0;
   long afterfinish = -1;
   bool due = false;
+  bool shown = false;  // the held frame was drawn; said after the swap
 };
 
 TESTCLOSE testclosefromenv() {
   TESTCLOSE t;
   const char* v = getenv("ORVANTA_TEST_CLOSE_AFTER");
   if (!v || !*v) return t;
-  if (strcmp(v, "finish") == 0)
+  if (strcmp(v, "finish") == 0 || strcmp(v, "hold") == 0) {
     t.onfinish = true;
-  else
+    t.hold = v[0] == 'h';
+  } else {
     t.frames = strtol(v, nullptr, 10);
+  }
   return t;
 }
 
@@ -107,12 +120,27 @@ void testclose(TESTCLOSE* t, bool drawn) {
     glReadPixels(0, 0, width, height, GL_RGBA, GL_UNSIGNED_BYTE, rgba.data());
     writeframe(out, rgba);
   }
-  fprintf(stderr, "orvanta test close: %ld frames (%ld drawn), view %s\n", t->turns, t->drawn,
-          viewfinished.load() ? "finished" : "not finished");
-  glfwSetWindowShouldClose(window, 1);
   t->onfinish = false;
   t->frames = -1;
   t->due = false;
+  if (t->hold) {
+    t->shown = true;
+    return;
+  }
+  fprintf(stderr, "orvanta test close: %ld frames (%ld drawn), view %s\n", t->turns, t->drawn,
+          viewfinished.load() ? "finished" : "not finished");
+  glfwSetWindowShouldClose(window, 1);
+}
+
+// After the swap of the held frame: the swap's image requests are only
+// queued on the connection until the server has taken them all.
+void testshown(TESTCLOSE* t) {
+  if (!t->shown) return;
+  t->shown = false;
+  glFinish();
+  if (Display* x = glfwGetX11Display()) XSync(x, False);
+  fprintf(stderr, "orvanta test shown: %ld frames (%ld drawn), view %s\n", t->turns, t->drawn,
+          viewfinished.load() ? "finished" : "not finished");
 }
 
 // A knob for measurements, harmless otherwise: with ORVANTA_TEST_FRAME_LOG
@@ -170,8 +198,7 @@ void frameloop() {
   for (;;) {
     double framestart = glfwGetTime();
     int64_t turnstart = monotonicns();
-    // Without a file renderer there is no job to ask about.
-    if (glfwWindowShouldClose(window)) break;
+    if (closerequested()) break;
     glfwGetFramebufferSize(window, &width, &height);
     if (width != lastwidth || height != lastheight) {
       resizeviews();
@@ -179,20 +206,27 @@ void frameloop() {
       lastheight = height;
       redrawall = true;
     }
-    // Auto mode opens fractal files when the user is away; it joins with
-    // the file opener. The status strings are the widgets' to show.
+    // Auto mode starts only once the opener of fractal files is there, and
+    // only in mode 0, which the main window's input sets.
+    automodestep();
+    // The status strings and the widgets drawn here wait for the widget
+    // toolkit; until then the main view alone is drawn, as with the widgets
+    // hidden.
     stringschanged = false;
     bool last = testclosedue(&test);
     bool force = redrawall || last;
     redrawall = false;
     bool drawn = vp && drawviewport(context, vp, 0, _curtime, 0, 0, width, height, info.texture, force);
     bool newlist = drawn && hardframe;
+    // A job's stage takes a frame's time of its own: not after a hard frame.
+    if (smooth && !hardframe) stepjob();
     // With kept pictures a new list costs no more than the frame's shading
     // budget, so the uploads go on in its frame too.
     if (smooth && (!hardframe || picturesavailable())) serveglqueue(context, UPLOADPERFRAME);
     testclose(&test, drawn);
     // A frame with nothing new isn't swapped: the window keeps the last.
     if (drawn) glfwSwapBuffers(window);
+    testshown(&test);
     logframe(&log, turnstart, drawn, newlist);
     picturebudget(static_cast<double>(monotonicns() - turnstart) * 1e-9);
     advanceclock();

@@ -18,6 +18,8 @@ PACKAGES=(
   libfreetype-dev libfontconfig-dev libcurl4-openssl-dev
   # tests and benchmarks
   googletest libgtest-dev libbenchmark-dev xvfb xauth
+  # xwd: the explorer test's screenshot of what the X server shows
+  x11-apps
   # the orbit benchmark's second single-thread loop
   libmpfr-dev
 )
