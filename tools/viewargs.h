@@ -25,6 +25,9 @@ struct VIEWARGS {
   unsigned int channels = 1u | 8u;
   bool hasflags = false;
   unsigned int flags = 0;  // the general realm's flag word, when given
+  // Look on the main thread every few ms, while waiting for the finish, for
+  // the moment the view first has an environment (VIEWRUN::referenced).
+  bool watchreference = false;
 };
 
 extern const char* const VIEWUSAGE;

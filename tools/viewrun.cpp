@@ -166,12 +166,34 @@ bool startviewrun(VIEWRUN* run, const VIEWARGS& args, VIEWSINK sink, std::string
   return true;
 }
 
+namespace {
+
+// The environment a view computes against is set on the main thread (by the
+// scan's acceptance or its standard one), so it is looked at there.
+void notereference(VIEWRUN* run) {
+  bool has = false;
+  viewonmain(run, [&](OVCONTEXT*) {
+    VIEWPORT* v = run->viewport.load();
+    has = v && (v->esat || v->enonsat);
+  });
+  if (has) run->referenced = nowms();
+}
+
+}  // namespace
+
 bool waitviewfinish(VIEWRUN* run, int n, double timeout) {
+  constexpr double LOOKMS = 5;
   double end = nowms() + timeout * 1000;
+  double nextlook = 0;
   while (run->events[VPCALLBACK_FINISH].load() < n) {
     if (timeout > 0 && nowms() > end) return false;
+    if (run->args.watchreference && run->referenced == 0 && nowms() >= nextlook) {
+      notereference(run);
+      nextlook = nowms() + LOOKMS;
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
+  if (run->args.watchreference && run->referenced == 0) notereference(run);
   return true;
 }
 

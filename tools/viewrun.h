@@ -38,6 +38,10 @@ struct VIEWRUN {
   std::atomic<int> events[3] = {};  // by VPCALLBACK_ event
   std::string laststatus;  // the main thread's
   double activated = 0;  // steady-clock ms at activation
+  // Steady-clock ms at which the view was first seen with an environment to
+  // compute against (`esat` or `enonsat`), with `args.watchreference`; 0
+  // until then.
+  double referenced = 0;
 };
 
 // Main thread: runs fn there and waits for it.
@@ -48,7 +52,8 @@ bool viewonmain(VIEWRUN* run, const std::function<void(OVCONTEXT*)>& fn);
 bool startviewrun(VIEWRUN* run, const VIEWARGS& args, VIEWSINK sink, std::string* error);
 
 // Waits until `n` finishing events of the view have come; false after
-// `timeout` seconds (0: no limit).
+// `timeout` seconds (0: no limit). With `args.watchreference` it also notes
+// when the view first has an environment.
 bool waitviewfinish(VIEWRUN* run, int n, double timeout);
 
 // Deactivates the view and lets go of it and of both realms, then waits
