@@ -26,6 +26,9 @@ namespace {
 
 constexpr int ONCOMPUTING = offsetof(COMPUTER, nextcomputing);
 
+// How many nodes ahead of the running one a serial stretch fetches records.
+constexpr int SERIALAHEAD = 4;
+
 // Beyond this many limbs of exponent a number is long past any escape radius
 // or any derivative the engine meets; products of such numbers saturate
 // instead of letting GMP's exponent arithmetic overflow in the rounds that
@@ -131,7 +134,18 @@ COMPUTER* finishcomputer(COMPUTER* c) {
   if (g->serial) {
     // Built inputs first, so the store's order is an order of readiness.
     COMPUTER* next = c + 1;
-    return next < g->computer + g->icomputer ? next : nullptr;
+    COMPUTER* end = g->computer + g->icomputer;
+    if (next >= end) return nullptr;
+    // A stretch's records are several times the second-level cache and are
+    // walked once per stretch: the lines a node's run reads are fetched a
+    // few nodes ahead, or each node would wait for them in turn.
+    COMPUTER* ahead = c + SERIALAHEAD;
+    if (ahead < end) {
+      __builtin_prefetch(ahead);
+      __builtin_prefetch(&ahead->compute);
+      __builtin_prefetch(&ahead->data->_mp_d);
+    }
+    return next;
   }
   COMPUTER* first = nullptr;
   memorybarrier();
@@ -511,11 +525,37 @@ void removecomputers(COMPUTERGROUP* group, int n) {
   if (__atomic_sub_fetch(&group->activecomputer, n, __ATOMIC_SEQ_CST) == 0) postend(group);
 }
 
+namespace {
+
+// The width of a stretch that has just ended, still counted while its owner
+// decides on the next one. A run lends its threads from its first stretch to
+// its last: giving them back and taking them again at every end would swing
+// the computing roles and wake a sleeping worker for nothing, a system call
+// on the main thread per stretch. Only the main thread's end handler holds
+// one.
+struct HELDWIDTH {
+  COMPUTERGROUP* group = nullptr;
+  int width = 0;
+};
+
+thread_local HELDWIDTH heldwidth;
+
+void releaseheldwidth(OVCONTEXT* context) {
+  if (!heldwidth.group) return;
+  heldwidth.group = nullptr;
+  removecomputerwidth(context, heldwidth.width);
+}
+
+}  // namespace
+
 void worker_compute_end(OVCONTEXT* context, WORKER* worker) {
   COMPUTERGROUP* group = static_cast<COMPUTERGROUP*>(worker->pdata[0]);
-  removecomputerwidth(context, group->width);
   freeworker(context, worker);
+  releaseheldwidth(context);
+  heldwidth.group = group;
+  heldwidth.width = group->width;
   if (group->endcompute) group->endcompute(group);
+  releaseheldwidth(context);
 }
 
 bool servecomputers(OVCONTEXT* context) {
@@ -601,6 +641,21 @@ bool checkstore(COMPUTERGROUP* group, int nodes) {
   return false;
 }
 
+void lendwidth(OVCONTEXT* context, COMPUTERGROUP* group, int width) {
+  if (heldwidth.group == group && heldwidth.width == width) {
+    heldwidth.group = nullptr;  // the ended stretch's threads serve this one
+    return;
+  }
+  releaseheldwidth(context);
+  addcomputerwidth(context, width);
+}
+
+void rearm(COMPUTERGROUP* group, int nodes) {
+  // A serial stretch never counts its nodes' inputs down.
+  if (group->serial) return;
+  for (int i = 0; i < nodes; i++) group->computer[i].inputwait = group->computer[i].inputwaitsaved;
+}
+
 int stretchwidth(OVCONTEXT* context, COMPUTERGROUP* group, int width) {
   group->serial = group->prec <= context->serialcomputerbits;
   return group->serial ? 1 : width;
@@ -651,21 +706,18 @@ void setupitercomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, bool split
   group->context = context;
   bool reuse = group->endcompute && group->width == width && group->icomputer == nodes;
   group->width = width;
-  addcomputerwidth(context, width);
+  lendwidth(context, group, width);
   if (!checkstore(group, nodes)) return;
   if (reuse) {
+    rearm(group, nodes);
     // The cores carry the iteration of their round: they move on to the
     // rounds this stretch counts from, wherever the owner left `idata[1]`.
-    ITER delta = 0;
-    bool first = true;
-    for (int i = 0; i < nodes; i++) {
-      COMPUTER* c = &group->computer[i];
-      c->inputwait = c->inputwaitsaved;
-      if (c->compute != __itercore) continue;
-      if (first) delta = group->idata[1] - c->idata[0];
-      first = false;
-      c->idata[0] += delta;
-    }
+    // Each round ends with its core, so they are found without walking the
+    // whole store.
+    int round = (nodes - 4 - 4) / NCOMPUTERSTRETCH;  // without the heads and outputs
+    COMPUTER* core = &group->computer[4 + round - 1];
+    ITER delta = group->idata[1] - core->idata[0];
+    for (int r = 0; r < NCOMPUTERSTRETCH; r++, core += round) core->idata[0] += delta;
     group->idata[1] = group->idata[1] + NCOMPUTERSTRETCH;
   } else {
     group->icomputer = 0;

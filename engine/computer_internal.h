@@ -18,6 +18,11 @@ inline mpf_srcptr in(COMPUTER* c, int k) { return c->input[k]->data; }
 
 // A node without inputs or work: the start of a stretch, loaded by its setup.
 COMPUTER* headcomputer(COMPUTERGROUP* g);
+// Lends the threads of a stretch about to start: nothing new when the
+// group's last stretch has just ended with the same width.
+void lendwidth(OVCONTEXT* context, COMPUTERGROUP* group, int width);
+// Restores the input counts of a built graph that runs again.
+void rearm(COMPUTERGROUP* group, int nodes);
 // The width a stretch about to be built lends threads by: `width`, or 1 when
 // the group's precision makes it a serial stretch (which it marks).
 int stretchwidth(OVCONTEXT* context, COMPUTERGROUP* group, int width);
