@@ -46,6 +46,28 @@ void saturate(mpf_ptr d, mpf_srcptr a, mpf_srcptr b) {
     mpf_set_ui(d, 0);
 }
 
+// The whole part of a non-negative number, or 4 for any from 4 on.
+mp_limb_t wholeupto4(mpf_srcptr a) {
+  if (a->_mp_size == 0 || a->_mp_exp <= 0) return 0;
+  if (a->_mp_exp > 1) return 4;
+  mp_limb_t w = a->_mp_d[a->_mp_size - 1];
+  return w < 4 ? w : 4;
+}
+
+// Whether a + b >= 4, from the whole parts of two non-negative numbers: 1
+// when they reach 4, 0 when they stay under 3 (each fraction is under 1),
+// -1 when only the sum can tell. No node reads the core's sum, only its
+// test, and most rounds of an orbit are far from 4, so the addition is
+// mostly saved. The answer is the one the sum at the node's precision
+// gives: that sum keeps the limbs of both whole parts (at most two) and is
+// never above the exact one.
+int pastfour(mpf_srcptr a, mpf_srcptr b) {
+  if (a->_mp_size < 0 || b->_mp_size < 0) return -1;
+  mp_limb_t w = wholeupto4(a) + wholeupto4(b);
+  if (w >= 4) return 1;
+  return w < 3 ? 0 : -1;
+}
+
 int limbs(mpf_srcptr a) { return a->_mp_size < 0 ? -a->_mp_size : a->_mp_size; }
 
 // The part of an operand that mpf_mul into `c`'s data would use: its top
@@ -131,22 +153,7 @@ void pushready(OVCONTEXT* context, COMPUTER* c) {
 // is returned to run on this thread; any further one is queued.
 COMPUTER* finishcomputer(COMPUTER* c) {
   COMPUTERGROUP* g = c->computergroup;
-  if (g->serial) {
-    // Built inputs first, so the store's order is an order of readiness.
-    COMPUTER* next = c + 1;
-    COMPUTER* end = g->computer + g->icomputer;
-    if (next >= end) return nullptr;
-    // A stretch's records are several times the second-level cache and are
-    // walked once per stretch: the lines a node's run reads are fetched a
-    // few nodes ahead, or each node would wait for them in turn.
-    COMPUTER* ahead = c + SERIALAHEAD;
-    if (ahead < end) {
-      __builtin_prefetch(ahead);
-      __builtin_prefetch(&ahead->compute);
-      __builtin_prefetch(&ahead->data->_mp_d);
-    }
-    return next;
-  }
+  if (g->serial) return nullptr;  // `runserial` walks the store itself
   COMPUTER* first = nullptr;
   memorybarrier();
   for (int k = 0; k < c->noutput; k++) {
@@ -293,8 +300,12 @@ COMPUTER* __dimagitercomputer(COMPUTER* c) {
 // Cores of later rounds may run first, so the escape iteration only ever
 // goes down; `stop` then tells the owner to start no further stretch.
 COMPUTER* __itercore(COMPUTER* c) {
-  mpf_add(c->data, in(c, 0), in(c, 1));
-  if (mpf_cmp_ui(c->data, 4) >= 0) {
+  int past = pastfour(in(c, 0), in(c, 1));
+  if (past < 0) {
+    mpf_add(c->data, in(c, 0), in(c, 1));
+    past = mpf_cmp_ui(c->data, 4) >= 0;
+  }
+  if (past) {
     COMPUTERGROUP* g = c->computergroup;
     ITER n = c->idata[0];
     for (;;) {
@@ -558,6 +569,39 @@ void worker_compute_end(OVCONTEXT* context, WORKER* worker) {
   releaseheldwidth(context);
 }
 
+namespace {
+
+// The nodes a thread runs from `c` on, one handing the next to it.
+int runchain(COMPUTER* c) {
+  int chain = 0;
+  while (c) {
+    c = c->compute(c);
+    chain++;
+  }
+  return chain;
+}
+
+// A serial stretch from `c` to the end of the store: built inputs first, so
+// the store's order is an order of readiness. The records are several times
+// the second-level cache and are walked once per stretch, so the lines a
+// node reads are fetched a few nodes ahead, or each node would wait for
+// them in turn.
+int runserial(COMPUTERGROUP* group, COMPUTER* c) {
+  COMPUTER* end = group->computer + group->icomputer;
+  for (COMPUTER* n = c; n < end; n++) {
+    COMPUTER* ahead = n + SERIALAHEAD;
+    if (ahead < end) {
+      __builtin_prefetch(ahead);
+      __builtin_prefetch(&ahead->compute);
+      __builtin_prefetch(&ahead->data->_mp_d);
+    }
+    n->compute(n);
+  }
+  return static_cast<int>(end - c);
+}
+
+}  // namespace
+
 bool servecomputers(OVCONTEXT* context) {
   bool ran = false;
   for (;;) {
@@ -580,11 +624,7 @@ bool servecomputers(OVCONTEXT* context) {
     // still holds the chain's count: the nodes are counted off once, at the
     // end, rather than each with a locked operation on a line that every
     // serving thread writes.
-    int chain = 0;
-    while (c) {
-      c = c->compute(c);
-      chain++;
-    }
+    int chain = group->serial ? runserial(group, c) : runchain(c);
     removecomputers(group, chain);  // the group may be rebuilt from here on
     ran = true;
   }
