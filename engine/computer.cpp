@@ -149,11 +149,7 @@ void pushready(OVCONTEXT* context, COMPUTER* c) {
   atomicincrementint(&context->icomputer);
 }
 
-// Delivers a finished node to its successors. The first that becomes ready
-// is returned to run on this thread; any further one is queued.
-COMPUTER* finishcomputer(COMPUTER* c) {
-  COMPUTERGROUP* g = c->computergroup;
-  if (g->serial) return nullptr;  // `runserial` walks the store itself
+COMPUTER* handon(COMPUTER* c) {
   COMPUTER* first = nullptr;
   memorybarrier();
   for (int k = 0; k < c->noutput; k++) {

@@ -10,7 +10,13 @@ namespace computerdetail {
 void pushready(OVCONTEXT* context, COMPUTER* c);
 // Delivers a finished node to its successors; the first that becomes ready
 // is returned to run on this thread, any further one is queued.
-COMPUTER* finishcomputer(COMPUTER* c);
+COMPUTER* handon(COMPUTER* c);
+// What every node does last: hands itself on, unless its stretch runs
+// serially, where `runserial` walks the store in its order and each node's
+// call would cost more than the few loads it takes here.
+inline COMPUTER* finishcomputer(COMPUTER* c) {
+  return c->computergroup->serial ? nullptr : handon(c);
+}
 // Sends `worker_compute_end` for the group to the main thread.
 void postend(COMPUTERGROUP* group);
 
