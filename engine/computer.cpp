@@ -558,7 +558,6 @@ void releaseheldwidth(OVCONTEXT* context) {
 void worker_compute_end(OVCONTEXT* context, WORKER* worker) {
   COMPUTERGROUP* group = static_cast<COMPUTERGROUP*>(worker->pdata[0]);
   freeworker(context, worker);
-  releaseheldwidth(context);
   heldwidth.group = group;
   heldwidth.width = group->width;
   if (group->endcompute) group->endcompute(group);

@@ -11,9 +11,8 @@ void pushready(OVCONTEXT* context, COMPUTER* c);
 // Delivers a finished node to its successors; the first that becomes ready
 // is returned to run on this thread, any further one is queued.
 COMPUTER* handon(COMPUTER* c);
-// What every node does last: hands itself on, unless its stretch runs
-// serially, where `runserial` walks the store in its order and each node's
-// call would cost more than the few loads it takes here.
+// What every node does last. The nodes of a serial stretch hand nothing on:
+// `runserial` walks the store in its order.
 inline COMPUTER* finishcomputer(COMPUTER* c) {
   return c->computergroup->serial ? nullptr : handon(c);
 }
