@@ -40,8 +40,16 @@ std::atomic<int> stretchends{0};
 // by the end of the one before on the main thread, as the engine's own runs
 // go on; the benchmark's thread sleeps on the count meanwhile, rather than
 // yield, since it would otherwise take a core from the graph's spinning
-// threads.
+// threads. ORVANTA_BENCH_RUNSTRETCHES makes the runs longer: waking the
+// benchmark's thread and the main thread at each run's start and end takes
+// milliseconds on a loaded machine, where a run of 16 stretches at 256 bits
+// lasts about two, and an orbit of the engine is one run of hundreds.
 constexpr int RUNSTRETCHES = 16;
+int runstretches() {
+  const char* n = getenv("ORVANTA_BENCH_RUNSTRETCHES");
+  int k = n ? atoi(n) : 0;
+  return k > 0 ? k : RUNSTRETCHES;
+}
 int stretchesleft = 0;
 bool runsplit = false, runidle = false;
 
@@ -88,15 +96,16 @@ void graph(benchmark::State& state, bool split, bool idle) {
   int64_t rounds = 0;
   runsplit = split;
   runidle = idle;
+  const int run = runstretches();
   for (auto _ : state) {
     int before = stretchends.load();
     onmain(engine.context, [&](OVCONTEXT* c) {
-      stretchesleft = RUNSTRETCHES;
+      stretchesleft = run;
       startstretch(c, g);
     });
     for (int now = stretchends.load(); now == before; now = stretchends.load())
       stretchends.wait(now);
-    rounds += int64_t(RUNSTRETCHES) * NCOMPUTERSTRETCH;
+    rounds += int64_t(run) * NCOMPUTERSTRETCH;
   }
   onmain(engine.context, [](OVCONTEXT*) {});
   state.counters["iter/s"] = benchmark::Counter(static_cast<double>(rounds), benchmark::Counter::kIsRate);
