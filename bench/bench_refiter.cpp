@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
 #include <functional>
 #include <thread>
@@ -40,8 +41,16 @@ std::atomic<int> stretchends{0};
 // by the end of the one before on the main thread, as the engine's own runs
 // go on; the benchmark's thread sleeps on the count meanwhile, rather than
 // yield, since it would otherwise take a core from the graph's spinning
-// threads.
+// threads. ORVANTA_BENCH_RUNSTRETCHES makes the runs longer: waking the
+// benchmark's thread and the main thread at each run's start and end takes
+// milliseconds on a loaded machine, where a run of 16 stretches at 256 bits
+// lasts about two, and an orbit of the engine is one run of hundreds.
 constexpr int RUNSTRETCHES = 16;
+int runstretches() {
+  const char* n = getenv("ORVANTA_BENCH_RUNSTRETCHES");
+  int k = n ? atoi(n) : 0;
+  return k > 0 ? k : RUNSTRETCHES;
+}
 int stretchesleft = 0;
 bool runsplit = false, runidle = false;
 
@@ -88,17 +97,70 @@ void graph(benchmark::State& state, bool split, bool idle) {
   int64_t rounds = 0;
   runsplit = split;
   runidle = idle;
+  const int run = runstretches();
   for (auto _ : state) {
     int before = stretchends.load();
     onmain(engine.context, [&](OVCONTEXT* c) {
-      stretchesleft = RUNSTRETCHES;
+      stretchesleft = run;
       startstretch(c, g);
     });
     for (int now = stretchends.load(); now == before; now = stretchends.load())
       stretchends.wait(now);
-    rounds += int64_t(RUNSTRETCHES) * NCOMPUTERSTRETCH;
+    rounds += int64_t(run) * NCOMPUTERSTRETCH;
   }
   onmain(engine.context, [](OVCONTEXT*) {});
+  state.counters["iter/s"] = benchmark::Counter(static_cast<double>(rounds), benchmark::Counter::kIsRate);
+  freecomputergroup(g);
+  free(g);
+}
+
+// A context with the queues a graph's path touches and no threads: `run`
+// serves it on the caller's thread.
+struct BARECONTEXT {
+  OVCONTEXT* context;
+  WORKER workers[8] = {};
+  BARECONTEXT() {
+    context = static_cast<OVCONTEXT*>(calloc(1, sizeof(OVCONTEXT)));
+    for (FIFO* f : {&context->workerchain, &context->wmain, &context->wmainhelper,
+                    &context->wworkergl, &context->computer})
+      initfifo(f);
+    for (THREADGROUP* g : {&context->grmain, &context->grmainhelper, &context->grworker,
+                           &context->grworkergl})
+      initgroup(g, 1);
+    context->idleworkermaxprio = -1;
+    for (WORKER& w : workers)
+      atomicfifoenqueue(&context->workerchain, &w, offsetof(WORKER, nextonstack));
+  }
+  ~BARECONTEXT() {
+    for (THREADGROUP* g : {&context->grmain, &context->grmainhelper, &context->grworker,
+                           &context->grworkergl})
+      freegroup(g);
+    free(context);
+  }
+};
+
+// Serial stretches of the plain graph on the benchmark's own thread, in its
+// CPU time, to set against BM_SequentialMpfCpu: the serial path alone,
+// without the wake-ups of a live engine, and moved far less by other work on
+// the machine than the real-time columns.
+void BM_IterGraphOneThread(benchmark::State& state) {
+  mp_bitcnt_t bits = static_cast<mp_bitcnt_t>(state.range(0));
+  BARECONTEXT bare;
+  bare.context->serialcomputerbits = bits;
+  COMPUTERGROUP* g = static_cast<COMPUTERGROUP*>(calloc(1, sizeof(COMPUTERGROUP)));
+  initcomputergroup(bare.context, g, NCOMPUTER_ENV, bits);
+  pointin(g->data[0], g->data[1]);
+  g->endcompute = countend;
+  runsplit = false;
+  runidle = false;
+  const int run = runstretches();
+  int64_t rounds = 0;
+  for (auto _ : state) {
+    stretchesleft = run;
+    startstretch(bare.context, g);
+    ::run(bare.context);
+    rounds += int64_t(run) * NCOMPUTERSTRETCH;
+  }
   state.counters["iter/s"] = benchmark::Counter(static_cast<double>(rounds), benchmark::Counter::kIsRate);
   freecomputergroup(g);
   free(g);
@@ -142,6 +204,9 @@ void BM_SequentialMpf(benchmark::State& state) {
   state.counters["iter/s"] = benchmark::Counter(static_cast<double>(rounds), benchmark::Counter::kIsRate);
   for (mpf_ptr v : {cre, cim, x, y, dx, dy, x2, y2, xn, yn, p1, p2, p3, p4}) mpf_clear(v);
 }
+
+// The loop in the thread's CPU time, beside BM_IterGraphOneThread.
+void BM_SequentialMpfCpu(benchmark::State& state) { BM_SequentialMpf(state); }
 
 #ifdef ORVANTA_BENCH_MPFR
 // The same loop in MPFR, rounding to nearest: a second measure of what one
@@ -190,6 +255,8 @@ BENCHMARK(BM_SequentialMpfr)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();
 }  // namespace
 
 BENCHMARK(BM_SequentialMpf)->Arg(256)->Arg(1024)->Arg(2048)->Arg(4096)->Arg(32768)->UseRealTime();
+BENCHMARK(BM_SequentialMpfCpu)->Arg(256)->Arg(1024)->Arg(2048);
+BENCHMARK(BM_IterGraphOneThread)->Arg(256)->Arg(1024)->Arg(2048);
 BENCHMARK(BM_IterGraph)->Arg(256)->Arg(1024)->Arg(2048)->Arg(4096)->Arg(32768)->UseRealTime();
 BENCHMARK(BM_IterGraphSplit)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();
 BENCHMARK(BM_IdleGraph)->Arg(256)->Arg(4096)->Arg(32768)->UseRealTime();

@@ -26,6 +26,9 @@ namespace {
 
 constexpr int ONCOMPUTING = offsetof(COMPUTER, nextcomputing);
 
+// How many nodes ahead of the running one a serial stretch fetches records.
+constexpr int SERIALAHEAD = 4;
+
 // Beyond this many limbs of exponent a number is long past any escape radius
 // or any derivative the engine meets; products of such numbers saturate
 // instead of letting GMP's exponent arithmetic overflow in the rounds that
@@ -41,6 +44,28 @@ void saturate(mpf_ptr d, mpf_srcptr a, mpf_srcptr b) {
     mpf_set(d, a->_mp_exp >= b->_mp_exp ? a : b);
   else
     mpf_set_ui(d, 0);
+}
+
+// The whole part of a non-negative number, or 4 for any from 4 on.
+mp_limb_t wholeupto4(mpf_srcptr a) {
+  if (a->_mp_size == 0 || a->_mp_exp <= 0) return 0;
+  if (a->_mp_exp > 1) return 4;
+  mp_limb_t w = a->_mp_d[a->_mp_size - 1];
+  return w < 4 ? w : 4;
+}
+
+// Whether a + b >= 4, from the whole parts of two non-negative numbers: 1
+// when they reach 4, 0 when they stay under 3 (each fraction is under 1),
+// -1 when only the sum can tell. No node reads the core's sum, only its
+// test, and most rounds of an orbit are far from 4, so the addition is
+// mostly saved. The answer is the one the sum at the node's precision
+// gives: that sum keeps the limbs of both whole parts (at most two) and is
+// never above the exact one.
+int pastfour(mpf_srcptr a, mpf_srcptr b) {
+  if (a->_mp_size < 0 || b->_mp_size < 0) return -1;
+  mp_limb_t w = wholeupto4(a) + wholeupto4(b);
+  if (w >= 4) return 1;
+  return w < 3 ? 0 : -1;
 }
 
 int limbs(mpf_srcptr a) { return a->_mp_size < 0 ? -a->_mp_size : a->_mp_size; }
@@ -124,15 +149,7 @@ void pushready(OVCONTEXT* context, COMPUTER* c) {
   atomicincrementint(&context->icomputer);
 }
 
-// Delivers a finished node to its successors. The first that becomes ready
-// is returned to run on this thread; any further one is queued.
-COMPUTER* finishcomputer(COMPUTER* c) {
-  COMPUTERGROUP* g = c->computergroup;
-  if (g->serial) {
-    // Built inputs first, so the store's order is an order of readiness.
-    COMPUTER* next = c + 1;
-    return next < g->computer + g->icomputer ? next : nullptr;
-  }
+COMPUTER* handon(COMPUTER* c) {
   COMPUTER* first = nullptr;
   memorybarrier();
   for (int k = 0; k < c->noutput; k++) {
@@ -279,8 +296,12 @@ COMPUTER* __dimagitercomputer(COMPUTER* c) {
 // Cores of later rounds may run first, so the escape iteration only ever
 // goes down; `stop` then tells the owner to start no further stretch.
 COMPUTER* __itercore(COMPUTER* c) {
-  mpf_add(c->data, in(c, 0), in(c, 1));
-  if (mpf_cmp_ui(c->data, 4) >= 0) {
+  int past = pastfour(in(c, 0), in(c, 1));
+  if (past < 0) {
+    mpf_add(c->data, in(c, 0), in(c, 1));
+    past = mpf_cmp_ui(c->data, 4) >= 0;
+  }
+  if (past) {
     COMPUTERGROUP* g = c->computergroup;
     ITER n = c->idata[0];
     for (;;) {
@@ -511,12 +532,70 @@ void removecomputers(COMPUTERGROUP* group, int n) {
   if (__atomic_sub_fetch(&group->activecomputer, n, __ATOMIC_SEQ_CST) == 0) postend(group);
 }
 
+namespace {
+
+// The width of a stretch that has just ended, still counted while its owner
+// decides on the next one. A run lends its threads from its first stretch to
+// its last: giving them back and taking them again at every end would swing
+// the computing roles and wake a sleeping worker for nothing, a system call
+// on the main thread per stretch. Only the main thread's end handler holds
+// one.
+struct HELDWIDTH {
+  COMPUTERGROUP* group = nullptr;
+  int width = 0;
+};
+
+thread_local HELDWIDTH heldwidth;
+
+void releaseheldwidth(OVCONTEXT* context) {
+  if (!heldwidth.group) return;
+  heldwidth.group = nullptr;
+  removecomputerwidth(context, heldwidth.width);
+}
+
+}  // namespace
+
 void worker_compute_end(OVCONTEXT* context, WORKER* worker) {
   COMPUTERGROUP* group = static_cast<COMPUTERGROUP*>(worker->pdata[0]);
-  removecomputerwidth(context, group->width);
   freeworker(context, worker);
+  heldwidth.group = group;
+  heldwidth.width = group->width;
   if (group->endcompute) group->endcompute(group);
+  releaseheldwidth(context);
 }
+
+namespace {
+
+// The nodes a thread runs from `c` on, one handing the next to it.
+int runchain(COMPUTER* c) {
+  int chain = 0;
+  while (c) {
+    c = c->compute(c);
+    chain++;
+  }
+  return chain;
+}
+
+// A serial stretch from `c` to the end of the store: built inputs first, so
+// the store's order is an order of readiness. The records are several times
+// the second-level cache and are walked once per stretch, so the lines a
+// node reads are fetched a few nodes ahead, or each node would wait for
+// them in turn.
+int runserial(COMPUTERGROUP* group, COMPUTER* c) {
+  COMPUTER* end = group->computer + group->icomputer;
+  for (COMPUTER* n = c; n < end; n++) {
+    COMPUTER* ahead = n + SERIALAHEAD;
+    if (ahead < end) {
+      __builtin_prefetch(ahead);
+      __builtin_prefetch(&ahead->compute);
+      __builtin_prefetch(&ahead->data->_mp_d);
+    }
+    n->compute(n);
+  }
+  return static_cast<int>(end - c);
+}
+
+}  // namespace
 
 bool servecomputers(OVCONTEXT* context) {
   bool ran = false;
@@ -540,11 +619,7 @@ bool servecomputers(OVCONTEXT* context) {
     // still holds the chain's count: the nodes are counted off once, at the
     // end, rather than each with a locked operation on a line that every
     // serving thread writes.
-    int chain = 0;
-    while (c) {
-      c = c->compute(c);
-      chain++;
-    }
+    int chain = group->serial ? runserial(group, c) : runchain(c);
     removecomputers(group, chain);  // the group may be rebuilt from here on
     ran = true;
   }
@@ -601,6 +676,21 @@ bool checkstore(COMPUTERGROUP* group, int nodes) {
   return false;
 }
 
+void lendwidth(OVCONTEXT* context, COMPUTERGROUP* group, int width) {
+  if (heldwidth.group == group && heldwidth.width == width) {
+    heldwidth.group = nullptr;  // the ended stretch's threads serve this one
+    return;
+  }
+  releaseheldwidth(context);
+  addcomputerwidth(context, width);
+}
+
+void rearm(COMPUTERGROUP* group, int nodes) {
+  // A serial stretch never counts its nodes' inputs down.
+  if (group->serial) return;
+  for (int i = 0; i < nodes; i++) group->computer[i].inputwait = group->computer[i].inputwaitsaved;
+}
+
 int stretchwidth(OVCONTEXT* context, COMPUTERGROUP* group, int width) {
   group->serial = group->prec <= context->serialcomputerbits;
   return group->serial ? 1 : width;
@@ -651,21 +741,18 @@ void setupitercomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, bool split
   group->context = context;
   bool reuse = group->endcompute && group->width == width && group->icomputer == nodes;
   group->width = width;
-  addcomputerwidth(context, width);
+  lendwidth(context, group, width);
   if (!checkstore(group, nodes)) return;
   if (reuse) {
+    rearm(group, nodes);
     // The cores carry the iteration of their round: they move on to the
     // rounds this stretch counts from, wherever the owner left `idata[1]`.
-    ITER delta = 0;
-    bool first = true;
-    for (int i = 0; i < nodes; i++) {
-      COMPUTER* c = &group->computer[i];
-      c->inputwait = c->inputwaitsaved;
-      if (c->compute != __itercore) continue;
-      if (first) delta = group->idata[1] - c->idata[0];
-      first = false;
-      c->idata[0] += delta;
-    }
+    // Each round ends with its core, so they are found without walking the
+    // whole store.
+    int round = (nodes - 4 - 4) / NCOMPUTERSTRETCH;  // without the heads and outputs
+    COMPUTER* core = &group->computer[4 + round - 1];
+    ITER delta = group->idata[1] - core->idata[0];
+    for (int r = 0; r < NCOMPUTERSTRETCH; r++, core += round) core->idata[0] += delta;
     group->idata[1] = group->idata[1] + NCOMPUTERSTRETCH;
   } else {
     group->icomputer = 0;

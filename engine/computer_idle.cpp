@@ -204,7 +204,7 @@ void setupidlecomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, bool split
   group->context = context;
   bool reuse = group->endcompute && group->width == width && group->icomputer == nodes;
   group->width = width;
-  addcomputerwidth(context, width);
+  lendwidth(context, group, width);
   if (!checkstore(group, nodes)) return;
   ENVIRONMENT* e = standardof(group);
   if (e && !makeroom(context, group, e)) {
@@ -214,8 +214,7 @@ void setupidlecomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, bool split
   }
   ITER start = group->idata[1];
   if (reuse) {
-    for (int i = 0; i < nodes; i++)
-      group->computer[i].inputwait = group->computer[i].inputwaitsaved;
+    rearm(group, nodes);
   } else {
     group->icomputer = 0;
     group->activecomputer = 0;

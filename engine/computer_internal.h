@@ -10,7 +10,12 @@ namespace computerdetail {
 void pushready(OVCONTEXT* context, COMPUTER* c);
 // Delivers a finished node to its successors; the first that becomes ready
 // is returned to run on this thread, any further one is queued.
-COMPUTER* finishcomputer(COMPUTER* c);
+COMPUTER* handon(COMPUTER* c);
+// What every node does last. The nodes of a serial stretch hand nothing on:
+// `runserial` walks the store in its order.
+inline COMPUTER* finishcomputer(COMPUTER* c) {
+  return c->computergroup->serial ? nullptr : handon(c);
+}
 // Sends `worker_compute_end` for the group to the main thread.
 void postend(COMPUTERGROUP* group);
 
@@ -18,6 +23,11 @@ inline mpf_srcptr in(COMPUTER* c, int k) { return c->input[k]->data; }
 
 // A node without inputs or work: the start of a stretch, loaded by its setup.
 COMPUTER* headcomputer(COMPUTERGROUP* g);
+// Lends the threads of a stretch about to start: nothing new when the
+// group's last stretch has just ended with the same width.
+void lendwidth(OVCONTEXT* context, COMPUTERGROUP* group, int width);
+// Restores the input counts of a built graph that runs again.
+void rearm(COMPUTERGROUP* group, int nodes);
 // The width a stretch about to be built lends threads by: `width`, or 1 when
 // the group's precision makes it a serial stretch (which it marks).
 int stretchwidth(OVCONTEXT* context, COMPUTERGROUP* group, int width);

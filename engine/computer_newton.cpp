@@ -186,7 +186,7 @@ void setupnewtoncomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, bool spl
   bool reuse = group->endcompute && group->width == width && group->icomputer == nodes;
   group->width = width;
   group->endcompute = __newtonendcompute;
-  addcomputerwidth(context, width);
+  lendwidth(context, group, width);
   if (rounds < 1) {
     // A pass that has nothing left to iterate cannot step: the run ends.
     atomicstore(&group->stop, 1);
@@ -197,8 +197,7 @@ void setupnewtoncomputergroup(OVCONTEXT* context, COMPUTERGROUP* group, bool spl
   }
   if (!checkstore(group, nodes)) return;
   if (reuse) {
-    for (int i = 0; i < nodes; i++)
-      group->computer[i].inputwait = group->computer[i].inputwaitsaved;
+    rearm(group, nodes);
   } else {
     group->icomputer = 0;
     group->activecomputer = 0;

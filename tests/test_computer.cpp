@@ -4,12 +4,14 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <complex>
 #include <string>
 #include <cstddef>
 #include <cstdlib>
 #include <thread>
+#include <vector>
 
 #include "Mandelbrot.h"
 #include "computertest.h"
@@ -89,6 +91,10 @@ struct OWNER {
   std::atomic<int> endsonmain{0};
   int stretches = 1;
   bool split = false;
+  // The least and the most threads counted as lent while the owner decides
+  // on the next stretch.
+  int endwidthlow = 1 << 30;
+  int endwidthhigh = -1;
 };
 
 void ownerend(COMPUTERGROUP* group) {
@@ -97,6 +103,9 @@ void ownerend(COMPUTERGROUP* group) {
   int n = owner->ends.load() + 1;
   if (context->nthread > 0 && pthread_equal(pthread_self(), context->thread[0]))
     owner->endsonmain.fetch_add(1);
+  int width = atomicload(&context->computertotalwidth);
+  owner->endwidthlow = std::min(owner->endwidthlow, width);
+  owner->endwidthhigh = std::max(owner->endwidthhigh, width);
   // The next stretch is started before the end is counted, so a test that
   // sees the count sees the whole of this handler's work.
   if (!atomicload(&group->stop) && n < owner->stretches)
@@ -514,12 +523,13 @@ TEST(Computer, IdataZeroStaysWhenNoEscapeOccurred) {
 
 TEST(Computer, EscapeLowersIdataZeroAndStopsFurtherStretches) {
   Engine e(5);
-  e.context->serialcomputerbits = 0;
   const mp_bitcnt_t bits = 512;
   mpf_t cre, cim;
   mpf_init2(cre, bits);
   mpf_init2(cim, bits);
+  for (bool serial : {false, true})
   for (double re : {1.0, 0.26, 0.25002}) {
+    e.context->serialcomputerbits = serial ? bits : 0;
     mpf_set_d(cre, re);
     mpf_set_d(cim, re == 1.0 ? 0.0 : 1e-30);
     ORBIT o(bits);
@@ -529,7 +539,7 @@ TEST(Computer, EscapeLowersIdataZeroAndStopsFurtherStretches) {
     int stretch = o.escape / NCOMPUTERSTRETCH + 1;
     // Only the stretch that escapes runs: the owner starts no other.
     COMPUTERGROUP* g = rungraph(e, bits, cre, cim, false, 4, owner, false, stretch);
-    EXPECT_EQ(g->idata[0], o.escape) << re;
+    EXPECT_EQ(g->idata[0], o.escape) << re << (serial ? " serial" : "");
     EXPECT_EQ(g->stop, 1);
     EXPECT_EQ(owner.ends.load(), stretch);
     deletegroup(g);
@@ -558,6 +568,102 @@ TEST(Computer, StopBeforeAStretchRunsItAndNoFurtherOne) {
   deletegroup(g);
   mpf_clear(cre);
   mpf_clear(cim);
+}
+
+TEST(Computer, ARunKeepsItsThreadsLentFromItsFirstStretchToItsLast) {
+  for (bool serial : {false, true}) {
+    Engine e(6);
+    const mp_bitcnt_t bits = 256;
+    e.context->serialcomputerbits = serial ? bits : 0;
+    mpf_t cre, cim;
+    mpf_init2(cre, bits);
+    mpf_init2(cim, bits);
+    insidepoint(cre, cim, bits, 9);
+    OWNER owner;
+    COMPUTERGROUP* g = rungraph(e, bits, cre, cim, false, 3, owner);
+    // While the owner decides, the stretch that ended still counts; after
+    // the last one nothing does (`rungraph`).
+    int width = serial ? 1 : COMPUTERWIDTH_ITER;
+    EXPECT_EQ(owner.endwidthlow, width) << serial;
+    EXPECT_EQ(owner.endwidthhigh, width) << serial;
+    ORBIT o(bits);
+    sequential(cre, cim, 3 * NCOMPUTERSTRETCH, bits, o);
+    expectsame(g, o);
+    deletegroup(g);
+    mpf_clear(cre);
+    mpf_clear(cim);
+  }
+}
+
+// x^2 + y^2 >= 4 as the plain core decides it, against the sum at the
+// node's precision: whole parts on both sides of every bound the core
+// might take a shortcut at, fractions that carry a sum over 4 only in the
+// last limb, numbers of 2^64 and above, zeros and negative numbers.
+TEST(Computer, CoreTellsTheEscapeAsTheSumAtItsPrecisionDoes) {
+  gmp_randstate_t r;
+  gmp_randinit_default(r);
+  for (mp_bitcnt_t bits : {64u, 256u, 1000u}) {
+    PAIRGROUP t(bits);
+    COMPUTERGROUP* g = &t.g;
+    COMPUTER* core = standardcomputerd(g, __itercore, 77, t.x, t.y);
+    mpf_t sum, ulp, v;
+    mpf_init2(sum, bits);
+    mpf_init2(ulp, bits);
+    mpf_init2(v, bits + 128);
+    std::vector<mpf_ptr> terms;
+    auto add = [&](double d) {
+      mpf_ptr p = new __mpf_struct;
+      mpf_init2(p, bits);
+      mpf_set_d(p, d);
+      terms.push_back(p);
+      return p;
+    };
+    for (double d : {0.0, 0.25, 0.999999, 1.0, 1.5, 2.0, 2.5, 3.0, 3.5, 4.0, 5.0, 1e19, 2e19,
+                     1e30, 1e-30, -1.0, -5.0, -1e30})
+      add(d);
+    // Just under and over whole numbers, by one unit of the last limb kept.
+    mpf_set_ui(ulp, 1);
+    mpf_div_2exp(ulp, ulp, (bits / GMP_NUMB_BITS + 1) * GMP_NUMB_BITS - 8);
+    for (int w = 0; w <= 4; w++) {
+      mpf_sub(add(w), terms.back(), ulp);
+      mpf_add(add(w), terms.back(), ulp);
+    }
+    for (int k = 0; k < 60; k++) {
+      // A random fraction f and its complement to 4 - w: the two sum to 4
+      // within a few last limbs either way.
+      mpf_urandomb(v, r, bits + 128);
+      mpf_ptr f = add(0);
+      mpf_add_ui(f, v, k % 4);
+      mpf_ptr c = add(0);
+      mpf_ui_sub(c, 4, f);
+      if (k % 3 == 1) mpf_add(c, c, ulp);
+      if (k % 3 == 2) mpf_sub(c, c, ulp);
+    }
+    int escapes = 0, stays = 0;
+    for (size_t i = 0; i < terms.size(); i++)
+      for (size_t j = 0; j < terms.size(); j++) {
+        mpf_set(t.x->data, terms[i]);
+        mpf_set(t.y->data, terms[j]);
+        mpf_add(sum, t.x->data, t.y->data);
+        bool want = mpf_cmp_ui(sum, 4) >= 0;
+        g->idata[0] = COMPUTER_NOESCAPE;
+        g->stop = 0;
+        core->compute(core);
+        EXPECT_EQ(g->idata[0] == 77, want) << bits << " bits, terms " << i << ", " << j;
+        EXPECT_EQ(g->stop == 1, want);
+        (want ? escapes : stays)++;
+      }
+    EXPECT_GT(escapes, 100);
+    EXPECT_GT(stays, 100);
+    for (mpf_ptr p : terms) {
+      mpf_clear(p);
+      delete p;
+    }
+    mpf_clear(sum);
+    mpf_clear(ulp);
+    mpf_clear(v);
+  }
+  gmp_randclear(r);
 }
 
 // ---------------------------------------------------------------- long orbits
