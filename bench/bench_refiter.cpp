@@ -41,11 +41,13 @@ std::atomic<int> stretchends{0};
 // by the end of the one before on the main thread, as the engine's own runs
 // go on; the benchmark's thread sleeps on the count meanwhile, rather than
 // yield, since it would otherwise take a core from the graph's spinning
-// threads. ORVANTA_BENCH_RUNSTRETCHES makes the runs longer: waking the
-// benchmark's thread and the main thread at each run's start and end takes
-// milliseconds on a loaded machine, where a run of 16 stretches at 256 bits
-// lasts about two, and an orbit of the engine is one run of hundreds.
-constexpr int RUNSTRETCHES = 16;
+// threads. A run is an orbit of 100,352 rounds, as long as the long orbit
+// tests', since an orbit of the engine is one run of hundreds of stretches:
+// waking the benchmark's thread and the main thread at a run's start and
+// end takes milliseconds on a loaded machine, which in a run of a few
+// stretches at 256 bits (two milliseconds of work for 16) would be timed as
+// the graph's. ORVANTA_BENCH_RUNSTRETCHES sets another length.
+constexpr int RUNSTRETCHES = 196;
 int runstretches() {
   const char* n = getenv("ORVANTA_BENCH_RUNSTRETCHES");
   int k = n ? atoi(n) : 0;
