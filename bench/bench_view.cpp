@@ -4,9 +4,14 @@
 // complete, the time from a zoom by 2 to the first draw list built after it.
 #include <benchmark/benchmark.h>
 
+#include <gmp.h>
+
 #include <chrono>
+#include <cstdlib>
+#include <string>
 #include <thread>
 
+#include "juliastack.h"
 #include "viewrun.h"
 
 namespace {
@@ -156,8 +161,243 @@ void BM_View1e1000StackReady(benchmark::State& state) {
 void BM_View1e1000AgainWithStack(benchmark::State& state) { againtime(state, true); }
 void BM_View1e1000AgainWithoutStack(benchmark::State& state) { againtime(state, false); }
 
+// ---------------------------------------------------------------- next to a minibrot at depth 1,000
+//
+// A minibrot of period 1330 about 1e-500 from i, of size about 1e-1000:
+// near a Misiurewicz point of multiplier m, the atoms at distance eps have
+// periods of about 2 log(1/eps) / log|m| and sizes of about eps^2 (i: a
+// cycle of period 2, m = 4 (1 + i)). Its nucleus is found by Newton from
+// i + 1e-500 (0.7 + 0.3i), where it converges in 15 steps; the view is put
+// in the minibrot's own frame, w = lambda z, where one period acts as
+// w -> w^2 + c' with c' = lambda D (c - c0) (lambda the product of 2 z_k
+// over the period, D = dz_P/dc), so that the view shows the same place next
+// to the minibrot as c' shows next to the whole set.
+constexpr unsigned MINIPERIOD = 1330;
+constexpr mp_bitcnt_t MINIBITS = 4800;
+
+struct MPC {
+  mpf_t x, y;
+  MPC() {
+    mpf_init2(x, MINIBITS);
+    mpf_init2(y, MINIBITS);
+  }
+  ~MPC() {
+    mpf_clear(x);
+    mpf_clear(y);
+  }
+};
+
+// a = a b
+void mpcmul(MPC& a, const MPC& b) {
+  MPC t;
+  mpf_t u;
+  mpf_init2(u, MINIBITS);
+  mpf_mul(t.x, a.x, b.x);
+  mpf_mul(u, a.y, b.y);
+  mpf_sub(t.x, t.x, u);
+  mpf_mul(t.y, a.x, b.y);
+  mpf_mul(u, a.y, b.x);
+  mpf_add(t.y, t.y, u);
+  mpf_set(a.x, t.x);
+  mpf_set(a.y, t.y);
+  mpf_clear(u);
+}
+
+// a = a / b
+void mpcdiv(MPC& a, const MPC& b) {
+  MPC conj;
+  mpf_set(conj.x, b.x);
+  mpf_neg(conj.y, b.y);
+  mpf_t n;
+  mpf_init2(n, MINIBITS);
+  mpf_mul(n, b.x, b.x);
+  mpf_t u;
+  mpf_init2(u, MINIBITS);
+  mpf_mul(u, b.y, b.y);
+  mpf_add(n, n, u);
+  mpcmul(a, conj);
+  mpf_div(a.x, a.x, n);
+  mpf_div(a.y, a.y, n);
+  mpf_clear(u);
+  mpf_clear(n);
+}
+
+// Runs the period from z = 0 at c: z_P into z, dz_P/dc into d and the
+// product of 2 z_k (k = 1 .. P - 1) into lambda.
+void period(const MPC& c, MPC& z, MPC& d, MPC& lambda) {
+  MPC two;
+  mpf_set_ui(z.x, 0);
+  mpf_set_ui(z.y, 0);
+  mpf_set_ui(d.x, 0);
+  mpf_set_ui(d.y, 0);
+  mpf_set_ui(lambda.x, 1);
+  mpf_set_ui(lambda.y, 0);
+  for (unsigned k = 0; k < MINIPERIOD; k++) {
+    if (k > 0) {
+      mpf_mul_2exp(two.x, z.x, 1);
+      mpf_mul_2exp(two.y, z.y, 1);
+      mpcmul(lambda, two);
+    }
+    // d = 2 z d + 1, z = z^2 + c
+    mpf_mul_2exp(two.x, z.x, 1);
+    mpf_mul_2exp(two.y, z.y, 1);
+    mpcmul(d, two);
+    mpf_add_ui(d.x, d.x, 1);
+    MPC sq;
+    mpf_set(sq.x, z.x);
+    mpf_set(sq.y, z.y);
+    mpcmul(sq, z);
+    mpf_add(z.x, sq.x, c.x);
+    mpf_add(z.y, sq.y, c.y);
+  }
+}
+
+std::string decimal(mpf_srcptr v, size_t digits) {
+  mp_exp_t e;
+  char* s = mpf_get_str(nullptr, &e, 10, digits, v);
+  std::string text(s);
+  free(s);
+  bool negative = !text.empty() && text[0] == '-';
+  if (negative) text.erase(0, 1);
+  if (text.empty()) return "0";
+  return (negative ? "-0." : "0.") + text + "e" + std::to_string(static_cast<long>(e));
+}
+
+// Main thread: the iterations the view's tiles took, as their jobs counted
+// them (the list not being built is empty).
+int64_t viewiterations(const VIEWPORT* v) {
+  int64_t n = 0;
+  for (int i = 0; i < 2; i++)
+    for (int k = 0; k < v->iviewportarea[i]; k++) n += v->viewportarea[i][k].a->statiterations;
+  return n;
+}
+
+// The view next to the minibrot at c' = (cre, cim) in its own frame, a
+// longer side of `span` there: found once, kept for all benchmarks.
+VIEWARGS miniargs(double cre, double cim, double span) {
+  VIEWARGS a = benchargs();
+  MPC c, z, d, lambda;
+  mpf_set_str(c.x, "0.7e-500", 10);
+  mpf_set_str(c.y, "0.3e-500", 10);
+  mpf_add_ui(c.y, c.y, 1);
+  for (int step = 0; step < 40; step++) {
+    period(c, z, d, lambda);
+    mpcdiv(z, d);
+    mpf_sub(c.x, c.x, z.x);
+    mpf_sub(c.y, c.y, z.y);
+    long ex = 0, ey = 0;
+    double sx = mpf_get_d_2exp(&ex, z.x), sy = mpf_get_d_2exp(&ey, z.y);
+    if ((sx == 0 || ex < -static_cast<long>(MINIBITS) + 64) && (sy == 0 || ey < -static_cast<long>(MINIBITS) + 64))
+      break;
+  }
+  period(c, z, d, lambda);
+  // c = c0 + c' / (lambda D)
+  mpcmul(lambda, d);
+  MPC off;
+  mpf_set_d(off.x, cre);
+  mpf_set_d(off.y, cim);
+  mpcdiv(off, lambda);
+  mpf_add(c.x, c.x, off.x);
+  mpf_add(c.y, c.y, off.y);
+  mpf_t n;
+  mpf_init2(n, MINIBITS);
+  mpf_mul(n, lambda.x, lambda.x);
+  mpf_t u;
+  mpf_init2(u, MINIBITS);
+  mpf_mul(u, lambda.y, lambda.y);
+  mpf_add(n, n, u);
+  mpf_sqrt(n, n);
+  mpf_set_d(u, span);
+  mpf_div(u, u, n);
+  a.positioned = true;
+  a.re = decimal(c.x, 1100);
+  a.im = decimal(c.y, 1100);
+  a.span = decimal(u, 20);
+  mpf_clear(u);
+  mpf_clear(n);
+  return a;
+}
+
+// Outside the minibrot, where its seahorse valley would be: pixels go round
+// the period a few dozen times before they escape.
+const VIEWARGS& minibrotview() {
+  static const VIEWARGS a = miniargs(-0.75, 0.2, 0.5);
+  return a;
+}
+
+// The levels the minibrot view needs: the time from activation until they
+// are all ready (up to `validjuliastack`), given up after five minutes.
+void BM_ViewMinibrot1e1000StackReady(benchmark::State& state) {
+  int valid = -1, ready = -1;
+  bool complete = false;
+  int bypass = 0;
+  for (auto _ : state) {
+    VIEWRUN run;
+    if (!startfinished(state, &run, minibrotview())) break;
+    double end = nowms() + 300000;
+    while (!complete && nowms() < end) {
+      viewonmain(&run, [&](OVCONTEXT*) {
+        REALM* jr = run.juliarealm;
+        valid = jr ? jr->validjuliastack : -1;
+        ready = jr ? atomicload(&jr->readyjuliastack) : -1;
+        complete = valid >= 0 && ready >= valid;
+        bypass = 0;
+        for (int s = 0; jr && jr->juliastack && s <= valid; s++) bypass += jr->juliastack[s].bypass;
+      });
+      if (!complete) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    state.SetIterationTime((nowms() - run.activated) / 1000);
+    stopviewrun(&run);
+    endviewrun(&run);
+  }
+  state.counters["levels_needed"] = valid + 1;
+  state.counters["levels_ready"] = ready + 1;
+  state.counters["bypass_levels"] = bypass;
+  state.counters["complete"] = complete;
+}
+
+// The minibrot view computed again once it is complete and its stack is
+// ready (at most five minutes' wait), with and without the stack.
+void miniagain(benchmark::State& state, bool stack) {
+  VIEWARGS args = minibrotview();
+  args.hasflags = true;
+  args.flags = stack ? R_DEFAULT : R_DEFAULT & ~(R_JULIACORRECT | R_BYPASS);
+  VIEWRUN run;
+  if (!startfinished(state, &run, args)) return;
+  VIEWPORT* v = run.viewport.load();
+  int usable = -1;
+  double end = nowms() + 300000;
+  for (bool ready = !stack; !ready && nowms() < end;) {
+    viewonmain(&run, [&](OVCONTEXT*) {
+      REALM* jr = run.juliarealm;
+      usable = juliastackusable(jr);
+      ready = usable >= 0 && usable >= jr->validjuliastack;
+    });
+    if (!ready) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  int finishes = 1;
+  int64_t iterations = 0;
+  for (auto _ : state) {
+    double t0 = nowms();
+    redraw(run.context, v);
+    waitviewfinish(&run, ++finishes, 0);
+    state.SetIterationTime((nowms() - t0) / 1000);
+  }
+  viewonmain(&run, [&](OVCONTEXT*) { iterations = viewiterations(v); });
+  stopviewrun(&run);
+  endviewrun(&run);
+  state.counters["usable_level"] = usable;
+  state.counters["iterations"] = static_cast<double>(iterations);
+}
+
+void BM_ViewMinibrot1e1000AgainWithStack(benchmark::State& state) { miniagain(state, true); }
+void BM_ViewMinibrot1e1000AgainWithoutStack(benchmark::State& state) { miniagain(state, false); }
+
 }  // namespace
 
+BENCHMARK(BM_ViewMinibrot1e1000StackReady)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ViewMinibrot1e1000AgainWithStack)->UseManualTime()->Iterations(2)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ViewMinibrot1e1000AgainWithoutStack)->UseManualTime()->Iterations(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_View1e1000StackReady)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_View1e1000AgainWithStack)->UseManualTime()->Iterations(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_View1e1000AgainWithoutStack)->UseManualTime()->Iterations(2)->Unit(benchmark::kMillisecond);
