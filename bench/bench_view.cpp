@@ -287,8 +287,8 @@ VIEWARGS miniargs(double cre, double cim, double span) {
     mpf_sub(c.y, c.y, z.y);
     long ex = 0, ey = 0;
     double sx = mpf_get_d_2exp(&ex, z.x), sy = mpf_get_d_2exp(&ey, z.y);
-    if ((sx == 0 || ex < -static_cast<long>(MINIBITS) + 64) && (sy == 0 || ey < -static_cast<long>(MINIBITS) + 64))
-      break;
+    const long tiny = 64 - static_cast<long>(MINIBITS);
+    if ((sx == 0 || ex < tiny) && (sy == 0 || ey < tiny)) break;
   }
   period(c, z, d, lambda);
   // c = c0 + c' / (lambda D)

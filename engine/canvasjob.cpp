@@ -175,7 +175,8 @@ PREPIXEL* innertarget(WORKER* worker) {
 REALM* correctingrealm(const AREA* a) {
   REALM* r = a->realm;
   if (!(r->flags & R_JULIACORRECT)) return nullptr;
-  if (r->type == GENERAL) return juliastackhandoff(a->juliarealm, a->depth) >= 0 ? a->juliarealm : nullptr;
+  if (r->type == GENERAL)
+    return juliastackhandoff(a->juliarealm, a->depth, a->e) >= 0 ? a->juliarealm : nullptr;
   if (r->type != JULIA || !r->juliastack) return nullptr;
   return atomicload(&r->readyjuliastack) >= 0 ? r : nullptr;
 }
@@ -342,7 +343,7 @@ bool processarea(OVCONTEXT* context, AREA* a) {
     // A general tile's pixels stop for the stack no deeper than the levels
     // that are ready and hold the whole view: the kernels' derivative bound
     // and the level its pixels may name.
-    if (r->type == GENERAL) w->idata[JOB_DBOUND] = juliastackhandoff(stack, a->depth);
+    if (r->type == GENERAL) w->idata[JOB_DBOUND] = juliastackhandoff(stack, a->depth, a->e);
     // The tiles are taken once the pixels are final.
     attachrealm(stack);
     w->pdata[JOB_REALM] = stack;

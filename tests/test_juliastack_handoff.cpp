@@ -1,7 +1,7 @@
 // Which levels of its Julia realm's stack a general view's tile hands its
-// pixels to: only levels that are ready and hold the whole view, and only
-// where they reach deep enough, against the tile's depth, to skip a part of
-// its orbits worth the correction.
+// pixels to: only levels that are ready and hold the whole view, only where
+// they reach deep enough, against the tile's depth, to skip a part of its
+// orbits worth the correction, and only over a periodic environment.
 #include <gtest/gtest.h>
 
 #include "juliastack.h"
@@ -11,9 +11,18 @@ using namespace viewporttest;
 
 namespace {
 
+// Environments that are only read for their kind.
+ENVIRONMENT periodic() {
+  ENVIRONMENT e{};
+  e.flags = E_PERIODIC;
+  return e;
+}
+ENVIRONMENT plain() { return ENVIRONMENT{}; }
+
 struct HANDOFF {
   TileEngine engine{4, false};
   REALM* julia = nullptr;
+  ENVIRONMENT e = periodic();
 
   HANDOFF() { julia = newrealm(engine, JULIA, R_BYPASS | R_JULIACORRECT); }
   ~HANDOFF() {
@@ -31,7 +40,7 @@ struct HANDOFF {
   }
   int handoff(int depth) {
     int level = -2;
-    engine.onmain([&](OVCONTEXT*) { level = juliastackhandoff(julia, depth); });
+    engine.onmain([&](OVCONTEXT*) { level = juliastackhandoff(julia, depth, &e); });
     return level;
   }
   int usable() {
@@ -81,15 +90,28 @@ TEST(JuliaStackHandoff, ATileUsesTheStackOnlyWhereItsLevelsReachAQuarterOfItsDep
   EXPECT_EQ(f.handoff(100), -1);
 }
 
+TEST(JuliaStackHandoff, OnlyATileOverAPeriodicEnvironmentUsesTheStack) {
+  HANDOFF f;
+  ASSERT_NE(f.julia, nullptr);
+  f.set(1656, 1656);
+  EXPECT_EQ(f.handoff(3330), 1656);
+  // A plain orbit (the view next to i, whose point is no period's) does
+  // not come back near 0: its levels would skip nothing.
+  f.e = plain();
+  EXPECT_EQ(f.handoff(3330), -1);
+  f.engine.onmain([&](OVCONTEXT*) { EXPECT_EQ(juliastackhandoff(f.julia, 3330, nullptr), -1); });
+}
+
 TEST(JuliaStackHandoff, ARealmWithoutAStackServesNoTile) {
   EXPECT_EQ(juliastackusable(nullptr), -1);
-  EXPECT_EQ(juliastackhandoff(nullptr, 1000), -1);
+  ENVIRONMENT e = periodic();
+  EXPECT_EQ(juliastackhandoff(nullptr, 1000, &e), -1);
   HANDOFF f;
   ASSERT_NE(f.julia, nullptr);
   REALM* general = newrealm(f.engine, GENERAL);
   f.engine.onmain([&](OVCONTEXT*) {
     EXPECT_EQ(juliastackusable(general), -1);
-    EXPECT_EQ(juliastackhandoff(general, 1000), -1);
+    EXPECT_EQ(juliastackhandoff(general, 1000, &e), -1);
   });
   detachrealm(f.engine.context, general);
 }
