@@ -7,8 +7,11 @@
 #include <gmp.h>
 
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
+#include <map>
 #include <string>
+#include <vector>
 #include <thread>
 
 #include "juliastack.h"
@@ -272,6 +275,39 @@ int64_t viewiterations(const VIEWPORT* v) {
   return n;
 }
 
+// Main thread: the count channel of each of the view's tiles.
+std::map<const AREA*, std::vector<float>> viewcounts(const VIEWPORT* v) {
+  std::map<const AREA*, std::vector<float>> counts;
+  for (int i = 0; i < 2; i++)
+    for (int k = 0; k < v->iviewportarea[i]; k++) {
+      const AREA* a = v->viewportarea[i][k].a;
+      const TEXTURE* t = a->texture[3];
+      if (!t || !t->pixels) continue;
+      const float* p = static_cast<const float*>(t->pixels);
+      counts[a].assign(p, p + TEXTURESIZE * TEXTURESIZE);
+    }
+  return counts;
+}
+
+// The share of the pixels of the tiles both hold whose counts agree: the
+// same escape count within 1, or both interior, or both unknown.
+double countagreement(const std::map<const AREA*, std::vector<float>>& a,
+                      const std::map<const AREA*, std::vector<float>>& b) {
+  long same = 0, all = 0;
+  for (const auto& [area, x] : a) {
+    auto it = b.find(area);
+    if (it == b.end()) continue;
+    const std::vector<float>& y = it->second;
+    for (size_t k = 0; k < x.size(); k++) {
+      all++;
+      bool inner = x[k] < 0 && y[k] < 0;
+      bool escape = x[k] > 0 && y[k] > 0 && std::abs(x[k] - y[k]) <= 1;
+      if (inner || escape || (x[k] == 0 && y[k] == 0)) same++;
+    }
+  }
+  return all ? static_cast<double>(same) / all : 0;
+}
+
 // The view next to the minibrot at c' = (cre, cim) in its own frame, a
 // longer side of `span` there: found once, kept for all benchmarks.
 VIEWARGS miniargs(double cre, double cim, double span) {
@@ -347,7 +383,8 @@ STACKSTATE stackstate(VIEWRUN* run) {
 // hour; then the view computed again with the stack (the benchmark's time),
 // and twice without it (`R_JULIACORRECT` cleared on the general realm, so
 // that its tiles iterate every pixel against the view's reference), with
-// the iterations the view's tiles took each way.
+// the iterations the view's tiles took each way and the share of pixels
+// whose counts agree.
 void BM_ViewMinibrot1e1000(benchmark::State& state) {
   VIEWARGS args = minibrotview();
   args.width = 512;
@@ -374,7 +411,11 @@ void BM_ViewMinibrot1e1000(benchmark::State& state) {
     double with = nowms() - t0;
     state.SetIterationTime(with / 1000);
     int64_t iterwith = 0;
-    viewonmain(&run, [&](OVCONTEXT*) { iterwith = viewiterations(v); });
+    std::map<const AREA*, std::vector<float>> countswith, countswithout;
+    viewonmain(&run, [&](OVCONTEXT*) {
+      iterwith = viewiterations(v);
+      countswith = viewcounts(v);
+    });
     // Off: every tile is made anew under the other flag; then once more.
     switchflag(run.context, run.realm, 0, R_JULIACORRECT);
     t0 = nowms();
@@ -385,7 +426,11 @@ void BM_ViewMinibrot1e1000(benchmark::State& state) {
     waitviewfinish(&run, ++finishes, 0);
     double without2 = nowms() - t0;
     int64_t iterwithout = 0;
-    viewonmain(&run, [&](OVCONTEXT*) { iterwithout = viewiterations(v); });
+    viewonmain(&run, [&](OVCONTEXT*) {
+      iterwithout = viewiterations(v);
+      countswithout = viewcounts(v);
+    });
+    state.counters["counts_agree"] = countagreement(countswith, countswithout);
     state.counters["again_with_ms"] = with;
     state.counters["again_without_ms"] = std::min(without1, without2);
     state.counters["iterations_with"] = static_cast<double>(iterwith);
