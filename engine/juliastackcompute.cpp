@@ -14,7 +14,10 @@ namespace {
 constexpr unsigned int TILEJOBREALMBITS = 0x100050f6;
 constexpr unsigned int TILEJOBBITS = 0x20900000;
 
-constexpr int PRIOLATER = 20;
+// A level nobody waits for yet is built behind every tile a view asks for:
+// a deep stack takes minutes of canvas jobs, and the view in front of the
+// user comes first. Levels an area waits on are raised to 0.
+constexpr int PRIOLATER = NWORKERPRIO - 1;
 
 int tilesperside(const JULIASTACKDATA* L) { return 1 << L->sizeshift; }
 

@@ -2,8 +2,11 @@
 // fits the stack to the view's environments. Started without one, they take
 // the realm's environment as their anchor at their true offset and become
 // ready; a level that cannot start at all ends the valid stack below it, so
-// that the levels a view needs do not stay short of ready for good.
+// that the levels a view needs do not stay short of ready for good. Levels
+// nobody waits for are built behind the tiles of the views.
 #include <gtest/gtest.h>
+
+#include <vector>
 
 #include "juliastack.h"
 #include "juliastackrun.h"
@@ -127,4 +130,26 @@ TEST(JuliaStackAnchor, ALevelThatCannotStartWhenItsTurnComesEndsTheValidStack) {
     EXPECT_EQ(f.julia->calcjuliastack, BAD - 1);
     EXPECT_EQ(atomicload(&f.julia->readyjuliastack), BAD - 1);
   });
+}
+
+TEST(JuliaStackAnchor, LevelsNobodyWaitsForQueueBehindEveryViewTile) {
+  ANCHOR f(3, false);
+  std::vector<int> prios;
+  f.engine.onmain([&](OVCONTEXT* c) {
+    f.julia->priojuliastack = 0;
+    adjustjuliastack(c, f.julia, 3, false);
+    for (int s = 0; s <= 3; s++) {
+      const JULIASTACKDATA& L = f.level(s);
+      for (int y = 0; y < (1 << L.sizeshift); y++)
+        for (int x = 0; x < (1 << L.sizeshift); x++)
+          if (L.w[y][x]) prios.push_back(s * 1000 + L.w[y][x]->prio);
+    }
+  });
+  ASSERT_FALSE(prios.empty());
+  for (int p : prios) {
+    int s = p / 1000, prio = p % 1000;
+    // Level 0 is wanted now; the others wait behind the least urgent tile.
+    EXPECT_EQ(prio, s == 0 ? 0 : NWORKERPRIO - 1) << "level " << s;
+  }
+  EXPECT_TRUE(f.build(3, 40));
 }
