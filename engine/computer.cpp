@@ -46,28 +46,6 @@ void saturate(mpf_ptr d, mpf_srcptr a, mpf_srcptr b) {
     mpf_set_ui(d, 0);
 }
 
-// The whole part of a non-negative number, or 4 for any from 4 on.
-mp_limb_t wholeupto4(mpf_srcptr a) {
-  if (a->_mp_size == 0 || a->_mp_exp <= 0) return 0;
-  if (a->_mp_exp > 1) return 4;
-  mp_limb_t w = a->_mp_d[a->_mp_size - 1];
-  return w < 4 ? w : 4;
-}
-
-// Whether a + b >= 4, from the whole parts of two non-negative numbers: 1
-// when they reach 4, 0 when they stay under 3 (each fraction is under 1),
-// -1 when only the sum can tell. No node reads the core's sum, only its
-// test, and most rounds of an orbit are far from 4, so the addition is
-// mostly saved. The answer is the one the sum at the node's precision
-// gives: that sum keeps the limbs of both whole parts (at most two) and is
-// never above the exact one.
-int pastfour(mpf_srcptr a, mpf_srcptr b) {
-  if (a->_mp_size < 0 || b->_mp_size < 0) return -1;
-  mp_limb_t w = wholeupto4(a) + wholeupto4(b);
-  if (w >= 4) return 1;
-  return w < 3 ? 0 : -1;
-}
-
 int limbs(mpf_srcptr a) { return a->_mp_size < 0 ? -a->_mp_size : a->_mp_size; }
 
 // The part of an operand that mpf_mul into `c`'s data would use: its top
@@ -296,12 +274,9 @@ COMPUTER* __dimagitercomputer(COMPUTER* c) {
 // Cores of later rounds may run first, so the escape iteration only ever
 // goes down; `stop` then tells the owner to start no further stretch.
 COMPUTER* __itercore(COMPUTER* c) {
-  int past = pastfour(in(c, 0), in(c, 1));
-  if (past < 0) {
-    mpf_add(c->data, in(c, 0), in(c, 1));
-    past = mpf_cmp_ui(c->data, 4) >= 0;
-  }
-  if (past) {
+  // The sum stays in `data`: the end of a stretch reads |z|^2 there.
+  mpf_add(c->data, in(c, 0), in(c, 1));
+  if (mpf_cmp_ui(c->data, 4) >= 0) {
     COMPUTERGROUP* g = c->computergroup;
     ITER n = c->idata[0];
     for (;;) {
