@@ -5,6 +5,7 @@
 
 #include "glcontext.h"
 // after the loader
+#include "schemedraw.h"
 #include <turbojpeg.h>
 #include <unistd.h>
 
@@ -18,7 +19,12 @@
 
 namespace {
 
-constexpr int SIZE = 256;  // one tile, drawn one texel a pixel
+using schemedraw::brightnessfactor;
+using schemedraw::filled;
+using schemedraw::itertexel;
+using schemedraw::PIXELS;
+using schemedraw::SIZE;
+using schemedraw::TILE;
 
 class ColorschemeGlTest : public ::testing::Test {
  protected:
@@ -50,116 +56,17 @@ std::string compile(Colorscheme* cs) {
 
 // ---------------------------------------------------------------- drawing
 
-using TILE = std::vector<float>;  // SIZE x SIZE, row 0 first
-
-TILE filled(float (*f)(int x, int y)) {
-  TILE t(SIZE * SIZE);
-  for (int y = 0; y < SIZE; y++)
-    for (int x = 0; x < SIZE; x++) t[y * SIZE + x] = f(x, y);
-  return t;
-}
-
-// An iteration count as the engine stores it: count / 2^30.
-float itertexel(int iter) { return static_cast<float>(std::ldexp(static_cast<double>(iter), -30)); }
-
-struct PIXELS {
-  std::vector<unsigned char> rgba;
-  std::array<int, 3> at(int x, int y) const {
-    const unsigned char* p = &rgba[(y * SIZE + x) * 4];
-    return {p[0], p[1], p[2]};
-  }
-};
-
-// Draws one tile rectangle as the display does: the channel tiles of the
-// scheme bound from unit 2 in rising channel order, the correction in the
-// colour's alpha scaled by 2^-32, texture coordinates 0 to 1 over the
-// framebuffer; and reads the framebuffer back.
+// One tile rectangle drawn as the display draws it, with no GL error.
 PIXELS draw(Colorscheme* cs, const std::vector<TILE>& tiles, const Params& params, const Uniforms& uniforms,
             double correction = 1.0) {
-  GLuint fbo = 0, target = 0;
-  glGenTextures(1, &target);
-  glBindTexture(GL_TEXTURE_2D, target);
-  glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, SIZE, SIZE, 0, GL_RGBA, GL_UNSIGNED_BYTE, NULL);
-  glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-  glGenFramebuffers(1, &fbo);
-  glBindFramebuffer(GL_FRAMEBUFFER, fbo);
-  glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, target, 0);
-  EXPECT_EQ(glCheckFramebufferStatus(GL_FRAMEBUFFER), static_cast<GLenum>(GL_FRAMEBUFFER_COMPLETE));
-
-  std::vector<GLuint> names(tiles.size());
-  if (!names.empty()) glGenTextures(static_cast<GLsizei>(names.size()), names.data());
-  for (size_t i = 0; i < tiles.size(); i++) {
-    glActiveTexture(GL_TEXTURE2 + static_cast<GLenum>(i));
-    glBindTexture(GL_TEXTURE_2D, names[i]);
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_R32F, SIZE, SIZE, 0, GL_RED, GL_FLOAT, tiles[i].data());
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
-  }
-  glActiveTexture(GL_TEXTURE0);
-
-  glViewport(0, 0, SIZE, SIZE);
-  glDisable(GL_BLEND);
-  glClearColor(0.5f, 0.5f, 0.5f, 1);
-  glClear(GL_COLOR_BUFFER_BIT);
-  glMatrixMode(GL_PROJECTION);
-  glLoadIdentity();
-  glMatrixMode(GL_MODELVIEW);
-  glLoadIdentity();
-  glUseProgram(cs->prog);
-  loadParams(cs->prog, &uniforms, &params, cs);
-  glBegin(GL_TRIANGLE_STRIP);
-  glColor4d(0, 0, 0, correction * std::ldexp(1.0, -32));
-  glTexCoord2d(0, 0);
-  glVertex2d(-1, -1);
-  glTexCoord2d(1, 0);
-  glVertex2d(1, -1);
-  glTexCoord2d(0, 1);
-  glVertex2d(-1, 1);
-  glTexCoord2d(1, 1);
-  glVertex2d(1, 1);
-  glEnd();
-  glUseProgram(0);
-
-  PIXELS out;
-  out.rgba.resize(SIZE * SIZE * 4);
-  glPixelStorei(GL_PACK_ALIGNMENT, 1);
-  glReadPixels(0, 0, SIZE, SIZE, GL_RGBA, GL_UNSIGNED_BYTE, out.rgba.data());
+  PIXELS out = schemedraw::draw(cs, tiles, params, uniforms, correction);
   EXPECT_EQ(glGetError(), static_cast<GLenum>(GL_NO_ERROR));
-  glBindFramebuffer(GL_FRAMEBUFFER, 0);
-  glDeleteFramebuffers(1, &fbo);
-  glDeleteTextures(1, &target);
-  if (!names.empty()) glDeleteTextures(static_cast<GLsizei>(names.size()), names.data());
   return out;
 }
 
-// The palette as the prelude's `pal` computes it, from the values
-// `loadParams` sends, in 8-bit steps.
+// The palette as the prelude's `pal` computes it, in 8-bit steps.
 std::array<int, 3> cpupal(const Params& p, float iter, float brightness) {
-  double c[3] = {0, 0, 0};
-  for (int i = 0; i < p.ncolor; i++) {
-    double f = std::exp(p.color[i].frequency + p.frequency);
-    double s = 0.5 * (1 + std::sin(iter * f + p.color[i].initial + p.initial));
-    c[0] += p.color[i].c.x * s;
-    c[1] += p.color[i].c.y * s;
-    c[2] += p.color[i].c.z * s;
-  }
-  double m = 0;
-  for (double& v : c) m = std::max(m, v *= brightness);
-  std::array<int, 3> out;
-  for (int k = 0; k < 3; k++) out[k] = static_cast<int>(std::lround(255 * (m > 1 ? c[k] / m : c[k])));
-  return out;
-}
-
-float brightnessfactor(const Params& p) {
-  float s[3] = {0, 0, 0};
-  for (int i = 0; i < p.ncolor; i++) {
-    s[0] += p.color[i].c.x;
-    s[1] += p.color[i].c.y;
-    s[2] += p.color[i].c.z;
-  }
-  return std::max({0.0f, s[0], s[1], s[2]});
+  return schemedraw::bytes(schemedraw::pal(p, iter, brightness));
 }
 
 void expectnear(std::array<int, 3> got, std::array<int, 3> want, int tolerance, const char* what) {
