@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Mandelbrot.h"
+#include "mpforbit.h"
 #include "refiter.h"
 
 namespace atomtest {
@@ -26,26 +27,7 @@ inline void nucleus(mpf_t cx, mpf_t cy, unsigned n) {
     mpf_set_ui(zy, 0);
     mpf_set_ui(dx, 0);
     mpf_set_ui(dy, 0);
-    for (unsigned k = 0; k < n; k++) {
-      // dz = 2 z dz + 1
-      mpf_mul(t, zx, dx);
-      mpf_mul(u, zy, dy);
-      mpf_sub(t, t, u);
-      mpf_mul(u, zx, dy);
-      mpf_mul(q, zy, dx);
-      mpf_add(u, u, q);
-      mpf_mul_2exp(dx, t, 1);
-      mpf_add_ui(dx, dx, 1);
-      mpf_mul_2exp(dy, u, 1);
-      // z = z^2 + c
-      mpf_mul(t, zx, zx);
-      mpf_mul(u, zy, zy);
-      mpf_sub(t, t, u);
-      mpf_mul(u, zx, zy);
-      mpf_mul_2exp(zy, u, 1);
-      mpf_add(zy, zy, cy);
-      mpf_add(zx, t, cx);
-    }
+    for (unsigned k = 0; k < n; k++) mpforbit::step(zx, zy, dx, dy, cx, cy, t, u, q);
     // c -= z / dz
     mpf_mul(t, dx, dx);
     mpf_mul(u, dy, dy);
