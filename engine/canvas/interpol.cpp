@@ -556,6 +556,18 @@ void interpolarea(OVCONTEXT* context, typename T::CANVAS* canvas, int i, typenam
 }
 
 // Handles one live cell whose corners have been brought forward.
+// The count that bounds interpolation. Without an escape on the canvas,
+// an environment that is not periodic still sets one: past the end of its
+// orbit every corner would go on as its own reference at full precision,
+// and inside a minibrot nothing ever escapes to end the cell otherwise.
+template <typename T>
+int64_t knownlimit(const typename T::CANVAS* canvas) {
+  if (canvas->maxiter != 0) return canvas->maxiter;
+  const ENVIRONMENT* e = jobenvironment<T>(canvas);
+  if (e && !(e->flags & E_PERIODIC) && e->n > 0) return int64_t(e->n);
+  return LASTINTERPOLITER;
+}
+
 template <typename T>
 void interpolcell(OVCONTEXT* context, typename T::CANVAS* canvas, int i, int* head) {
   const int S = canvas->canvassizeshift;
@@ -596,8 +608,7 @@ void interpolcell(OVCONTEXT* context, typename T::CANVAS* canvas, int i, int* he
     interpolarea<T>(context, canvas, i, cv, w, head);
     return;
   }
-  bool outrun = canvas->maxiter != 0 &&
-                int64_t(canvas->interpoliter) >= 2 * (int64_t(canvas->maxiter) + 5000);
+  bool outrun = int64_t(canvas->interpoliter) >= 2 * (int64_t(knownlimit<T>(canvas)) + 5000);
   if (outrun || canvas->interpoliter >= LASTINTERPOLITER) {
     retirecell<T>(canvas, cv);
     canvasdriver::canvasinworkerfinite<T>(canvas, i);
