@@ -4,9 +4,17 @@
 // complete, the time from a zoom by 2 to the first draw list built after it.
 #include <benchmark/benchmark.h>
 
+#include <gmp.h>
+
 #include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <vector>
 #include <thread>
 
+#include "juliastack.h"
 #include "viewrun.h"
 
 namespace {
@@ -169,8 +177,285 @@ void BM_View1e1000StackReady(benchmark::State& state) {
 void BM_View1e1000AgainWithStack(benchmark::State& state) { againtime(state, true); }
 void BM_View1e1000AgainWithoutStack(benchmark::State& state) { againtime(state, false); }
 
+// ---------------------------------------------------------------- next to a minibrot at depth 1,000
+//
+// A minibrot of period 1330 about 1e-500 from i, of size about 1e-1000:
+// near a Misiurewicz point of multiplier m, the atoms at distance eps have
+// periods of about 2 log(1/eps) / log|m| and sizes of about eps^2 (i: a
+// cycle of period 2, m = 4 (1 + i)). Its nucleus is found by Newton from
+// i + 1e-500 (0.7 + 0.3i), where it converges in 15 steps; the view is put
+// in the minibrot's own frame, w = lambda z, where one period acts as
+// w -> w^2 + c' with c' = lambda D (c - c0) (lambda the product of 2 z_k
+// over the period, D = dz_P/dc), so that the view shows the same place next
+// to the minibrot as c' shows next to the whole set.
+constexpr unsigned MINIPERIOD = 1330;
+constexpr mp_bitcnt_t MINIBITS = 4800;
+
+struct MPC {
+  mpf_t x, y;
+  MPC() {
+    mpf_init2(x, MINIBITS);
+    mpf_init2(y, MINIBITS);
+  }
+  ~MPC() {
+    mpf_clear(x);
+    mpf_clear(y);
+  }
+};
+
+// a = a b
+void mpcmul(MPC& a, const MPC& b) {
+  MPC t;
+  mpf_t u;
+  mpf_init2(u, MINIBITS);
+  mpf_mul(t.x, a.x, b.x);
+  mpf_mul(u, a.y, b.y);
+  mpf_sub(t.x, t.x, u);
+  mpf_mul(t.y, a.x, b.y);
+  mpf_mul(u, a.y, b.x);
+  mpf_add(t.y, t.y, u);
+  mpf_set(a.x, t.x);
+  mpf_set(a.y, t.y);
+  mpf_clear(u);
+}
+
+// a = a / b
+void mpcdiv(MPC& a, const MPC& b) {
+  MPC conj;
+  mpf_set(conj.x, b.x);
+  mpf_neg(conj.y, b.y);
+  mpf_t n;
+  mpf_init2(n, MINIBITS);
+  mpf_mul(n, b.x, b.x);
+  mpf_t u;
+  mpf_init2(u, MINIBITS);
+  mpf_mul(u, b.y, b.y);
+  mpf_add(n, n, u);
+  mpcmul(a, conj);
+  mpf_div(a.x, a.x, n);
+  mpf_div(a.y, a.y, n);
+  mpf_clear(u);
+  mpf_clear(n);
+}
+
+// Runs the period from z = 0 at c: z_P into z, dz_P/dc into d and the
+// product of 2 z_k (k = 1 .. P - 1) into lambda.
+void period(const MPC& c, MPC& z, MPC& d, MPC& lambda) {
+  MPC two;
+  mpf_set_ui(z.x, 0);
+  mpf_set_ui(z.y, 0);
+  mpf_set_ui(d.x, 0);
+  mpf_set_ui(d.y, 0);
+  mpf_set_ui(lambda.x, 1);
+  mpf_set_ui(lambda.y, 0);
+  for (unsigned k = 0; k < MINIPERIOD; k++) {
+    if (k > 0) {
+      mpf_mul_2exp(two.x, z.x, 1);
+      mpf_mul_2exp(two.y, z.y, 1);
+      mpcmul(lambda, two);
+    }
+    // d = 2 z d + 1, z = z^2 + c
+    mpf_mul_2exp(two.x, z.x, 1);
+    mpf_mul_2exp(two.y, z.y, 1);
+    mpcmul(d, two);
+    mpf_add_ui(d.x, d.x, 1);
+    MPC sq;
+    mpf_set(sq.x, z.x);
+    mpf_set(sq.y, z.y);
+    mpcmul(sq, z);
+    mpf_add(z.x, sq.x, c.x);
+    mpf_add(z.y, sq.y, c.y);
+  }
+}
+
+std::string decimal(mpf_srcptr v, size_t digits) {
+  mp_exp_t e;
+  char* s = mpf_get_str(nullptr, &e, 10, digits, v);
+  std::string text(s);
+  free(s);
+  bool negative = !text.empty() && text[0] == '-';
+  if (negative) text.erase(0, 1);
+  if (text.empty()) return "0";
+  return (negative ? "-0." : "0.") + text + "e" + std::to_string(static_cast<long>(e));
+}
+
+// Main thread: the iterations the view's tiles took, as their jobs counted
+// them (the list not being built is empty).
+int64_t viewiterations(const VIEWPORT* v) {
+  int64_t n = 0;
+  for (int i = 0; i < 2; i++)
+    for (int k = 0; k < v->iviewportarea[i]; k++) n += v->viewportarea[i][k].a->statiterations;
+  return n;
+}
+
+// Main thread: the count channel of each of the view's tiles.
+std::map<const AREA*, std::vector<float>> viewcounts(const VIEWPORT* v) {
+  std::map<const AREA*, std::vector<float>> counts;
+  for (int i = 0; i < 2; i++)
+    for (int k = 0; k < v->iviewportarea[i]; k++) {
+      const AREA* a = v->viewportarea[i][k].a;
+      const TEXTURE* t = a->texture[3];
+      if (!t || !t->pixels) continue;
+      const float* p = static_cast<const float*>(t->pixels);
+      counts[a].assign(p, p + TEXTURESIZE * TEXTURESIZE);
+    }
+  return counts;
+}
+
+// The share of the pixels of the tiles both hold whose counts agree: the
+// same escape count within 1, or both interior, or both unknown.
+double countagreement(const std::map<const AREA*, std::vector<float>>& a,
+                      const std::map<const AREA*, std::vector<float>>& b) {
+  long same = 0, all = 0;
+  for (const auto& [area, x] : a) {
+    auto it = b.find(area);
+    if (it == b.end()) continue;
+    const std::vector<float>& y = it->second;
+    for (size_t k = 0; k < x.size(); k++) {
+      all++;
+      bool inner = x[k] < 0 && y[k] < 0;
+      bool escape = x[k] > 0 && y[k] > 0 && std::abs(x[k] - y[k]) <= 1;
+      if (inner || escape || (x[k] == 0 && y[k] == 0)) same++;
+    }
+  }
+  return all ? static_cast<double>(same) / all : 0;
+}
+
+// The view next to the minibrot at c' = (cre, cim) in its own frame, a
+// longer side of `span` there: found once, kept for all benchmarks.
+VIEWARGS miniargs(double cre, double cim, double span) {
+  VIEWARGS a = benchargs();
+  MPC c, z, d, lambda;
+  mpf_set_str(c.x, "0.7e-500", 10);
+  mpf_set_str(c.y, "0.3e-500", 10);
+  mpf_add_ui(c.y, c.y, 1);
+  for (int step = 0; step < 40; step++) {
+    period(c, z, d, lambda);
+    mpcdiv(z, d);
+    mpf_sub(c.x, c.x, z.x);
+    mpf_sub(c.y, c.y, z.y);
+    long ex = 0, ey = 0;
+    double sx = mpf_get_d_2exp(&ex, z.x), sy = mpf_get_d_2exp(&ey, z.y);
+    const long tiny = 64 - static_cast<long>(MINIBITS);
+    if ((sx == 0 || ex < tiny) && (sy == 0 || ey < tiny)) break;
+  }
+  period(c, z, d, lambda);
+  // c = c0 + c' / (lambda D)
+  mpcmul(lambda, d);
+  MPC off;
+  mpf_set_d(off.x, cre);
+  mpf_set_d(off.y, cim);
+  mpcdiv(off, lambda);
+  mpf_add(c.x, c.x, off.x);
+  mpf_add(c.y, c.y, off.y);
+  mpf_t n;
+  mpf_init2(n, MINIBITS);
+  mpf_mul(n, lambda.x, lambda.x);
+  mpf_t u;
+  mpf_init2(u, MINIBITS);
+  mpf_mul(u, lambda.y, lambda.y);
+  mpf_add(n, n, u);
+  mpf_sqrt(n, n);
+  mpf_set_d(u, span);
+  mpf_div(u, u, n);
+  a.positioned = true;
+  a.re = decimal(c.x, 1100);
+  a.im = decimal(c.y, 1100);
+  a.span = decimal(u, 20);
+  mpf_clear(u);
+  mpf_clear(n);
+  return a;
+}
+
+// Outside the minibrot, where its seahorse valley would be: pixels go round
+// the period a few dozen times before they escape.
+const VIEWARGS& minibrotview() {
+  static const VIEWARGS a = miniargs(-0.75, 0.2, 0.5);
+  return a;
+}
+
+// Main thread, for the view's Julia realm: the levels it needs, how many of
+// them are usable (ready and valid), and how many are bypass levels.
+struct STACKSTATE {
+  int needed = -1, usable = -1, bypass = 0;
+};
+STACKSTATE stackstate(VIEWRUN* run) {
+  STACKSTATE st;
+  viewonmain(run, [&](OVCONTEXT*) {
+    REALM* jr = run->juliarealm;
+    if (!jr || !jr->juliastack) return;
+    st.needed = jr->validjuliastack + 1;
+    st.usable = juliastackusable(jr) + 1;
+    for (int s = 0; s <= jr->validjuliastack; s++) st.bypass += jr->juliastack[s].bypass;
+  });
+  return st;
+}
+
+// The minibrot view, one run: the time from activation until the levels it
+// needs (up to `validjuliastack`) are all ready, given up after half an
+// hour; then the view computed again with the stack (the benchmark's time),
+// and twice without it (`R_JULIACORRECT` cleared on the general realm, so
+// that its tiles iterate every pixel against the view's reference), with
+// the iterations the view's tiles took each way and the share of pixels
+// whose counts agree.
+void BM_ViewMinibrot1e1000(benchmark::State& state) {
+  VIEWARGS args = minibrotview();
+  args.width = 512;
+  args.height = 384;
+  for (auto _ : state) {
+    VIEWRUN run;
+    if (!startfinished(state, &run, args)) break;
+    state.counters["first_finish_ms"] = nowms() - run.activated;
+    VIEWPORT* v = run.viewport.load();
+    double end = nowms() + 1800000;
+    STACKSTATE st = stackstate(&run);
+    while (!(st.needed > 0 && st.usable >= st.needed) && nowms() < end) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      st = stackstate(&run);
+    }
+    state.counters["stack_ready_ms"] = nowms() - run.activated;
+    state.counters["levels_needed"] = st.needed;
+    state.counters["levels_ready"] = st.usable;
+    state.counters["bypass_levels"] = st.bypass;
+    int finishes = run.events[VPCALLBACK_FINISH].load();
+    double t0 = nowms();
+    redraw(run.context, v);
+    waitviewfinish(&run, ++finishes, 0);
+    double with = nowms() - t0;
+    state.SetIterationTime(with / 1000);
+    int64_t iterwith = 0;
+    std::map<const AREA*, std::vector<float>> countswith, countswithout;
+    viewonmain(&run, [&](OVCONTEXT*) {
+      iterwith = viewiterations(v);
+      countswith = viewcounts(v);
+    });
+    // Off: every tile is made anew under the other flag; then once more.
+    switchflag(run.context, run.realm, 0, R_JULIACORRECT);
+    t0 = nowms();
+    waitviewfinish(&run, ++finishes, 0);
+    double without1 = nowms() - t0;
+    t0 = nowms();
+    redraw(run.context, v);
+    waitviewfinish(&run, ++finishes, 0);
+    double without2 = nowms() - t0;
+    int64_t iterwithout = 0;
+    viewonmain(&run, [&](OVCONTEXT*) {
+      iterwithout = viewiterations(v);
+      countswithout = viewcounts(v);
+    });
+    state.counters["counts_agree"] = countagreement(countswith, countswithout);
+    state.counters["again_with_ms"] = with;
+    state.counters["again_without_ms"] = std::min(without1, without2);
+    state.counters["iterations_with"] = static_cast<double>(iterwith);
+    state.counters["iterations_without"] = static_cast<double>(iterwithout);
+    stopviewrun(&run);
+    endviewrun(&run);
+  }
+}
+
 }  // namespace
 
+BENCHMARK(BM_ViewMinibrot1e1000)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_View1e1000StackReady)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_View1e1000AgainWithStack)->UseManualTime()->Iterations(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_View1e1000AgainWithoutStack)->UseManualTime()->Iterations(2)->Unit(benchmark::kMillisecond);

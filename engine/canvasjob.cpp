@@ -175,9 +175,10 @@ PREPIXEL* innertarget(WORKER* worker) {
 REALM* correctingrealm(const AREA* a) {
   REALM* r = a->realm;
   if (!(r->flags & R_JULIACORRECT)) return nullptr;
-  REALM* s = r->type == GENERAL ? a->juliarealm : r;
-  if (!s || s->type != JULIA || !s->juliastack) return nullptr;
-  return atomicload(&s->readyjuliastack) >= 0 ? s : nullptr;
+  if (r->type == GENERAL)
+    return juliastackhandoff(a->juliarealm, a->depth, a->e) >= 0 ? a->juliarealm : nullptr;
+  if (r->type != JULIA || !r->juliastack) return nullptr;
+  return atomicload(&r->readyjuliastack) >= 0 ? r : nullptr;
 }
 
 // What the channels of an area made from PREPIXELs need to know: the
@@ -339,6 +340,10 @@ bool processarea(OVCONTEXT* context, AREA* a) {
   // cells, and a start view then iterated every vertex of every tile.
   if (!stack && r->type != JULIA) w->idata[JOB_WORD] &= ~static_cast<ITER>(CF_JULIACORRECT);
   if (stack) {
+    // A general tile's pixels stop for the stack no deeper than the levels
+    // that are ready and hold the whole view: the kernels' derivative bound
+    // and the level its pixels may name.
+    if (r->type == GENERAL) w->idata[JOB_DBOUND] = juliastackhandoff(stack, a->depth, a->e);
     // The tiles are taken once the pixels are final.
     attachrealm(stack);
     w->pdata[JOB_REALM] = stack;

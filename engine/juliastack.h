@@ -132,6 +132,20 @@ int juliaarealevel(const OVCONTEXT* context, const REALM* realm, const AREA* a);
 // system is at work on the stack.
 bool juliastackdefer(OVCONTEXT* context, AREA* a);
 
+// The deepest level of a Julia realm's stack to which a tile of a general
+// view may hand its pixels: ready, and valid for the view (within
+// `validjuliastack`, whose radius holds the whole view); -1 when there is
+// none.
+int juliastackusable(const REALM* realm);
+// The level to which a general view's tile at area depth `depth`, computed
+// against environment `e`, hands its pixels, -1 when it had better iterate
+// them itself: a pixel reaches the stack only once its image has outgrown a
+// pixel of that level, so levels far shallower than the tile skip almost
+// nothing of a deep orbit, and the correction would only cost the tile its
+// closed cells. Only a periodic environment promises orbits that come back
+// near 0 again and again, where the stack's lookups skip whole periods.
+int juliastackhandoff(const REALM* realm, int depth, const ENVIRONMENT* e);
+
 // The number format that resolves what remains of level s: the realm's
 // forced format (R_PRECMASK), else double to level 124, long double below
 // 1600, HFLOAT beyond. A format's MODE (16, 32, 48, 64).

@@ -14,7 +14,10 @@ namespace {
 constexpr unsigned int TILEJOBREALMBITS = 0x100050f6;
 constexpr unsigned int TILEJOBBITS = 0x20900000;
 
-constexpr int PRIOLATER = 20;
+// A level nobody waits for yet is built behind every tile a view asks for:
+// a deep stack takes minutes of canvas jobs, and the view in front of the
+// user comes first. Levels an area waits on are raised to 0.
+constexpr int PRIOLATER = NWORKERPRIO - 1;
 
 int tilesperside(const JULIASTACKDATA* L) { return 1 << L->sizeshift; }
 
@@ -81,6 +84,34 @@ WORKER* bypassjob(OVCONTEXT* context, REALM* realm, JULIASTACKDATA* L, int s, in
   w->prepixels = nullptr;
   attachrealm(realm);
   return w;
+}
+
+// A level the idle search defined (its cubic, its radius) carries no
+// environment until a move fits the stack to the view's environments, and
+// only where one of them can carry its seed. Its tiles need the environment
+// as the anchor alone: a bypass level maps through its own cubic, and a
+// canvas level away from the environment's point iterates its seed from the
+// tiles' corners. So it takes the realm's environment at its true offset,
+// rather than leave the levels above it unbuilt for good.
+bool anchortorealm(OVCONTEXT* context, REALM* realm, JULIASTACKDATA* L) {
+  ENVIRONMENT* e = realm->e;
+  if (!e || !e->c || !L->m) return false;
+  mpf_t d;
+  mpf_init2(d, 64);
+  mpf_sub(d, L->m->v[0], e->c->v[0]);
+  HFLOAT re = mpf_get_HF(d);
+  mpf_sub(d, L->m->v[1], e->c->v[1]);
+  HFLOAT im = mpf_get_HF(d);
+  mpf_clear(d);
+  // On the environment's own point the canvas would take its orbit as the
+  // reference, which only a level anchored by the environment itself may.
+  if (re.mantissa == 0 && im.mantissa == 0 && !L->bypass) return false;
+  attache(e);
+  L->e = e;
+  L->mr = cHF(re, im);
+  L->prec = -1;
+  (void)context;
+  return true;
 }
 
 WORKER* canvastilejob(OVCONTEXT* context, REALM* realm, JULIASTACKDATA* L, int s, int x, int y,
@@ -212,7 +243,7 @@ bool computejuliastack(OVCONTEXT* context, REALM* realm, int s) {
     fputs("computejuliastack: !jstd->m\n", stderr);
     return false;
   }
-  if (!L->e) {
+  if (!L->e && !anchortorealm(context, realm, L)) {
     fputs("computejuliastack: !e\n", stderr);
     return false;
   }

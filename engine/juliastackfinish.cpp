@@ -132,8 +132,13 @@ void levelready(OVCONTEXT* context, REALM* realm, int s) {
   }
   int next = s + context->ncomputejuliastack;
   if (next <= realm->calcjuliastack && next < realm->njuliastack &&
-      realm->juliastack[next].waittocompute)
-    computejuliastack(context, realm, next);
+      realm->juliastack[next].waittocompute && !computejuliastack(context, realm, next)) {
+    // A level that cannot start ends the stack below it, as in
+    // `adjustjuliastack`: left counted as started, it held the levels the
+    // view needs short of ready for good.
+    realm->calcjuliastack = next - 1;
+    if (realm->validjuliastack > next - 1) realm->validjuliastack = next - 1;
+  }
 }
 
 // Corrects the level's tiles against the levels below, now; false when the

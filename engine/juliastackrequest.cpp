@@ -9,6 +9,14 @@ namespace {
 
 constexpr int REQUEST_AREA = 0;   // pdata
 constexpr int REQUEST_REALM = 1;  // pdata, attached
+// A general tile uses the stack when its levels reach at least this share
+// of the tile's depth (one level per area depth): the derivative of a deep
+// orbit grows about evenly along it, and the part the stack can skip is
+// the part after the pixel's image has grown to a pixel of the level.
+constexpr long JULIAHANDOFFSHARE = 4;
+// Above this depth a tile's orbits are short, and its closed cells save
+// more than any lookup could.
+constexpr int JULIAHANDOFFMINDEPTH = 64;
 
 // Level s takes the realm's point as its anchor.
 void anchorlevel(OVCONTEXT* context, REALM* realm, int s) {
@@ -127,4 +135,18 @@ void worker_requestjuliastack(OVCONTEXT* context, WORKER* worker) {
   }
   if (realm) __detachrealm(context, realm);
   freeworker(context, worker);
+}
+
+int juliastackusable(const REALM* realm) {
+  if (!realm || realm->type != JULIA || !realm->juliastack) return -1;
+  int ready = atomicload(&realm->readyjuliastack);
+  return std::min(ready, realm->validjuliastack);
+}
+
+int juliastackhandoff(const REALM* realm, int depth, const ENVIRONMENT* e) {
+  if (!e || !(e->flags & E_PERIODIC)) return -1;
+  int level = juliastackusable(realm);
+  if (level < 0 || depth < JULIAHANDOFFMINDEPTH) return -1;
+  if (static_cast<long>(level) * JULIAHANDOFFSHARE < depth) return -1;
+  return level;
 }

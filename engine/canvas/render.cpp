@@ -537,6 +537,9 @@ int rendercanvasprepixel(OVCONTEXT* context, typename T::CANVAS* canvas, PREPIXE
   if (realm && arearealm && arearealm->type == JULIA) {
     int ready = atomicload(&realm->readyjuliastack2);
     if (ready >= 0) limit = std::min(limit, ready);
+  } else if (realm && R.job->idata[JOB_DBOUND] >= 0) {
+    // A general tile hands its pixels to the levels its job was given.
+    limit = std::min(limit, static_cast<int>(R.job->idata[JOB_DBOUND]));
   }
   PREPIXELTILE t = {pixels, xlag, juliacorrect, realm, limit, 0, -1};
   walkleaves<T>(canvas, [&](int i, int level) { prepixelleaf<T>(R, &t, i, level); });
