@@ -502,6 +502,10 @@ void worker_canvas_calc_inner_return(OVCONTEXT* context, WORKER* worker) {
   a->prepixels = worker->prepixels;
   worker->prepixels = nullptr;
   a->jst = worker->idata[JOB_PREPIXELDEPTH];
+  if (a->jst >= 0 && a->realm->type == GENERAL) {
+    juliahandofftally().tiles++;
+    juliahandofftally().levels += a->jst;
+  }
   int result = worker->idata[JOB_PREPIXELRESULT];
   freecanvascalcworker(context, worker);
   // A level that was not ready may be by now; a tile that was not in memory

@@ -5,6 +5,8 @@
 // Everything here runs on the main thread, which owns levels and areas.
 #pragma once
 
+#include <atomic>
+
 #include "Mandelbrot.h"
 
 // Allocates the NJULIASTACK levels of `realm` in one block and clears them:
@@ -145,6 +147,29 @@ int juliastackusable(const REALM* realm);
 // closed cells. Only a periodic environment promises orbits that come back
 // near 0 again and again, where the stack's lookups skip whole periods.
 int juliastackhandoff(const REALM* realm, int depth, const ENVIRONMENT* e);
+// Off by default, and then no general tile hands its pixels on: a level
+// holds the outcomes for the seed's parameter alone, and next to a
+// minibrot the orbit after the hand-off comes back near 0 every period,
+// each time with the pixel's own parameter difference amplified by the
+// period's derivative. The levels' radii (their square law) do not see
+// that: at a view of width 2^-72 next to a period-32 minibrot, levels
+// whose radius held the view 2^24 times over still changed 7% of the
+// counts, the deepest usable level 73%. Set before the engine starts.
+extern bool juliahandoffperiodic;
+
+// General tiles whose pixels went on in the stack, over the whole process:
+// `tiles` whose job named a level, and the deepest level named in each,
+// summed in `levels`. Whether the hand-off happens at all is invisible in
+// the counts, which must not change; this says it did.
+struct JULIAHANDOFFTALLY {
+  std::atomic<long> tiles{0};
+  std::atomic<long> levels{0};
+  void clear() {
+    tiles.store(0);
+    levels.store(0);
+  }
+};
+JULIAHANDOFFTALLY& juliahandofftally();
 
 // The number format that resolves what remains of level s: the realm's
 // forced format (R_PRECMASK), else double to level 124, long double below

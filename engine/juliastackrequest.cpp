@@ -143,10 +143,17 @@ int juliastackusable(const REALM* realm) {
   return std::min(ready, realm->validjuliastack);
 }
 
+bool juliahandoffperiodic = false;
+
 int juliastackhandoff(const REALM* realm, int depth, const ENVIRONMENT* e) {
-  if (!e || !(e->flags & E_PERIODIC)) return -1;
+  if (!juliahandoffperiodic || !e || !(e->flags & E_PERIODIC)) return -1;
   int level = juliastackusable(realm);
   if (level < 0 || depth < JULIAHANDOFFMINDEPTH) return -1;
   if (static_cast<long>(level) * JULIAHANDOFFSHARE < depth) return -1;
   return level;
+}
+
+JULIAHANDOFFTALLY& juliahandofftally() {
+  static JULIAHANDOFFTALLY t;
+  return t;
 }

@@ -1,7 +1,8 @@
 // Which levels of its Julia realm's stack a general view's tile hands its
 // pixels to: only levels that are ready and hold the whole view, only where
 // they reach deep enough, against the tile's depth, to skip a part of its
-// orbits worth the correction, and only over a periodic environment.
+// orbits worth the correction, and only over a periodic environment, where
+// the hand-off is switched on at all (it is off by default).
 #include <gtest/gtest.h>
 
 #include "juliastack.h"
@@ -24,8 +25,14 @@ struct HANDOFF {
   REALM* julia = nullptr;
   ENVIRONMENT e = periodic();
 
-  HANDOFF() { julia = newrealm(engine, JULIA, R_BYPASS | R_JULIACORRECT); }
+  // The rule is looked at with the hand-off over periodic environments
+  // switched on; the engine starts with it off.
+  HANDOFF() {
+    juliahandoffperiodic = true;
+    julia = newrealm(engine, JULIA, R_BYPASS | R_JULIACORRECT);
+  }
   ~HANDOFF() {
+    juliahandoffperiodic = false;
     // The marks were set by hand, over levels that hold nothing.
     set(-1, -1);
     detachrealm(engine.context, julia);
@@ -114,4 +121,15 @@ TEST(JuliaStackHandoff, ARealmWithoutAStackServesNoTile) {
     EXPECT_EQ(juliastackhandoff(general, 1000, &e), -1);
   });
   detachrealm(f.engine.context, general);
+}
+
+TEST(JuliaStackHandoff, OffByDefaultNoTileHandsItsPixelsOn) {
+  EXPECT_FALSE(juliahandoffperiodic);
+  HANDOFF f;
+  ASSERT_NE(f.julia, nullptr);
+  f.set(1656, 1656);
+  EXPECT_EQ(f.handoff(3330), 1656);
+  juliahandoffperiodic = false;
+  EXPECT_EQ(f.handoff(3330), -1);
+  EXPECT_EQ(f.handoff(64), -1);
 }

@@ -1,0 +1,392 @@
+// A general view next to the minibrot of period 32 about 7e-11 from i, of
+// size about 5e-22, at depth about 74, computed again once the levels of its Julia stack that hold it are
+// ready: its tiles hand their pixels to those levels, and its count channel
+// must be the one the same view gets when every pixel is iterated against
+// its reference (the stack's correction and the bypass switched off).
+#include <gmp.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "juliastack.h"
+#include "test_view_headless.h"
+
+using namespace viewheadless;
+
+namespace {
+
+constexpr unsigned PERIOD = 32;
+constexpr mp_bitcnt_t BITS = 512;
+
+struct MPC {
+  mpf_t x, y;
+  MPC() {
+    mpf_init2(x, BITS);
+    mpf_init2(y, BITS);
+  }
+  ~MPC() {
+    mpf_clear(x);
+    mpf_clear(y);
+  }
+  MPC(const MPC&) = delete;
+  MPC& operator=(const MPC&) = delete;
+};
+
+// a = a b
+void mul(MPC& a, const MPC& b) {
+  MPC t;
+  mpf_t u;
+  mpf_init2(u, BITS);
+  mpf_mul(t.x, a.x, b.x);
+  mpf_mul(u, a.y, b.y);
+  mpf_sub(t.x, t.x, u);
+  mpf_mul(t.y, a.x, b.y);
+  mpf_mul(u, a.y, b.x);
+  mpf_add(t.y, t.y, u);
+  mpf_set(a.x, t.x);
+  mpf_set(a.y, t.y);
+  mpf_clear(u);
+}
+
+void norm(mpf_t n, const MPC& b) {
+  mpf_t u;
+  mpf_init2(u, BITS);
+  mpf_mul(n, b.x, b.x);
+  mpf_mul(u, b.y, b.y);
+  mpf_add(n, n, u);
+  mpf_clear(u);
+}
+
+// a = a / b
+void mpcdiv(MPC& a, const MPC& b) {
+  MPC conj;
+  mpf_set(conj.x, b.x);
+  mpf_neg(conj.y, b.y);
+  mpf_t n;
+  mpf_init2(n, BITS);
+  norm(n, b);
+  mul(a, conj);
+  mpf_div(a.x, a.x, n);
+  mpf_div(a.y, a.y, n);
+  mpf_clear(n);
+}
+
+// One period from z = 0 at c: z_P, dz_P/dc, and the product of 2 z_k over
+// k = 1 .. P - 1, the multiplier that maps the minibrot's frame.
+void period(const MPC& c, MPC& z, MPC& d, MPC& lambda) {
+  MPC two, sq;
+  for (mpf_ptr m : {z.x, z.y, d.x, d.y, lambda.y}) mpf_set_ui(m, 0);
+  mpf_set_ui(lambda.x, 1);
+  for (unsigned k = 0; k < PERIOD; k++) {
+    mpf_mul_2exp(two.x, z.x, 1);
+    mpf_mul_2exp(two.y, z.y, 1);
+    if (k > 0) mul(lambda, two);
+    mul(d, two);
+    mpf_add_ui(d.x, d.x, 1);
+    mpf_set(sq.x, z.x);
+    mpf_set(sq.y, z.y);
+    mul(sq, z);
+    mpf_add(z.x, sq.x, c.x);
+    mpf_add(z.y, sq.y, c.y);
+  }
+}
+
+std::string decimal(mpf_srcptr v) {
+  mp_exp_t e;
+  char* s = mpf_get_str(nullptr, &e, 10, 200, v);
+  std::string text(s);
+  free(s);
+  bool negative = !text.empty() && text[0] == '-';
+  if (negative) text.erase(0, 1);
+  if (text.empty()) return "0";
+  return (negative ? "-0." : "0.") + text + "e" + std::to_string(static_cast<long>(e));
+}
+
+// The view at c' = (cre, cim) in the minibrot's own frame, w = lambda z,
+// where one period acts as w -> w^2 + c' with c' = lambda D (c - c0): the
+// same place next to the minibrot as c' is next to the whole set, a longer
+// side of `span` there.
+VIEWARGS nexttominibrot(double cre, double cim, double span) {
+  MPC c, z, d, lambda;
+  // Newton from i + 1e-10 (0.7 + 0.3 i), until its step vanishes.
+  mpf_set_str(c.x, "0.7e-10", 10);
+  mpf_set_str(c.y, "0.3e-10", 10);
+  mpf_add_ui(c.y, c.y, 1);
+  for (int step = 0; step < 100; step++) {
+    period(c, z, d, lambda);
+    mpcdiv(z, d);
+    mpf_sub(c.x, c.x, z.x);
+    mpf_sub(c.y, c.y, z.y);
+    long ex = 0, ey = 0;
+    double sx = mpf_get_d_2exp(&ex, z.x), sy = mpf_get_d_2exp(&ey, z.y);
+    const long tiny = 64 - static_cast<long>(BITS);
+    if ((sx == 0 || ex < tiny) && (sy == 0 || ey < tiny)) break;
+  }
+  period(c, z, d, lambda);
+  mul(lambda, d);
+  MPC off;
+  mpf_set_d(off.x, cre);
+  mpf_set_d(off.y, cim);
+  mpcdiv(off, lambda);
+  mpf_add(c.x, c.x, off.x);
+  mpf_add(c.y, c.y, off.y);
+  mpf_t n;
+  mpf_init2(n, BITS);
+  norm(n, lambda);
+  mpf_sqrt(n, n);
+  mpf_set_d(off.x, span);
+  mpf_div(n, off.x, n);
+  VIEWARGS a = smallargs();
+  a.width = 128;
+  a.height = 96;
+  a.nthread = 5;  // two worker threads
+  a.positioned = true;
+  a.re = decimal(c.x);
+  a.im = decimal(c.y);
+  a.span = decimal(n);
+  a.hasflags = true;
+  a.flags = R_DEFAULT;
+  mpf_clear(n);
+  return a;
+}
+
+// A tile by its depth and its corner's place from the view's centre, in
+// texels of that depth: the same tile in two computations of the view.
+typedef std::tuple<int, long, long> TILEKEY;
+
+struct VIEWCOUNTS {
+  std::map<TILEKEY, std::vector<float>> counts;
+  int64_t iterations = 0;
+  int deepest = 0;
+  uint32_t cycle = 0;  // the realm's compute cycle
+  int current = 0;     // tiles made in that cycle
+  const ENVIRONMENT* e = nullptr;
+  bool periodic = false;
+};
+
+TILEKEY keyof(AREA* a, const VIEWPORT* v) {
+  HFLOATCOMPLEX off;
+  HPVALUE* base = getcoordarel(a, &off);
+  mp_bitcnt_t bits = mpf_get_prec(base->v[0]) + 64;
+  mpf_t t, u;
+  mpf_init2(t, bits);
+  mpf_init2(u, bits);
+  long k[2];
+  for (int axis = 0; axis < 2; axis++) {
+    mpf_set_HFexact(t, axis ? cimagHF(off) : crealHF(off));
+    mpf_add(t, t, base->v[axis]);
+    mpf_sub(t, t, v->delta->v[axis]);
+    // A texel of depth d is 2^(-4 - d).
+    mpf_mul_2exp(u, t, static_cast<mp_bitcnt_t>(a->depth + 4));
+    k[axis] = std::lround(mpf_get_d(u));
+  }
+  mpf_clear(t);
+  mpf_clear(u);
+  return {a->depth, k[0], k[1]};
+}
+
+VIEWCOUNTS collect(RUN& r) {
+  VIEWCOUNTS out;
+  onmain(r, [&](OVCONTEXT*) {
+    VIEWPORT* v = r.run.viewport.load();
+    out.cycle = r.run.realm->computecycle;
+    int i = currentlist(v);
+    for (int n = 0; n < v->iviewportarea[i]; n++) {
+      const VIEWPORTAREA& va = v->viewportarea[i][n];
+      if (va.priority <= 0 || va.priority == PRIO_KEEP) continue;
+      AREA* a = va.a;
+      out.current += a->computecycle == out.cycle;
+      out.iterations += a->statiterations;
+      if (a->depth > out.deepest) {
+        out.deepest = a->depth;
+        out.e = a->e;
+        out.periodic = a->e && (a->e->flags & E_PERIODIC);
+      }
+      const TEXTURE* t = a->texture[3];
+      if (!t || !t->pixels) continue;
+      const float* p = static_cast<const float*>(t->pixels);
+      out.counts[keyof(a, v)].assign(p, p + TEXTURESIZE * TEXTURESIZE);
+    }
+  });
+  return out;
+}
+
+struct AGREEMENT {
+  long same = 0, all = 0, tiles = 0;
+  double share() const { return all ? static_cast<double>(same) / all : 0; }
+};
+
+// The same escape count within 1, both inside, or both without a count.
+AGREEMENT agreement(const VIEWCOUNTS& a, const VIEWCOUNTS& b) {
+  AGREEMENT g;
+  int shown = 0;
+  for (const auto& [key, x] : a.counts) {
+    auto it = b.counts.find(key);
+    if (it == b.counts.end()) continue;
+    g.tiles++;
+    const std::vector<float>& y = it->second;
+    for (size_t k = 0; k < x.size(); k++) {
+      g.all++;
+      bool inner = x[k] < 0 && y[k] < 0;
+      bool escape = x[k] > 0 && y[k] > 0 && std::abs(x[k] - y[k]) <= 1;
+      if (inner || escape || (x[k] == 0 && y[k] == 0)) {
+        g.same++;
+      } else if (shown++ < 8) {
+        printf("  depth %d texel %zu,%zu: with the stack %g, without %g\n", std::get<0>(key),
+               k % TEXTURESIZE, k / TEXTURESIZE, x[k], y[k]);
+      }
+    }
+  }
+  return g;
+}
+
+struct STACKSTATE {
+  int needed = -1, usable = -1;
+};
+
+STACKSTATE stackstate(RUN& r) {
+  STACKSTATE st;
+  onmain(r, [&](OVCONTEXT*) {
+    REALM* jr = r.run.juliarealm;
+    if (!jr || !jr->juliastack) return;
+    st.needed = jr->validjuliastack + 1;
+    st.usable = juliastackusable(jr) + 1;
+  });
+  return st;
+}
+
+double nowms() {
+  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+// The view, its stack made ready, computed again with the stack (the view's
+// start flags) and without it; the counts of both computations.
+struct AGAIN {
+  STACKSTATE stack;
+  VIEWCOUNTS with, without;
+  AGREEMENT agree;
+  long handed = 0, handedlevels = 0, handedwithout = 0;
+  double withms = 0, withoutms = 0, readyms = 0;
+  CHANNEL3 exactwith, exactwithout;
+};
+
+void again(AGAIN* out) {
+  RUN r;
+  VIEWARGS args = nexttominibrot(-0.75, 0.2, 0.5);
+  double t0 = nowms();
+  ASSERT_TRUE(start(r, args));
+  // The limits only guard against a hang: on two quiet cores the view takes
+  // a few seconds, its levels as long again.
+  ASSERT_TRUE(waitviewfinish(&r.run, 1, 50)) << "the view did not finish";
+  // The levels that hold the view are built behind its tiles.
+  STACKSTATE& st = out->stack;
+  st = stackstate(r);
+  double end = nowms() + 40000;
+  while (!(st.needed > 0 && st.usable >= st.needed) && nowms() < end) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    st = stackstate(r);
+  }
+  out->readyms = nowms() - t0;
+  ASSERT_GT(st.needed, 0);
+  ASSERT_GE(st.usable, st.needed) << "the stack did not become ready";
+
+  JULIAHANDOFFTALLY& tally = juliahandofftally();
+  tally.clear();
+  int finishes = r.run.events[VPCALLBACK_FINISH].load();
+  double t1 = nowms();
+  onmain(r, [&](OVCONTEXT* c) { redraw(c, r.run.viewport.load()); });
+  ASSERT_TRUE(waitviewfinish(&r.run, finishes + 1, 50));
+  out->withms = nowms() - t1;
+  checkfinished(r);
+  out->with = collect(r);
+  out->exactwith = checkchannel3(r, 12, 20000);
+  out->handed = tally.tiles.load();
+  out->handedlevels = tally.levels.load();
+
+  // Every tile anew, each pixel iterated against the view's reference.
+  double t2 = nowms();
+  onmain(r, [&](OVCONTEXT* c) {
+    switchflag(c, r.run.realm, 0, R_JULIACORRECT | R_BYPASS);
+    redraw(c, r.run.viewport.load());
+  });
+  finishes = r.run.events[VPCALLBACK_FINISH].load();
+  ASSERT_TRUE(waitviewfinish(&r.run, finishes + 1, 50));
+  out->withoutms = nowms() - t2;
+  checkfinished(r);
+  out->without = collect(r);
+  out->exactwithout = checkchannel3(r, 12, 20000);
+  out->handedwithout = tally.tiles.load() - out->handed;
+  out->agree = agreement(out->with, out->without);
+  stopviewrun(&r.run);
+  endviewrun(&r.run);
+
+  const VIEWCOUNTS& w = out->with;
+  printf("  levels %d of %d usable %.0f ms after the start; deepest tile %d over a %s environment\n",
+         st.usable, st.needed, out->readyms, w.deepest, w.periodic ? "periodic" : "plain");
+  printf("  with the stack: %ld tiles handed pixels on (level %.1f on average), %lld iterations, %.0f ms\n",
+         out->handed, out->handed ? static_cast<double>(out->handedlevels) / out->handed : 0.0,
+         static_cast<long long>(w.iterations), out->withms);
+  report(out->exactwith);
+  printf("  without: %lld iterations, %.0f ms\n", static_cast<long long>(out->without.iterations),
+         out->withoutms);
+  report(out->exactwithout);
+  printf("  %ld tiles compared: counts agree on %ld of %ld pixels (%.4f)\n", out->agree.tiles,
+         out->agree.same, out->agree.all, out->agree.share());
+}
+
+// What both computations must show whether or not the tiles handed pixels on.
+void checkagain(const AGAIN& a) {
+  EXPECT_TRUE(a.with.periodic);
+  // Both made every tile anew, in a cycle of their own.
+  EXPECT_NE(a.with.cycle, a.without.cycle);
+  EXPECT_EQ(a.with.current, static_cast<int>(a.with.counts.size()));
+  EXPECT_EQ(a.without.current, static_cast<int>(a.without.counts.size()));
+  EXPECT_EQ(a.handedwithout, 0);
+  // Most of the view's tiles are compared, and their counts are the same.
+  EXPECT_GE(a.agree.tiles, static_cast<long>(a.with.counts.size()) * 9 / 10);
+  EXPECT_GT(a.agree.all, 0);
+  EXPECT_GE(a.agree.share(), 0.995);
+  // The computation without the stack is the exact one.
+  EXPECT_GT(a.exactwithout.escaped, 0);
+  EXPECT_EQ(a.exactwithout.unequal, 0);
+}
+
+}  // namespace
+
+// As the engine runs: the tiles keep their cells and iterate every pixel,
+// the stack flags on or off, and no tile hands a pixel to the stack.
+TEST(ViewJuliaStack, NextToAMinibrotTheViewsTilesKeepTheirPixelsAndTheirCounts) {
+  ASSERT_FALSE(juliahandoffperiodic);
+  AGAIN a;
+  again(&a);
+  if (HasFatalFailure()) return;
+  EXPECT_EQ(a.handed, 0);
+  checkagain(a);
+}
+
+// DISABLED: fails, and shows why the hand-off is off. With it on, the tiles
+// hand their pixels to the deepest usable level (31 here), and only 27% of
+// the counts stay those of the exact computation; every one of 51 sampled
+// escape counts is off, by up to 137 (4 periods): the levels hold the
+// outcomes of the seed's parameter, and every return near 0 after the hand-off
+// amplifies the pixel's own difference from it. Enable once the levels' validity
+// for a general tile counts those returns.
+TEST(ViewJuliaStack, DISABLED_NextToAMinibrotTilesThatHandPixelsToTheStackKeepTheirCounts) {
+  juliahandoffperiodic = true;
+  AGAIN a;
+  again(&a);
+  juliahandoffperiodic = false;
+  if (HasFatalFailure()) return;
+  // The hand-off happened, and only with the stack.
+  EXPECT_GT(a.handed, 0);
+  checkagain(a);
+  EXPECT_EQ(a.exactwith.unequal, 0);
+}
