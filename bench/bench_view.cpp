@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -190,6 +191,9 @@ void BM_View1e1000AgainWithoutStack(benchmark::State& state) { againtime(state, 
 // to the minibrot as c' shows next to the whole set.
 constexpr unsigned MINIPERIOD = 1330;
 constexpr mp_bitcnt_t MINIBITS = 4800;
+// A cheaper neighbour: the minibrot of period 32 about 7e-11 from i, of
+// size about 5e-22, whose views lie at depth about 74.
+constexpr unsigned SMALLPERIOD = 32;
 
 struct MPC {
   mpf_t x, y;
@@ -240,7 +244,7 @@ void mpcdiv(MPC& a, const MPC& b) {
 
 // Runs the period from z = 0 at c: z_P into z, dz_P/dc into d and the
 // product of 2 z_k (k = 1 .. P - 1) into lambda.
-void period(const MPC& c, MPC& z, MPC& d, MPC& lambda) {
+void period(const MPC& c, MPC& z, MPC& d, MPC& lambda, unsigned P = MINIPERIOD) {
   MPC two;
   mpf_set_ui(z.x, 0);
   mpf_set_ui(z.y, 0);
@@ -248,7 +252,7 @@ void period(const MPC& c, MPC& z, MPC& d, MPC& lambda) {
   mpf_set_ui(d.y, 0);
   mpf_set_ui(lambda.x, 1);
   mpf_set_ui(lambda.y, 0);
-  for (unsigned k = 0; k < MINIPERIOD; k++) {
+  for (unsigned k = 0; k < P; k++) {
     if (k > 0) {
       mpf_mul_2exp(two.x, z.x, 1);
       mpf_mul_2exp(two.y, z.y, 1);
@@ -323,14 +327,15 @@ double countagreement(const std::map<const AREA*, std::vector<float>>& a,
 
 // The view next to the minibrot at c' = (cre, cim) in its own frame, a
 // longer side of `span` there: found once, kept for all benchmarks.
-VIEWARGS miniargs(double cre, double cim, double span) {
+VIEWARGS miniargs(double cre, double cim, double span, unsigned P = MINIPERIOD,
+                  const char* startre = "0.7e-500", const char* startim = "0.3e-500") {
   VIEWARGS a = benchargs();
   MPC c, z, d, lambda;
-  mpf_set_str(c.x, "0.7e-500", 10);
-  mpf_set_str(c.y, "0.3e-500", 10);
+  mpf_set_str(c.x, startre, 10);
+  mpf_set_str(c.y, startim, 10);
   mpf_add_ui(c.y, c.y, 1);
-  for (int step = 0; step < 40; step++) {
-    period(c, z, d, lambda);
+  for (int step = 0; step < 100; step++) {
+    period(c, z, d, lambda, P);
     mpcdiv(z, d);
     mpf_sub(c.x, c.x, z.x);
     mpf_sub(c.y, c.y, z.y);
@@ -339,7 +344,7 @@ VIEWARGS miniargs(double cre, double cim, double span) {
     const long tiny = 64 - static_cast<long>(MINIBITS);
     if ((sx == 0 || ex < tiny) && (sy == 0 || ey < tiny)) break;
   }
-  period(c, z, d, lambda);
+  period(c, z, d, lambda, P);
   // c = c0 + c' / (lambda D)
   mpcmul(lambda, d);
   MPC off;
@@ -391,22 +396,66 @@ STACKSTATE stackstate(VIEWRUN* run) {
   return st;
 }
 
+// Main thread: every tile the view waits for is made, in the realm's
+// present compute cycle.
+bool viewcurrent(const REALM* r, const VIEWPORT* v) {
+  int i = (v->flags & VP_SWAPVIEWPORTAREA) ? 0 : 1;
+  for (int k = 0; k < v->iviewportarea[i]; k++) {
+    const VIEWPORTAREA& va = v->viewportarea[i][k];
+    if (va.priority <= 0 || va.priority == PRIO_KEEP) continue;
+    const AREA* a = va.a;
+    if (a->worker || !(a->flags & A_PRECALCULATED) || a->computecycle != r->computecycle) return false;
+  }
+  return true;
+}
+
+// Main thread: the view's iterations and counts after the finish that
+// follows `redraw`, with the ms it took.
+struct AGAINRUN {
+  double ms = 0;
+  int64_t iterations = 0;
+  std::map<const AREA*, std::vector<float>> counts;
+};
+
+AGAINRUN computeagain(VIEWRUN* run, const std::function<void(OVCONTEXT*)>& before) {
+  AGAINRUN out;
+  VIEWPORT* v = run->viewport.load();
+  int finishes = run->events[VPCALLBACK_FINISH].load();
+  double t0 = nowms();
+  viewonmain(run, [&](OVCONTEXT* c) {
+    if (before) before(c);
+    redraw(c, v);
+  });
+  // A finish of the computation before may still come: the view is done
+  // once every tile it waits for is of the realm's present cycle.
+  for (int n = finishes + 1;; n++) {
+    waitviewfinish(run, n, 0);
+    bool current = true;
+    viewonmain(run, [&](OVCONTEXT*) { current = viewcurrent(run->realm, v); });
+    if (current) break;
+  }
+  out.ms = nowms() - t0;
+  viewonmain(run, [&](OVCONTEXT*) {
+    out.iterations = viewiterations(v);
+    out.counts = viewcounts(v);
+  });
+  return out;
+}
+
 // The minibrot view, one run: the time from activation until the levels it
 // needs (up to `validjuliastack`) are all ready, given up after half an
-// hour; then the view computed again with the stack (the benchmark's time),
-// and twice without it (`R_JULIACORRECT` cleared on the general realm, so
-// that its tiles iterate every pixel against the view's reference), with
-// the iterations the view's tiles took each way and the share of pixels
-// whose counts agree.
-void BM_ViewMinibrot1e1000(benchmark::State& state) {
-  VIEWARGS args = minibrotview();
-  args.width = 512;
-  args.height = 384;
+// hour; then the view computed again with the stack as the engine runs it
+// (the benchmark's time), again with its tiles handing their pixels to the
+// stack (`juliahandoffperiodic`), and without the stack (`R_JULIACORRECT`
+// and `R_BYPASS` cleared on the general realm, so that its tiles iterate
+// every pixel against the view's reference), with the iterations the
+// view's tiles took each way and the share of pixels whose counts agree
+// with those without the stack.
+void minibrotagain(benchmark::State& state, const VIEWARGS& args) {
   for (auto _ : state) {
     VIEWRUN run;
     if (!startfinished(state, &run, args)) break;
     state.counters["first_finish_ms"] = nowms() - run.activated;
-    VIEWPORT* v = run.viewport.load();
     double end = nowms() + 1800000;
     STACKSTATE st = stackstate(&run);
     while (!(st.needed > 0 && st.usable >= st.needed) && nowms() < end) {
@@ -417,45 +466,49 @@ void BM_ViewMinibrot1e1000(benchmark::State& state) {
     state.counters["levels_needed"] = st.needed;
     state.counters["levels_ready"] = st.usable;
     state.counters["bypass_levels"] = st.bypass;
-    int finishes = run.events[VPCALLBACK_FINISH].load();
-    double t0 = nowms();
-    redraw(run.context, v);
-    waitviewfinish(&run, ++finishes, 0);
-    double with = nowms() - t0;
-    state.SetIterationTime(with / 1000);
-    int64_t iterwith = 0;
-    std::map<const AREA*, std::vector<float>> countswith, countswithout;
-    viewonmain(&run, [&](OVCONTEXT*) {
-      iterwith = viewiterations(v);
-      countswith = viewcounts(v);
+    AGAINRUN with = computeagain(&run, nullptr);
+    state.SetIterationTime(with.ms / 1000);
+    juliahandofftally().clear();
+    AGAINRUN handoff = computeagain(&run, [](OVCONTEXT*) { juliahandoffperiodic = true; });
+    juliahandoffperiodic = false;
+    long handed = juliahandofftally().tiles.load();
+    AGAINRUN without = computeagain(&run, [&](OVCONTEXT* c) {
+      switchflag(c, run.realm, 0, R_JULIACORRECT | R_BYPASS);
     });
-    // Off: every tile is made anew under the other flag; then once more.
-    switchflag(run.context, run.realm, 0, R_JULIACORRECT);
-    t0 = nowms();
-    waitviewfinish(&run, ++finishes, 0);
-    double without1 = nowms() - t0;
-    t0 = nowms();
-    redraw(run.context, v);
-    waitviewfinish(&run, ++finishes, 0);
-    double without2 = nowms() - t0;
-    int64_t iterwithout = 0;
-    viewonmain(&run, [&](OVCONTEXT*) {
-      iterwithout = viewiterations(v);
-      countswithout = viewcounts(v);
-    });
-    state.counters["counts_agree"] = countagreement(countswith, countswithout);
-    state.counters["again_with_ms"] = with;
-    state.counters["again_without_ms"] = std::min(without1, without2);
-    state.counters["iterations_with"] = static_cast<double>(iterwith);
-    state.counters["iterations_without"] = static_cast<double>(iterwithout);
+    state.counters["again_with_ms"] = with.ms;
+    state.counters["again_handoff_ms"] = handoff.ms;
+    state.counters["again_without_ms"] = without.ms;
+    state.counters["iterations_with"] = static_cast<double>(with.iterations);
+    state.counters["iterations_handoff"] = static_cast<double>(handoff.iterations);
+    state.counters["iterations_without"] = static_cast<double>(without.iterations);
+    state.counters["handoff_tiles"] = static_cast<double>(handed);
+    state.counters["counts_agree"] = countagreement(with.counts, without.counts);
+    state.counters["counts_agree_handoff"] = countagreement(handoff.counts, without.counts);
     stopviewrun(&run);
     endviewrun(&run);
   }
 }
 
+void BM_ViewMinibrot1e1000(benchmark::State& state) {
+  VIEWARGS args = minibrotview();
+  args.width = 512;
+  args.height = 384;
+  minibrotagain(state, args);
+}
+
+// The same at depth about 74, next to the minibrot of period 32, at the
+// size of the view of the stack's view test.
+void BM_ViewMinibrotPeriod32(benchmark::State& state) {
+  VIEWARGS args = miniargs(-0.75, 0.2, 0.5, SMALLPERIOD, "0.7e-10", "0.3e-10");
+  args.width = 128;
+  args.height = 96;
+  minibrotagain(state, args);
+}
+
 }  // namespace
 
 BENCHMARK(BM_ViewMinibrot1e1000)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ViewMinibrotPeriod32)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_View1e1000StackReady)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_View1e1000AgainWithStack)->UseManualTime()->Iterations(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_View1e1000AgainWithoutStack)->UseManualTime()->Iterations(2)->Unit(benchmark::kMillisecond);
