@@ -396,11 +396,11 @@ TEST(ViewJuliaStack, NextToAMinibrotTheViewsTilesKeepTheirPixelsAndTheirCounts) 
 
 // DISABLED: fails, and shows why the hand-off is off. With it on, the tiles
 // hand their pixels to the deepest usable level (31 here), and only 27% of
-// the counts stay those of the exact computation; every one of 51 sampled
-// escape counts is off, by up to 137 (4 periods): the levels hold the
-// outcomes of the seed's parameter, and every return near 0 after the hand-off
-// amplifies the pixel's own difference from it. Enable once the levels' validity
-// for a general tile counts those returns.
+// the counts stay those of the exact computation; 51 of 144 sampled pixels
+// get another escape count than GMP's (lower, by up to 137 steps, about 4
+// periods): the levels hold the outcomes of the seed's parameter, and every
+// return near 0 after the hand-off amplifies the pixel's own difference from
+// it. Enable once a level's validity for a tile counts those returns.
 TEST(ViewJuliaStack, DISABLED_NextToAMinibrotTilesThatHandPixelsToTheStackKeepTheirCounts) {
   juliahandoffperiodic = true;
   AGAIN a;
