@@ -1,8 +1,11 @@
 // A general view next to the minibrot of period 32 about 7e-11 from i, of
-// size about 5e-22, at depth about 74, computed again once the levels of its Julia stack that hold it are
-// ready: its tiles hand their pixels to those levels, and its count channel
-// must be the one the same view gets when every pixel is iterated against
-// its reference (the stack's correction and the bypass switched off).
+// size about 5e-22, its deepest tiles at depth 74, computed again once the
+// levels of its Julia stack that hold it are ready: with the stack's flags,
+// with its tiles handing their pixels to those levels, and without the stack
+// (the correction and the bypass switched off), where every pixel is
+// iterated against the view's reference. The count channel must be the same
+// each way, and the tally of tiles that handed pixels on tells whether the
+// hand-off happened.
 #include <gmp.h>
 #include <gtest/gtest.h>
 
