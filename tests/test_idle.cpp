@@ -567,3 +567,50 @@ TEST(IdleSearch, TheFarNucleusOfPeriodOneHidesNoCandidateAndTheAtomHoldingADeepV
   for (mpf_ptr m : {x, y, dx, dy}) mpf_clear(m);
   dropview(e, v, realm);
 }
+
+TEST(IdleSearch, TheScanTakesTheAtomThatHoldsADeepViewAndNotOnceTheViewLeavesIt) {
+  TileEngine e{16, false};
+  REALM* realm = newrealm(e, GENERAL);
+  VIEWPORT* v = nullptr;
+  ENVIRONMENT* three = nullptr;
+  e.onmain([&](OVCONTEXT* c) {
+    v = exactview(c, realm, "-1.7548776662466927600495088963585286918946",
+                  "0.0000000000000000000000003", 2e25, 148);
+    ENVIRONMENT* one = convergedpoint(c, v, "0", 1);
+    three = convergedpoint(c, v, "-1.7548776662466927600495088963585286918946", 3);
+    for (ENVIRONMENT* en : {one, three}) {
+      __removetask(c, en->task);
+      en->task = nullptr;
+      en->owner = nullptr;
+      insertenvironment(v, en);
+    }
+    ASSERT_EQ(three->flags & (E_PERIODIC | E_SERIES), E_PERIODIC);
+    v->idle_maxiter = 0x100;  // short runs: the scan is what is looked at
+    movingstart(c, v);
+  });
+  waitrest(e, v);
+  e.onmain([&](OVCONTEXT* c) {
+    // Far too wide for its series, the atom still serves: its canvases
+    // iterate directly, and the view's centre is interior of period 3.
+    EXPECT_EQ(v->esat, three);
+    EXPECT_EQ(v->precsat, 4);
+    EXPECT_EQ(v->info.iter, -3);
+    // Just outside the atom's cusp at -1.75, as deep: the atom is kept but
+    // serves no more.
+    HPVALUE* d = addhpv(c, 148);
+    mpf_set_str(d->v[0], "-1.749999999999", 10);
+    mpf_set_ui(d->v[1], 0);
+    detachhpv(c, v->delta);
+    v->delta = d;
+    movingstart(c, v);
+  });
+  waitrest(e, v);
+  e.onmain([&](OVCONTEXT*) {
+    EXPECT_EQ(v->esat, nullptr);
+    bool kept = false;
+    for (CHAIN* l = v->echain.next; l != &v->echain; l = l->next)
+      kept = kept || CHAINRECORD(l, ENVIRONMENT, chain) == three;
+    EXPECT_TRUE(kept);
+  });
+  dropview(e, v, realm);
+}
