@@ -614,3 +614,35 @@ TEST(IdleSearch, TheScanTakesTheAtomThatHoldsADeepViewAndNotOnceTheViewLeavesIt)
   });
   dropview(e, v, realm);
 }
+
+TEST(IdleSearch, AConvergedAtomTooWideToServeIsNewWhereItHoldsTheViewAndOnlyKeptElsewhere) {
+  TileEngine e{16, false};
+  REALM* realm = newrealm(e, GENERAL);
+  const char* nucleus = "-1.7548776662466927600495088963585286918946";
+  // 3e-25 above the nucleus, and as deep just outside the cusp at -1.75.
+  for (const char* re : {nucleus, "-1.749999999999"}) {
+    bool inside = re == nucleus;
+    VIEWPORT* v = nullptr;
+    e.onmain([&](OVCONTEXT* c) {
+      v = exactview(c, realm, re, inside ? "0.0000000000000000000000003" : "0", 2e25, 148);
+      v->idle_ncalculating = 2;  // the orbit and the candidate
+      ENVIRONMENT* three = convergedpoint(c, v, nucleus, 3);
+      attachviewport(v);  // the candidate's hold on the view
+      WORKER* w = addworker(c, THREAD_MAIN, worker_newtonfinish);
+      w->pdata[0] = three;
+      worker_newtonfinish(c, w);
+      EXPECT_LT(checkenvironment(v->dummy[0], three, v->delta->v[0], v->delta->v[1], v->zoom,
+                                 v->resolution),
+                0);
+      EXPECT_EQ(v->idle_newenv, inside) << re;
+      // Either way the point stays known.
+      ASSERT_NE(v->echain.next, &v->echain);
+      EXPECT_EQ(CHAINRECORD(v->echain.next, ENVIRONMENT, chain), three);
+      EXPECT_EQ(v->idle_ncalculating, 1);
+    });
+    dropview(e, v, realm);
+    realm = newrealm(e, GENERAL);
+  }
+  detachrealm(e.context, realm);
+  e.onmain([](OVCONTEXT*) {});
+}
