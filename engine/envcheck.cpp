@@ -9,6 +9,8 @@
 #include <cstdio>
 
 #include "Mandelbrot.h"
+#include "canvas/period.h"
+#include "idle.h"
 #include "refiter.h"
 
 namespace {
@@ -121,6 +123,42 @@ int checkenvironmentjulia(mpf_ptr scratch, const ENVIRONMENT* e, mpf_srcptr x, m
   if (lessHF(r32, cabsHFs(delta))) return -3;
   HFLOAT zoom = ldexpHF(ONEH, s);
   return seriestest(e, delta, REGION{cHF(zoom, ZEROH), resolution, e->r4, -5});
+}
+
+namespace {
+
+// The interior distance estimate overstates the distance to the boundary by
+// at most four; the areas a view files reach past its screen by about their
+// own size. 32 half-sizes leave every area's point inside with room.
+constexpr double HOLDMARGIN = 32;
+// The canvases' formats keep 52 bits of a point or more: what their rounding
+// may move it.
+constexpr double HOLDROUNDING = 0x1p-46;
+constexpr UITER HOLDMAXPERIOD = 1024;
+
+}  // namespace
+
+bool environmentholdsview(const ENVIRONMENT* e, mpf_srcptr x, mpf_srcptr y, HFLOATCOMPLEX zoom) {
+  if ((e->flags & (E_PERIODIC | E_SERIES)) != E_PERIODIC || e->n < 1) return false;
+  // The test costs up to 30 periods of steps on the caller's thread; an
+  // environment without series has a short period (20 at most as the series
+  // step decides), and no longer one is looked at.
+  if (e->n > HOLDMAXPERIOD) return false;
+  HFLOAT scale = cabsHF(zoom);
+  if (scale.mantissa == 0) return false;
+  HFLOAT half = divHF(ONEH, scale);
+  HFLOATCOMPLEX c0 = cHF(mpf_get_HF(x), mpf_get_HF(y));
+  HFLOATCOMPLEX c = c0, m = CZEROH, dc = CZEROH;
+  HFLOAT d = ZEROH;
+  ITER n = static_cast<ITER>(e->n);
+  // The grid step of the divisor test: far below the view, so that only a
+  // cycle that truly closes after fewer steps counts as a smaller period.
+  int depth = ilogbHF(half) - 16;
+  ITER p = checkperiod_hfloat(depth, &c, n, n + 1, 0, true, nullptr, nullptr, &d, nullptr, &m,
+                              &dc, nullptr);
+  if (p != n) return false;
+  HFLOAT need = addHF(mulHF(HFd(HOLDMARGIN), half), mulHF(HFd(HOLDROUNDING), cabsHF(c0)));
+  return lessHF(need, d);
 }
 
 bool setenvironment(OVCONTEXT* context, REALM* realm, int i, ENVIRONMENT* e) {

@@ -17,6 +17,9 @@ namespace {
 
 constexpr ITER UNBOUNDED = 0x3FFFFFFF;
 constexpr unsigned int R_NOLOOP = 0x2000;
+// The series depth given a periodic environment that holds the view: its
+// canvases iterate directly and read no series; the least depth callers use.
+constexpr int HELDSERIES = 4;
 
 int viewdepth(const VIEWPORT* v) {
   double L = v->zoomabs.mantissa ? log2HF(v->zoomabs) : 0;
@@ -193,6 +196,13 @@ void envloop(OVCONTEXT* context, VIEWPORT* viewport) {
     ENVIRONMENT* e = CHAINRECORD(l, ENVIRONMENT, chain);
     int r = checkenvironment(v->dummy[0], e, v->delta->v[0], v->delta->v[1],
                              cmulHF2(v->zoom, HFd(4.0 / big)), big * 0.25 * v->resolution);
+    // An atom too wide for its series to help, or whose series does not
+    // reach, still serves a view that lies wholly inside its component: its
+    // canvases iterate directly and prove every corner interior, where over
+    // the standard environment the pixels stay unknown.
+    if (r < 0 && environmentholdsview(e, v->delta->v[0], v->delta->v[1],
+                                      cmulHF2(v->zoom, HFd(1.0 / big))))
+      r = HELDSERIES;
     if (r >= 0) {
       v->esat = e;
       v->precsat = std::max(r, 4);

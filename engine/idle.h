@@ -43,6 +43,16 @@ void worker_env_julia_bypass(OVCONTEXT* context, WORKER* worker);
 // idata[0] its period, idata[1] the Newton task's expected units.
 void worker_env_investigate(OVCONTEXT* context, WORKER* worker);
 
+// Does a periodic environment iterated directly (`E_PERIODIC` without
+// `E_SERIES`) hold the whole view of scale `zoom` at (x, y) inside an
+// attracting component of its own period, so far from the component's
+// boundary that every point of the view's areas, also as the canvases'
+// formats round it, is interior of that period? Such an environment serves
+// the view whatever its series says: direct iteration there loses only
+// digits that change nothing, and its canvases prove every corner interior.
+// Defined with the environments' checks (envcheck.cpp); any thread.
+bool environmentholdsview(const ENVIRONMENT* e, mpf_srcptr x, mpf_srcptr y, HFLOATCOMPLEX zoom);
+
 // The environments' scan (movingstart is declared in viewport.h).
 void envloop(OVCONTEXT* context, VIEWPORT* viewport);
 void investigateenvironment(OVCONTEXT* context, VIEWPORT* viewport, ENVIRONMENT* e,

@@ -94,6 +94,24 @@ int candidatedue(ITER iter, mpf_srcptr x, mpf_srcptr y, const HFLOATCOMPLEX* ntj
   return static_cast<int>((iter >> 9) * (l + 1));
 }
 
+// Is the candidate's nucleus the one the view stands at, so that the orbit
+// comes back near 0 at every multiple of its period (the same nucleus
+// again)? True when the Newton step z/dz from the centre stays within a few
+// view sizes, or well inside the candidate's atom (2/|tm1 tj1|, half of
+// `tmpr2`). Period 1 is a candidate at any centre (z_1 = c is exactly
+// linear in c) and lands on 0: far from a deep view, its multiples, every
+// round, say nothing, and holding them back hid every nucleus behind it.
+bool landsnear(const VIEWPORT* v, mpf_t q[2], const HFLOATCOMPLEX* ntj, const HFLOATCOMPLEX* ntm) {
+  HFLOAT step = cabsHF(cHF(mpf_get_HF(q[0]), mpf_get_HF(q[1])));
+  if (step.mantissa == 0) return true;
+  HFLOAT zoom = cabsHF(v->idle_zoom);
+  if (zoom.mantissa != 0 && less(step, divHF(HFd(4.0), zoom))) return true;
+  HFLOAT prod = cabsHF(cmulHF(ntm[1], ntj[1]));
+  if (prod.mantissa == 0) return false;
+  // 2^-4 of the atom: the component holds a disc of about a quarter of it.
+  return less(step, divHF(HFd(2.0 / 16), prod));
+}
+
 void makecandidate(OVCONTEXT* context, VIEWPORT* v, ITER iter, mpf_srcptr x, mpf_srcptr y,
                    mpf_srcptr dx, mpf_srcptr dy, const HFLOATCOMPLEX* ntj,
                    const HFLOATCOMPLEX* ntm) {
@@ -117,7 +135,7 @@ void makecandidate(OVCONTEXT* context, VIEWPORT* v, ITER iter, mpf_srcptr x, mpf
     }
     WORKER* w = addworker(context, THREAD_MAIN, worker_env_investigate);
     if (w) {
-      if (v->idle_n0 < 0) v->idle_n0 = iter;
+      if (v->idle_n0 < 0 && landsnear(v, q, ntj, ntm)) v->idle_n0 = iter;
       ITER pause = 2 * iter;
       if (v->idle_pause < pause) v->idle_pause = pause;
       __atomic_add_fetch(&v->idle_ncalculating, 1, __ATOMIC_SEQ_CST);

@@ -115,7 +115,11 @@ void worker_newtonfinish(OVCONTEXT* context, WORKER* worker) {
   } else {
     mpf_srcptr x = v->idle_delta ? v->idle_delta->v[0] : v->delta->v[0];
     mpf_srcptr y = v->idle_delta ? v->idle_delta->v[1] : v->delta->v[1];
-    if (checkenvironment(v->dummy[0], e, x, y, v->zoom, v->resolution) >= 0)
+    // A shallow atom that holds the whole view serves it too (`envloop`
+    // takes it): the view is scanned and drawn again when the run is over.
+    HFLOATCOMPLEX region = cmulHF2(v->zoom, HFd(1.0 / (v->big > 0 ? v->big : 1.0)));
+    if (checkenvironment(v->dummy[0], e, x, y, v->zoom, v->resolution) >= 0 ||
+        environmentholdsview(e, x, y, region))
       v->idle_newenv = true;
     // A point that serves no view now may serve one later: it stays known.
     insertenvironment(v, e);

@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <complex>
 #include <cstdlib>
 #include <string>
 
 #include "Mandelbrot.h"
+#include "idle.h"
 #include "refiter.h"
 #include "test_refiter_env.h"
 
@@ -173,6 +175,104 @@ TEST(CheckEnvironmentJulia, PeriodOneGivesTwoAndAColumnThatNeedsItsLastTermsIsMi
   s.e->taylor[2 + 7 * 6] = keep;
   s.e->taylor[6] = huge();
   EXPECT_EQ(s.checkj(0, 9), -1);
+}
+
+// ---------------------------------------------------------------- a view held by its atom
+
+namespace {
+
+// Is c attracted to a cycle of exactly `period` steps? Plain iteration in
+// double, long enough for a cycle away from its component's edge to settle.
+bool attractedwithperiod(std::complex<double> c, int period) {
+  std::complex<double> z = 0;
+  for (int k = 0; k < 100000; k++) {
+    z = z * z + c;
+    if (std::norm(z) > 4) return false;
+  }
+  std::complex<double> w = z;
+  for (int k = 1; k < period; k++) {
+    w = w * w + c;
+    if (std::abs(w - z) < 1e-6) return false;
+  }
+  w = w * w + c;
+  return std::abs(w - z) < 1e-9;
+}
+
+HFLOATCOMPLEX scaleof(double radius) { return cHF(HFd(1 / radius), ZEROH); }
+
+}  // namespace
+
+TEST(EnvironmentHoldsView, ADeepViewInsideTheShallowPeriodThreeAtomIsHeldThoughTooShallowToServe) {
+  SERIESENV s(P3X, 0, 3);
+  // The atom is wide: no series, its canvases iterate directly.
+  EXPECT_EQ(s.e->flags & (E_PERIODIC | E_SERIES), E_PERIODIC);
+  // Its trusted disc is set, about as wide as the atom: a view anywhere
+  // near the nucleus may keep it.
+  EXPECT_GT(s.r1(), s.r2() / 4);
+  EXPECT_LT(s.r1(), 4 * s.r2());
+  // The view 3e-25 above the nucleus, 1e-25 wide.
+  MPC p(0, 3e-25);
+  p = add(s.c, p);
+  HFLOATCOMPLEX zoom = scaleof(0.5e-25);
+  EXPECT_TRUE(isenvironmentvalid(s.scratch, s.e, p.x, p.y, zoom));
+  EXPECT_EQ(checkenvironment(s.scratch, s.e, p.x, p.y, zoom, 240), -2);
+  EXPECT_TRUE(environmentholdsview(s.e, p.x, p.y, zoom));
+  // Any depth from near the atom's own scale down. The component reaches
+  // from about -1.7685 to its cusp at -1.75, 0.006 up at the nucleus.
+  for (double radius : {1e-5, 1e-9, 1e-40, 1e-200}) {
+    MPC q(-0.004, 0.002);
+    q = add(s.c, q);
+    EXPECT_TRUE(environmentholdsview(s.e, q.x, q.y, scaleof(radius))) << radius;
+  }
+  // A region wider than the component is not.
+  EXPECT_FALSE(environmentholdsview(s.e, s.c.x, s.c.y, scaleof(0.05)));
+}
+
+TEST(EnvironmentHoldsView, AViewIsHeldOnlyWhereEveryPointAroundItIsInteriorOfThePeriod) {
+  SERIESENV s(P3X, 0, 3);
+  int held = 0, refused = 0;
+  for (double radius : {1e-4, 1e-5})
+    for (int i = -16; i <= 6; i++)
+      for (int j = 0; j <= 7; j++) {
+        double dx = i * 0.001, dy = j * 0.002;
+        MPC p(dx, dy);
+        p = add(s.c, p);
+        if (!environmentholdsview(s.e, p.x, p.y, scaleof(radius))) {
+          refused++;
+          continue;
+        }
+        held++;
+        // The view and the areas around it, twice as far as the screen.
+        for (int a = -2; a <= 2; a++)
+          for (int b = -2; b <= 2; b++) {
+            std::complex<double> c = p.d() + std::complex<double>(a * radius, b * radius);
+            EXPECT_TRUE(attractedwithperiod(c, 3)) << c.real() << " " << c.imag() << " radius " << radius;
+          }
+      }
+  // The sweep crosses the component's edge: both answers occur.
+  EXPECT_GT(held, 20);
+  EXPECT_GT(refused, 20);
+}
+
+TEST(EnvironmentHoldsView, OnlyAPeriodicEnvironmentWithoutSeriesHoldsAView) {
+  SERIESENV one(0, 0, 1);
+  MPC inside(-0.1, 0.05), airship(P3X, 3e-25);
+  HFLOATCOMPLEX deep = scaleof(1e-25);
+  // The main cardioid holds a deep view inside it, not one in another
+  // component.
+  EXPECT_TRUE(environmentholdsview(one.e, inside.x, inside.y, deep));
+  EXPECT_FALSE(environmentholdsview(one.e, airship.x, airship.y, deep));
+  // With a series its canvases follow differences, which the period test
+  // does not see; without E_PERIODIC it is no component at all.
+  one.e->flags |= E_SERIES;
+  EXPECT_FALSE(environmentholdsview(one.e, inside.x, inside.y, deep));
+  one.e->flags &= ~(E_SERIES | E_PERIODIC);
+  EXPECT_FALSE(environmentholdsview(one.e, inside.x, inside.y, deep));
+  // A view just outside the period-3 atom's edge on the real axis (its
+  // cusp at -1.75) is not held.
+  SERIESENV three(P3X, 0, 3);
+  MPC outside(-1.75 + 1e-12, 0);
+  EXPECT_FALSE(environmentholdsview(three.e, outside.x, outside.y, deep));
 }
 
 // ---------------------------------------------------------------- setenvironment

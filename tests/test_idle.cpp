@@ -1,11 +1,13 @@
 // The idle search on single general views made by hand: the standard
 // environment of an escaping orbit, the orbit stored against a plain mpf
 // loop, the walk along periods already known and the candidates past them,
-// the budget's doubling, and a run stopped by a move.
+// the budget's doubling, a run stopped by a move, and the candidates
+// next to a deep view inside a wide atom.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <complex>
+#include <vector>
 
 #include "idle.h"
 #include "refiter.h"
@@ -464,4 +466,183 @@ TEST(IdleSearch, TheOrbitPausesForItsCandidateAndGoesOnWhenNewtonHasAnswered) {
   waitrest(e, v);
   e.onmain([&](OVCONTEXT*) { EXPECT_FALSE(v->flags & (VP_IDLESTOP | VP_IDLEPAUSE)); });
   dropview(e, v, realm);
+}
+
+namespace {
+
+// z_k and dz_k/dc of the orbit of the view's centre, in mpf.
+void orbitround(const VIEWPORT* v, int k, mpf_ptr x, mpf_ptr y, mpf_ptr dx, mpf_ptr dy) {
+  mp_bitcnt_t bits = mpf_get_prec(x);
+  mpf_t t, u, w;
+  for (mpf_ptr m : {t, u, w}) mpf_init2(m, bits);
+  for (mpf_ptr m : {x, y, dx, dy}) mpf_set_ui(m, 0);
+  for (int i = 0; i < k; i++) {
+    // dz <- 2 z dz + 1
+    mpf_mul(t, x, dx);
+    mpf_mul(u, y, dy);
+    mpf_sub(t, t, u);
+    mpf_mul(u, x, dy);
+    mpf_mul(w, y, dx);
+    mpf_add(u, u, w);
+    mpf_mul_2exp(dx, t, 1);
+    mpf_add_ui(dx, dx, 1);
+    mpf_mul_2exp(dy, u, 1);
+    // z <- z^2 + c
+    mpf_mul(t, x, x);
+    mpf_mul(u, y, y);
+    mpf_sub(t, t, u);
+    mpf_mul(u, x, y);
+    mpf_mul_2exp(u, u, 1);
+    mpf_add(x, t, v->delta->v[0]);
+    mpf_add(y, u, v->delta->v[1]);
+  }
+  for (mpf_ptr m : {t, u, w}) mpf_clear(m);
+}
+
+}  // namespace
+
+TEST(IdleSearch, TheFarNucleusOfPeriodOneHidesNoCandidateAndTheAtomHoldingADeepViewIsNew) {
+  TileEngine e{16, false};
+  REALM* realm = newrealm(e, GENERAL);
+  VIEWPORT* v = nullptr;
+  mpf_t x, y, dx, dy;
+  for (mpf_ptr m : {x, y, dx, dy}) mpf_init2(m, 256);
+  idleinstallhooks();
+  e.onmain([&](OVCONTEXT* c) {
+    // 3e-25 above the nucleus of the period-3 atom, 1e-25 wide: wholly
+    // inside the atom, which is far too wide for its series to help.
+    v = exactview(c, realm, "-1.7548776662466927600495088963585286918946",
+                  "0.0000000000000000000000003", 2e25, 148);
+    attachhpv(v->delta);
+    v->idle_delta = v->delta;
+    v->idle_zoom = v->zoom;
+    v->idle_computergroup.context = c;
+    v->idle_chain = v->echain.next;
+    v->idle_nextenviter = -1;
+    v->idle_ncalculating = 1;
+    v->idle_n0 = -1;
+    // Round 1: z_1 = c is exactly linear in c, a candidate at any centre;
+    // Newton takes it to 0, far from the view.
+    HFLOATCOMPLEX tj[NTAYLORDEGREE] = {}, tm[NTAYLORDEGREE] = {};
+    tj[1] = tm[1] = CONEH;
+    orbitround(v, 1, x, y, dx, dy);
+    idlestep(v, 1, TWOH, x, y, dx, dy, tj, tj, tm, tm);
+    EXPECT_EQ(v->idle_ncalculating, 2);
+    EXPECT_EQ(v->idle_n0, -1);  // its multiples, every round, are not held back
+    // Round 3 comes back next to 0: the view's own nucleus.
+    orbitround(v, 3, x, y, dx, dy);
+    std::complex<double> c1(mpf_get_d(v->delta->v[0]), 0), z2 = c1 * c1 + c1;
+    tj[1] = cHFd(4.0 * c1 * z2);  // dz_3/dz_1
+    tm[1] = cHF(mpf_get_HF(dx), mpf_get_HF(dy));
+    idlestep(v, 3, TWOH, x, y, dx, dy, tj, tj, tm, tm);
+    EXPECT_EQ(v->idle_ncalculating, 3);
+    EXPECT_EQ(v->idle_n0, 3);
+    // Its multiples are that nucleus again.
+    idlestep(v, 6, TWOH, x, y, dx, dy, tj, tj, tm, tm);
+    EXPECT_EQ(v->idle_ncalculating, 3);
+  });
+  waitfor([&] {
+    int n = 0;
+    e.onmain([&](OVCONTEXT*) { n = v->idle_ncalculating; });
+    return n == 1;
+  });
+  e.waitidle();
+  e.onmain([&](OVCONTEXT* c) {
+    std::vector<unsigned> periods;
+    ENVIRONMENT* three = nullptr;
+    for (CHAIN* l = v->echain.next; l != &v->echain; l = l->next) {
+      ENVIRONMENT* en = CHAINRECORD(l, ENVIRONMENT, chain);
+      periods.push_back(en->n);
+      if (en->n == 3) three = en;
+    }
+    EXPECT_EQ(periods, (std::vector<unsigned>{1, 3}));
+    ASSERT_NE(three, nullptr);
+    EXPECT_NEAR(pointof(three->c).real(), -1.7548776662466927, 1e-15);
+    EXPECT_NEAR(pointof(three->c).imag(), 0, 1e-60);
+    // The atom holds the whole view: the run's end scans and draws again.
+    EXPECT_TRUE(v->idle_newenv);
+    detachhpv(c, v->idle_delta);
+    v->idle_delta = nullptr;
+  });
+  for (mpf_ptr m : {x, y, dx, dy}) mpf_clear(m);
+  dropview(e, v, realm);
+}
+
+TEST(IdleSearch, TheScanTakesTheAtomThatHoldsADeepViewAndNotOnceTheViewLeavesIt) {
+  TileEngine e{16, false};
+  REALM* realm = newrealm(e, GENERAL);
+  VIEWPORT* v = nullptr;
+  ENVIRONMENT* three = nullptr;
+  e.onmain([&](OVCONTEXT* c) {
+    v = exactview(c, realm, "-1.7548776662466927600495088963585286918946",
+                  "0.0000000000000000000000003", 2e25, 148);
+    ENVIRONMENT* one = convergedpoint(c, v, "0", 1);
+    three = convergedpoint(c, v, "-1.7548776662466927600495088963585286918946", 3);
+    for (ENVIRONMENT* en : {one, three}) {
+      __removetask(c, en->task);
+      en->task = nullptr;
+      en->owner = nullptr;
+      insertenvironment(v, en);
+    }
+    ASSERT_EQ(three->flags & (E_PERIODIC | E_SERIES), E_PERIODIC);
+    v->idle_maxiter = 0x100;  // short runs: the scan is what is looked at
+    movingstart(c, v);
+  });
+  waitrest(e, v);
+  e.onmain([&](OVCONTEXT* c) {
+    // Far too wide for its series, the atom still serves: its canvases
+    // iterate directly, and the view's centre is interior of period 3.
+    EXPECT_EQ(v->esat, three);
+    EXPECT_EQ(v->precsat, 4);
+    EXPECT_EQ(v->info.iter, -3);
+    // Just outside the atom's cusp at -1.75, as deep: the atom is kept but
+    // serves no more.
+    HPVALUE* d = addhpv(c, 148);
+    mpf_set_str(d->v[0], "-1.749999999999", 10);
+    mpf_set_ui(d->v[1], 0);
+    detachhpv(c, v->delta);
+    v->delta = d;
+    movingstart(c, v);
+  });
+  waitrest(e, v);
+  e.onmain([&](OVCONTEXT*) {
+    EXPECT_EQ(v->esat, nullptr);
+    bool kept = false;
+    for (CHAIN* l = v->echain.next; l != &v->echain; l = l->next)
+      kept = kept || CHAINRECORD(l, ENVIRONMENT, chain) == three;
+    EXPECT_TRUE(kept);
+  });
+  dropview(e, v, realm);
+}
+
+TEST(IdleSearch, AConvergedAtomTooWideToServeIsNewWhereItHoldsTheViewAndOnlyKeptElsewhere) {
+  TileEngine e{16, false};
+  REALM* realm = newrealm(e, GENERAL);
+  const char* nucleus = "-1.7548776662466927600495088963585286918946";
+  // 3e-25 above the nucleus, and as deep just outside the cusp at -1.75.
+  for (const char* re : {nucleus, "-1.749999999999"}) {
+    bool inside = re == nucleus;
+    VIEWPORT* v = nullptr;
+    e.onmain([&](OVCONTEXT* c) {
+      v = exactview(c, realm, re, inside ? "0.0000000000000000000000003" : "0", 2e25, 148);
+      v->idle_ncalculating = 2;  // the orbit and the candidate
+      ENVIRONMENT* three = convergedpoint(c, v, nucleus, 3);
+      attachviewport(v);  // the candidate's hold on the view
+      WORKER* w = addworker(c, THREAD_MAIN, worker_newtonfinish);
+      w->pdata[0] = three;
+      worker_newtonfinish(c, w);
+      EXPECT_LT(checkenvironment(v->dummy[0], three, v->delta->v[0], v->delta->v[1], v->zoom,
+                                 v->resolution),
+                0);
+      EXPECT_EQ(v->idle_newenv, inside) << re;
+      // Either way the point stays known.
+      ASSERT_NE(v->echain.next, &v->echain);
+      EXPECT_EQ(CHAINRECORD(v->echain.next, ENVIRONMENT, chain), three);
+      EXPECT_EQ(v->idle_ncalculating, 1);
+    });
+    dropview(e, v, realm);
+    realm = newrealm(e, GENERAL);
+  }
+  detachrealm(e.context, realm);
+  e.onmain([](OVCONTEXT*) {});
 }

@@ -1,11 +1,15 @@
 // A view wholly inside a minibrot, next to the nucleus of the period-3
-// component on the real axis. Its first reference is the view's centre, an
-// orbit that never escapes and is not periodic: nothing on the screen
-// escapes, so no escape count bounds the interpolation, and the corners'
-// orbits outlive the reference's. Such a view once never finished.
+// component on the real axis, 3e-25 from it at a width of 1e-25. Its centre's
+// orbit never escapes: nothing on the screen escapes, so no escape count
+// bounds the interpolation. Such a view once never finished; later it
+// finished over its centre's orbit with every pixel unknown, since only a
+// periodic environment lets the canvases prove the interior. The idle search
+// finds the nucleus, and the view is drawn over it.
 #include "test_view_headless.h"
+#include "viewinterior.h"
 
 using namespace viewheadless;
+using namespace viewinterior;
 
 namespace {
 
@@ -25,7 +29,7 @@ VIEWARGS insideargs() {
 TEST(ViewHeadlessMinibrot, AViewInsideAMinibrotCompletesWithoutAnEscape) {
   RUN r;
   ASSERT_TRUE(start(r, insideargs()));
-  // The limit only guards against a hang: the view takes about 11 s alone.
+  // The limit only guards against a hang: the view takes about a second.
   ASSERT_TRUE(waitviewfinish(&r.run, 1, 500));
   checkfinished(r);
   checkcoverage(r);
@@ -37,5 +41,19 @@ TEST(ViewHeadlessMinibrot, AViewInsideAMinibrotCompletesWithoutAnEscape) {
   EXPECT_EQ(c.falseinterior, 0);
   EXPECT_EQ(c.misplaced, 0);
   EXPECT_EQ(c.zeroleaving, 0);
+  endviewrun(&r.run);
+}
+
+// The idle search finds the period-3 nucleus; the view is drawn over it
+// (at once, when the view's first run finds it, or in a redraw after a later
+// run), and then every pixel it shows is interior with period 3, each
+// sampled one confirmed by GMP.
+TEST(ViewHeadlessMinibrot, AViewInsideAMinibrotShowsTheInteriorOfItsPeriod) {
+  RUN r;
+  ASSERT_TRUE(start(r, insideargs()));
+  // The limit only guards against a hang.
+  int finishes = 0;
+  ASSERT_TRUE(waitforperiod(r, 3, 300, &finishes)) << "after " << finishes << " finishing events";
+  checkinterior(r, 3, 240L * 136 / 4);
   endviewrun(&r.run);
 }

@@ -34,11 +34,14 @@ constexpr unsigned int NOCLOSURE = CF_JULIACORRECT | CF_JULIA | CF_DERIVATIVE;
 using canvaskernels::gridshift;
 using canvaskernels::jobenvironment;
 
-// The parameter of a vertex, in the frame the kernels use.
+// The parameter of a vertex for the period tests, which iterate z^2 + c from
+// the point itself: absolute. Over a periodic environment without series
+// the general realm keeps the origin relative to the environment's point,
+// and the tests ran at the difference (the nucleus of period 1 at every
+// vertex inside the period-3 atom).
 template <typename T>
 typename T::COMPLEX vertexc(const typename T::CANVAS* canvas, int x, int y) {
-  typedef canvasmodel::NUM<typename T::FLOAT> N;
-  return N::cadd(canvas->cf, canvaskernels::gridoffset<T>(canvas, x, y));
+  return canvaskernels::absolutec<T>(canvas, x, y);
 }
 
 template <typename T>
