@@ -37,10 +37,11 @@ unsigned int realmtypebit(REALMTYPE type) {
 
 // The environment-dependent part of the word. No environment counts as the
 // periodic kind: the orbit starts from 0 at the canvas's own points, so the
-// interior tests apply.
+// interior tests apply. So do they over a satellite environment, whose
+// period map the series form of the tests iterates.
 unsigned int environmentbits(const ENVIRONMENT* e, unsigned int channels) {
   bool more = channels & MORETHANCOUNT;
-  bool periodic = !e || (e->flags & (E_SERIES | E_PERIODIC)) == E_PERIODIC;
+  bool periodic = !e || (e->flags & E_PERIODIC);
   if (periodic) return more ? CF_DERIVATIVE : 0;
   return CF_NOINFTY | (more ? CF_DERIVATIVE : 0);
 }

@@ -78,6 +78,63 @@ bool periodtestable(const typename T::CANVAS* canvas) {
   return (e->flags & E_PERIODIC) != 0;
 }
 
+// Over a satellite environment the period tests iterate the environment's
+// period map (its series in z) from the vertex's offset to the
+// environment's point: z^2 + c at the rounded absolute point would carry
+// nothing of a difference that deep. Their periods and limits count
+// periods of the map; the vertex's count is in iterations.
+template <typename T>
+int seriesorder(const typename T::CANVAS* canvas) {
+  if (!canvas->__worker) return 0;
+  return std::clamp(static_cast<int>(canvas->__worker->idata[JOB_ORDER]), 0, NTAYLORDEGREE);
+}
+
+template <typename T>
+typename T::COMPLEX vertexoffset(const typename T::CANVAS* canvas, int x, int y) {
+  typedef canvasmodel::NUM<typename T::FLOAT> N;
+  return N::cadd(canvas->cf, canvaskernels::gridoffset<T>(canvas, x, y));
+}
+
+template <typename T>
+ITER inperiods(const ENVIRONMENT* e, ITER iter) {
+  return iter >= NOLIMIT ? NOLIMIT : iter / static_cast<ITER>(e->n) + 1;
+}
+
+// Whole periods of the map only: a period that is not one is no cycle of it.
+template <typename T>
+ITER fromperiods(const ENVIRONMENT* e, ITER r) {
+  if (r <= 0) return 0;
+  int64_t p = int64_t(r) * int64_t(e->n);
+  return p < NOLIMIT ? static_cast<ITER>(p) : 0;
+}
+
+template <typename T>
+ITER seriesinftytest(const typename T::CANVAS* canvas, typename T::CVERTEX* vx, ITER maxiter,
+                     typename T::COMPLEX* d1, typename T::COMPLEX* d2) {
+  const ENVIRONMENT* e = jobenvironment<T>(canvas);
+  int order = seriesorder<T>(canvas);
+  if (!e || e->n < 1 || order < 1) return 0;
+  typename T::COMPLEX c = vertexoffset<T>(canvas, vx->x, vx->y);
+  ITER r = canvasperiod::inftytestgeneral<T>(gridshift<T>(canvas), &c, e, order,
+                                             inperiods<T>(e, maxiter), nullptr, nullptr, nullptr,
+                                             d1, d2, nullptr);
+  return fromperiods<T>(e, r);
+}
+
+template <typename T>
+ITER seriescheckperiod(const typename T::CANVAS* canvas, typename T::CVERTEX* vx, ITER period,
+                       ITER limit) {
+  const ENVIRONMENT* e = jobenvironment<T>(canvas);
+  int order = seriesorder<T>(canvas);
+  if (!e || e->n < 1 || order < 1 || period % static_cast<ITER>(e->n) != 0) return 0;
+  typename T::COMPLEX c = vertexoffset<T>(canvas, vx->x, vx->y);
+  ITER r = canvasperiod::checkperiodgeneral<T>(
+      gridshift<T>(canvas), &c, e, order, period / static_cast<ITER>(e->n),
+      inperiods<T>(e, limit), 1, true, &vx->inftydata, &vx->flags, nullptr, nullptr, nullptr,
+      nullptr, nullptr);
+  return fromperiods<T>(e, r);
+}
+
 template <typename T>
 void raisemaxiter(typename T::CANVAS* canvas, UITER iter) {
   if (static_cast<int64_t>(iter) > canvas->maxiter && iter <= static_cast<UITER>(NOLIMIT))
@@ -431,9 +488,7 @@ bool spreadperiod(typename T::CANVAS* canvas, typename T::CVERTEX* P, typename T
   typename T::COMPLEX c = vertexc<T>(canvas, Q->x, Q->y);
   ITER r;
   if (satelliteframe<T>(canvas)) {
-    // joins checkperiodgeneral: the satellite form of the test iterates the
-    // environment's series, which this tree does not have yet.
-    r = 0;
+    r = seriescheckperiod<T>(canvas, Q, static_cast<ITER>(P->v.iter), limit);
   } else {
     // Always to the least period: a period reached by the angle search is a
     // multiple of P, and so is P itself at a corner of a component of a
@@ -455,9 +510,15 @@ template <typename T>
 bool settleperiod(typename T::CANVAS* canvas, typename T::CVERTEX* vx, ITER period) {
   if (isinterior<T>(vx)) return vx->v.iter == static_cast<UITER>(period);
   if (vx->flags & VX_FINISHED) return false;
-  if (satelliteframe<T>(canvas)) return false;
+  ITER r;
+  if (satelliteframe<T>(canvas)) {
+    r = seriescheckperiod<T>(canvas, vx, period, NOLIMIT);
+    if (r <= 0) return false;
+    makeinterior<T>(vx, r);
+    return r == period;
+  }
   typename T::COMPLEX c = vertexc<T>(canvas, vx->x, vx->y);
-  ITER r = canvasperiod::checkperiod<T>(gridshift<T>(canvas), &c, period, NOLIMIT, 1, true,
+  r = canvasperiod::checkperiod<T>(gridshift<T>(canvas), &c, period, NOLIMIT, 1, true,
                                         &vx->inftydata, &vx->flags, nullptr, nullptr, nullptr,
                                         nullptr, nullptr);
   if (r <= 0) return false;
@@ -570,9 +631,24 @@ void checkcanvas(typename T::CANVAS* canvas, ITER maxiter) {
       ITER r = 0;
       // joins inftytestgeneral: over a satellite environment the corner
       // stays undecided until the series form of the test exists.
-      if (!satelliteframe<T>(canvas))
+      if (satelliteframe<T>(canvas)) {
+        r = seriesinftytest<T>(canvas, vx, maxiter, &d1, &d2);
+        // The series test counts an escape in periods of the map, which is
+        // no count: a point it does not find inside gets the failure limit
+        // from the kernel, as the finite path would give it.
+        if (r < 1 && !(vx->v.flags & CV_INFTY)) {
+          vx->maxiter = 0;
+          if (advancefinite<T>(nullptr, canvas, vx, maxiter, maxiter) &&
+              !(vx->flags & VX_NEARINTERIOR)) {
+            wakefinite<T>(canvas, vx);
+            if (vx->flags & VX_INTREE) canvasinworkerfinite<T>(canvas, c[k]);
+          }
+          continue;
+        }
+      } else {
         r = canvasperiod::inftytest<T>(gridshift<T>(canvas), &cc, maxiter, nullptr, nullptr, &d1,
                                        &d2, nullptr);
+      }
       if (r < 1 && !(vx->v.flags & CV_INFTY)) {
         // The escape count follows the kernels' radius: no distance is
         // asked for, so the test stops at |z|^2 > 4 as they do.
@@ -612,8 +688,9 @@ void testcorner(typename T::CANVAS* canvas, typename T::CVERTEX* vx) {
   vx->flags |= VX_TESTED;
   vx->maxiter = static_cast<UITER>(NOLIMIT);
   ITER r = 0;
-  // joins inftytestgeneral (satellite environments); see spreadperiod.
-  if (periodtestable<T>(canvas) && !satelliteframe<T>(canvas)) {
+  if (satelliteframe<T>(canvas)) {
+    r = seriesinftytest<T>(canvas, vx, NOLIMIT, nullptr, nullptr);
+  } else if (periodtestable<T>(canvas)) {
     typename T::COMPLEX cc = vertexc<T>(canvas, vx->x, vx->y);
     r = canvasperiod::inftytest<T>(gridshift<T>(canvas), &cc, NOLIMIT, nullptr, nullptr,
                                    nullptr, nullptr, nullptr);
