@@ -103,6 +103,14 @@ void cubicstart(typename T::CANVAS* canvas, const ENVIRONMENT* e, typename T::CO
   ITER ip = w->idata[JOB_INTERPOLITER];
   if (ip <= 0 || static_cast<UITER>(ip) <= cvalue->iter || static_cast<UITER>(ip) > e->n) return;
   const HFLOATCOMPLEX* t = &w->hdata[JOB_INTERPOLTAYLOR];
+  // The view's point may have jumped periods without a cubic of the state
+  // over the view having been made: all four terms are then 0, which no
+  // orbit gives (the state moves with the parameter). Started from it,
+  // every point stood on the reference after the jump, and a view next to
+  // a minibrot counted one period too many.
+  bool made = false;
+  for (int i = 0; i < NINTERPOLTAYLOR; i++) made = made || t[i].mantissax != 0 || t[i].mantissay != 0;
+  if (!made) return;
   HFLOATCOMPLEX x = N::ctoHF(dc);
   HFLOATCOMPLEX value = caddHF(cmulHF(caddHF(cmulHF(caddHF(cmulHF(t[3], x), t[2]), x), t[1]), x), t[0]);
   HFLOATCOMPLEX slope = caddHF(
