@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "idle.h"
+#include "mpforbit.h"
 #include "refiter.h"
 #include "test_viewport.h"
 
@@ -476,26 +477,7 @@ void orbitround(const VIEWPORT* v, int k, mpf_ptr x, mpf_ptr y, mpf_ptr dx, mpf_
   mpf_t t, u, w;
   for (mpf_ptr m : {t, u, w}) mpf_init2(m, bits);
   for (mpf_ptr m : {x, y, dx, dy}) mpf_set_ui(m, 0);
-  for (int i = 0; i < k; i++) {
-    // dz <- 2 z dz + 1
-    mpf_mul(t, x, dx);
-    mpf_mul(u, y, dy);
-    mpf_sub(t, t, u);
-    mpf_mul(u, x, dy);
-    mpf_mul(w, y, dx);
-    mpf_add(u, u, w);
-    mpf_mul_2exp(dx, t, 1);
-    mpf_add_ui(dx, dx, 1);
-    mpf_mul_2exp(dy, u, 1);
-    // z <- z^2 + c
-    mpf_mul(t, x, x);
-    mpf_mul(u, y, y);
-    mpf_sub(t, t, u);
-    mpf_mul(u, x, y);
-    mpf_mul_2exp(u, u, 1);
-    mpf_add(x, t, v->delta->v[0]);
-    mpf_add(y, u, v->delta->v[1]);
-  }
+  for (int i = 0; i < k; i++) mpforbit::step(x, y, dx, dy, v->delta->v[0], v->delta->v[1], t, u, w);
   for (mpf_ptr m : {t, u, w}) mpf_clear(m);
 }
 
