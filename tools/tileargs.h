@@ -5,7 +5,10 @@
 
 #include <gmp.h>
 
+#include <functional>
 #include <string>
+
+struct AREA;
 
 struct TILEARGS {
   int depth = -1;
@@ -25,6 +28,10 @@ struct TILEARGS {
   // longest-lived of a few points of the tile. Not on the command line.
   long referencelimit = 100000;
   bool referenceatcentre = false;
+  // Called on the engine's main thread with the general realm's area once
+  // its reference is attached, before its job starts: a test's way to hand
+  // the area a state of its own (a cubic start). Not on the command line.
+  std::function<void(AREA*)> preparearea;
 };
 
 // The usage line printed with every argument error.

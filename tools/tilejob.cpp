@@ -159,6 +159,7 @@ bool attachreference(OVCONTEXT* context, REALM* realm, AREA* area, const TILEARG
     area->ct = cHF(ct[0], ct[1]);
     area->interpoliter = 0;
     for (HFLOATCOMPLEX& t : area->interpoltaylor) t = CZEROH;
+    if (args.preparearea) args.preparearea(area);
   });
   mpf_clear(point[0]);
   mpf_clear(point[1]);
