@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "juliastack.h"
+#include "minibrotframe.h"
 #include "viewrun.h"
 
 namespace {
@@ -195,93 +196,6 @@ constexpr mp_bitcnt_t MINIBITS = 4800;
 // size about 5e-22, whose views lie at depth about 74.
 constexpr unsigned SMALLPERIOD = 32;
 
-struct MPC {
-  mpf_t x, y;
-  MPC() {
-    mpf_init2(x, MINIBITS);
-    mpf_init2(y, MINIBITS);
-  }
-  ~MPC() {
-    mpf_clear(x);
-    mpf_clear(y);
-  }
-};
-
-// a = a b
-void mpcmul(MPC& a, const MPC& b) {
-  MPC t;
-  mpf_t u;
-  mpf_init2(u, MINIBITS);
-  mpf_mul(t.x, a.x, b.x);
-  mpf_mul(u, a.y, b.y);
-  mpf_sub(t.x, t.x, u);
-  mpf_mul(t.y, a.x, b.y);
-  mpf_mul(u, a.y, b.x);
-  mpf_add(t.y, t.y, u);
-  mpf_set(a.x, t.x);
-  mpf_set(a.y, t.y);
-  mpf_clear(u);
-}
-
-// a = a / b
-void mpcdiv(MPC& a, const MPC& b) {
-  MPC conj;
-  mpf_set(conj.x, b.x);
-  mpf_neg(conj.y, b.y);
-  mpf_t n;
-  mpf_init2(n, MINIBITS);
-  mpf_mul(n, b.x, b.x);
-  mpf_t u;
-  mpf_init2(u, MINIBITS);
-  mpf_mul(u, b.y, b.y);
-  mpf_add(n, n, u);
-  mpcmul(a, conj);
-  mpf_div(a.x, a.x, n);
-  mpf_div(a.y, a.y, n);
-  mpf_clear(u);
-  mpf_clear(n);
-}
-
-// Runs the period from z = 0 at c: z_P into z, dz_P/dc into d and the
-// product of 2 z_k (k = 1 .. P - 1) into lambda.
-void period(const MPC& c, MPC& z, MPC& d, MPC& lambda, unsigned P = MINIPERIOD) {
-  MPC two;
-  mpf_set_ui(z.x, 0);
-  mpf_set_ui(z.y, 0);
-  mpf_set_ui(d.x, 0);
-  mpf_set_ui(d.y, 0);
-  mpf_set_ui(lambda.x, 1);
-  mpf_set_ui(lambda.y, 0);
-  for (unsigned k = 0; k < P; k++) {
-    if (k > 0) {
-      mpf_mul_2exp(two.x, z.x, 1);
-      mpf_mul_2exp(two.y, z.y, 1);
-      mpcmul(lambda, two);
-    }
-    // d = 2 z d + 1, z = z^2 + c
-    mpf_mul_2exp(two.x, z.x, 1);
-    mpf_mul_2exp(two.y, z.y, 1);
-    mpcmul(d, two);
-    mpf_add_ui(d.x, d.x, 1);
-    MPC sq;
-    mpf_set(sq.x, z.x);
-    mpf_set(sq.y, z.y);
-    mpcmul(sq, z);
-    mpf_add(z.x, sq.x, c.x);
-    mpf_add(z.y, sq.y, c.y);
-  }
-}
-
-std::string decimal(mpf_srcptr v, size_t digits) {
-  mp_exp_t e;
-  char* s = mpf_get_str(nullptr, &e, 10, digits, v);
-  std::string text(s);
-  free(s);
-  bool negative = !text.empty() && text[0] == '-';
-  if (negative) text.erase(0, 1);
-  if (text.empty()) return "0";
-  return (negative ? "-0." : "0.") + text + "e" + std::to_string(static_cast<long>(e));
-}
 
 // Main thread: the iterations the view's tiles took, as their jobs counted
 // them (the list not being built is empty).
@@ -330,45 +244,11 @@ double countagreement(const std::map<const AREA*, std::vector<float>>& a,
 VIEWARGS miniargs(double cre, double cim, double span, unsigned P = MINIPERIOD,
                   const char* startre = "0.7e-500", const char* startim = "0.3e-500") {
   VIEWARGS a = benchargs();
-  MPC c, z, d, lambda;
-  mpf_set_str(c.x, startre, 10);
-  mpf_set_str(c.y, startim, 10);
-  mpf_add_ui(c.y, c.y, 1);
-  for (int step = 0; step < 100; step++) {
-    period(c, z, d, lambda, P);
-    mpcdiv(z, d);
-    mpf_sub(c.x, c.x, z.x);
-    mpf_sub(c.y, c.y, z.y);
-    long ex = 0, ey = 0;
-    double sx = mpf_get_d_2exp(&ex, z.x), sy = mpf_get_d_2exp(&ey, z.y);
-    const long tiny = 64 - static_cast<long>(MINIBITS);
-    if ((sx == 0 || ex < tiny) && (sy == 0 || ey < tiny)) break;
-  }
-  period(c, z, d, lambda, P);
-  // c = c0 + c' / (lambda D)
-  mpcmul(lambda, d);
-  MPC off;
-  mpf_set_d(off.x, cre);
-  mpf_set_d(off.y, cim);
-  mpcdiv(off, lambda);
-  mpf_add(c.x, c.x, off.x);
-  mpf_add(c.y, c.y, off.y);
-  mpf_t n;
-  mpf_init2(n, MINIBITS);
-  mpf_mul(n, lambda.x, lambda.x);
-  mpf_t u;
-  mpf_init2(u, MINIBITS);
-  mpf_mul(u, lambda.y, lambda.y);
-  mpf_add(n, n, u);
-  mpf_sqrt(n, n);
-  mpf_set_d(u, span);
-  mpf_div(u, u, n);
+  minibrotframe::PLACE p = minibrotframe::place(P, MINIBITS, startre, startim, cre, cim, span, 1100);
   a.positioned = true;
-  a.re = decimal(c.x, 1100);
-  a.im = decimal(c.y, 1100);
-  a.span = decimal(u, 20);
-  mpf_clear(u);
-  mpf_clear(n);
+  a.re = p.re;
+  a.im = p.im;
+  a.span = p.span;
   return a;
 }
 

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "juliastack.h"
+#include "minibrotframe.h"
 #include "test_view_headless.h"
 
 using namespace viewheadless;
@@ -28,135 +29,23 @@ namespace {
 constexpr unsigned PERIOD = 32;
 constexpr mp_bitcnt_t BITS = 512;
 
-struct MPC {
-  mpf_t x, y;
-  MPC() {
-    mpf_init2(x, BITS);
-    mpf_init2(y, BITS);
-  }
-  ~MPC() {
-    mpf_clear(x);
-    mpf_clear(y);
-  }
-  MPC(const MPC&) = delete;
-  MPC& operator=(const MPC&) = delete;
-};
-
-// a = a b
-void mul(MPC& a, const MPC& b) {
-  MPC t;
-  mpf_t u;
-  mpf_init2(u, BITS);
-  mpf_mul(t.x, a.x, b.x);
-  mpf_mul(u, a.y, b.y);
-  mpf_sub(t.x, t.x, u);
-  mpf_mul(t.y, a.x, b.y);
-  mpf_mul(u, a.y, b.x);
-  mpf_add(t.y, t.y, u);
-  mpf_set(a.x, t.x);
-  mpf_set(a.y, t.y);
-  mpf_clear(u);
-}
-
-void norm(mpf_t n, const MPC& b) {
-  mpf_t u;
-  mpf_init2(u, BITS);
-  mpf_mul(n, b.x, b.x);
-  mpf_mul(u, b.y, b.y);
-  mpf_add(n, n, u);
-  mpf_clear(u);
-}
-
-// a = a / b
-void mpcdiv(MPC& a, const MPC& b) {
-  MPC conj;
-  mpf_set(conj.x, b.x);
-  mpf_neg(conj.y, b.y);
-  mpf_t n;
-  mpf_init2(n, BITS);
-  norm(n, b);
-  mul(a, conj);
-  mpf_div(a.x, a.x, n);
-  mpf_div(a.y, a.y, n);
-  mpf_clear(n);
-}
-
-// One period from z = 0 at c: z_P, dz_P/dc, and the product of 2 z_k over
-// k = 1 .. P - 1, the multiplier that maps the minibrot's frame.
-void period(const MPC& c, MPC& z, MPC& d, MPC& lambda) {
-  MPC two, sq;
-  for (mpf_ptr m : {z.x, z.y, d.x, d.y, lambda.y}) mpf_set_ui(m, 0);
-  mpf_set_ui(lambda.x, 1);
-  for (unsigned k = 0; k < PERIOD; k++) {
-    mpf_mul_2exp(two.x, z.x, 1);
-    mpf_mul_2exp(two.y, z.y, 1);
-    if (k > 0) mul(lambda, two);
-    mul(d, two);
-    mpf_add_ui(d.x, d.x, 1);
-    mpf_set(sq.x, z.x);
-    mpf_set(sq.y, z.y);
-    mul(sq, z);
-    mpf_add(z.x, sq.x, c.x);
-    mpf_add(z.y, sq.y, c.y);
-  }
-}
-
-std::string decimal(mpf_srcptr v) {
-  mp_exp_t e;
-  char* s = mpf_get_str(nullptr, &e, 10, 200, v);
-  std::string text(s);
-  free(s);
-  bool negative = !text.empty() && text[0] == '-';
-  if (negative) text.erase(0, 1);
-  if (text.empty()) return "0";
-  return (negative ? "-0." : "0.") + text + "e" + std::to_string(static_cast<long>(e));
-}
-
 // The view at c' = (cre, cim) in the minibrot's own frame, w = lambda z,
 // where one period acts as w -> w^2 + c' with c' = lambda D (c - c0): the
 // same place next to the minibrot as c' is next to the whole set, a longer
 // side of `span` there.
 VIEWARGS nexttominibrot(double cre, double cim, double span) {
-  MPC c, z, d, lambda;
-  // Newton from i + 1e-10 (0.7 + 0.3 i), until its step vanishes.
-  mpf_set_str(c.x, "0.7e-10", 10);
-  mpf_set_str(c.y, "0.3e-10", 10);
-  mpf_add_ui(c.y, c.y, 1);
-  for (int step = 0; step < 100; step++) {
-    period(c, z, d, lambda);
-    mpcdiv(z, d);
-    mpf_sub(c.x, c.x, z.x);
-    mpf_sub(c.y, c.y, z.y);
-    long ex = 0, ey = 0;
-    double sx = mpf_get_d_2exp(&ex, z.x), sy = mpf_get_d_2exp(&ey, z.y);
-    const long tiny = 64 - static_cast<long>(BITS);
-    if ((sx == 0 || ex < tiny) && (sy == 0 || ey < tiny)) break;
-  }
-  period(c, z, d, lambda);
-  mul(lambda, d);
-  MPC off;
-  mpf_set_d(off.x, cre);
-  mpf_set_d(off.y, cim);
-  mpcdiv(off, lambda);
-  mpf_add(c.x, c.x, off.x);
-  mpf_add(c.y, c.y, off.y);
-  mpf_t n;
-  mpf_init2(n, BITS);
-  norm(n, lambda);
-  mpf_sqrt(n, n);
-  mpf_set_d(off.x, span);
-  mpf_div(n, off.x, n);
+  // Newton from i + 1e-10 (0.7 + 0.3 i).
+  minibrotframe::PLACE p = minibrotframe::place(PERIOD, BITS, "0.7e-10", "0.3e-10", cre, cim, span, 200);
   VIEWARGS a = smallargs();
   a.width = 128;
   a.height = 96;
   a.nthread = 5;  // two worker threads
   a.positioned = true;
-  a.re = decimal(c.x);
-  a.im = decimal(c.y);
-  a.span = decimal(n);
+  a.re = p.re;
+  a.im = p.im;
+  a.span = p.span;
   a.hasflags = true;
   a.flags = R_DEFAULT;
-  mpf_clear(n);
   return a;
 }
 
