@@ -95,14 +95,12 @@ typename T::COMPLEX vertexoffset(const typename T::CANVAS* canvas, int x, int y)
   return N::cadd(canvas->cf, canvaskernels::gridoffset<T>(canvas, x, y));
 }
 
-template <typename T>
-ITER inperiods(const ENVIRONMENT* e, ITER iter) {
+inline ITER inperiods(const ENVIRONMENT* e, ITER iter) {
   return iter >= NOLIMIT ? NOLIMIT : iter / static_cast<ITER>(e->n) + 1;
 }
 
 // Whole periods of the map only: a period that is not one is no cycle of it.
-template <typename T>
-ITER fromperiods(const ENVIRONMENT* e, ITER r) {
+inline ITER fromperiods(const ENVIRONMENT* e, ITER r) {
   if (r <= 0) return 0;
   int64_t p = int64_t(r) * int64_t(e->n);
   return p < NOLIMIT ? static_cast<ITER>(p) : 0;
@@ -116,9 +114,9 @@ ITER seriesinftytest(const typename T::CANVAS* canvas, typename T::CVERTEX* vx, 
   if (!e || e->n < 1 || order < 1) return 0;
   typename T::COMPLEX c = vertexoffset<T>(canvas, vx->x, vx->y);
   ITER r = canvasperiod::inftytestgeneral<T>(gridshift<T>(canvas), &c, e, order,
-                                             inperiods<T>(e, maxiter), nullptr, nullptr, nullptr,
+                                             inperiods(e, maxiter), nullptr, nullptr, nullptr,
                                              d1, d2, nullptr);
-  return fromperiods<T>(e, r);
+  return fromperiods(e, r);
 }
 
 template <typename T>
@@ -130,9 +128,9 @@ ITER seriescheckperiod(const typename T::CANVAS* canvas, typename T::CVERTEX* vx
   typename T::COMPLEX c = vertexoffset<T>(canvas, vx->x, vx->y);
   ITER r = canvasperiod::checkperiodgeneral<T>(
       gridshift<T>(canvas), &c, e, order, period / static_cast<ITER>(e->n),
-      inperiods<T>(e, limit), 1, true, &vx->inftydata, &vx->flags, nullptr, nullptr, nullptr,
+      inperiods(e, limit), 1, true, &vx->inftydata, &vx->flags, nullptr, nullptr, nullptr,
       nullptr, nullptr);
-  return fromperiods<T>(e, r);
+  return fromperiods(e, r);
 }
 
 template <typename T>
@@ -513,14 +511,12 @@ bool settleperiod(typename T::CANVAS* canvas, typename T::CVERTEX* vx, ITER peri
   ITER r;
   if (satelliteframe<T>(canvas)) {
     r = seriescheckperiod<T>(canvas, vx, period, NOLIMIT);
-    if (r <= 0) return false;
-    makeinterior<T>(vx, r);
-    return r == period;
+  } else {
+    typename T::COMPLEX c = vertexc<T>(canvas, vx->x, vx->y);
+    r = canvasperiod::checkperiod<T>(gridshift<T>(canvas), &c, period, NOLIMIT, 1, true,
+                                     &vx->inftydata, &vx->flags, nullptr, nullptr, nullptr,
+                                     nullptr, nullptr);
   }
-  typename T::COMPLEX c = vertexc<T>(canvas, vx->x, vx->y);
-  r = canvasperiod::checkperiod<T>(gridshift<T>(canvas), &c, period, NOLIMIT, 1, true,
-                                        &vx->inftydata, &vx->flags, nullptr, nullptr, nullptr,
-                                        nullptr, nullptr);
   if (r <= 0) return false;
   makeinterior<T>(vx, r);
   return r == period;
@@ -629,8 +625,6 @@ void checkcanvas(typename T::CANVAS* canvas, ITER maxiter) {
       typename T::COMPLEX cc = vertexc<T>(canvas, vx->x, vx->y);
       typename T::COMPLEX d1 = N::czero(), d2 = N::czero();
       ITER r = 0;
-      // joins inftytestgeneral: over a satellite environment the corner
-      // stays undecided until the series form of the test exists.
       if (satelliteframe<T>(canvas)) {
         r = seriesinftytest<T>(canvas, vx, maxiter, &d1, &d2);
         // The series test counts an escape in periods of the map, which is
