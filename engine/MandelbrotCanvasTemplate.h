@@ -243,8 +243,11 @@ struct CANVASLAYOUT {
   unsigned int flags;  // CF_*, or 2 when free
   WORKER* __worker;
   // The job's work: vertices that ran a kernel, iterations they advanced.
+  // Iterations passed by a jump (the job's cubic, a period) were not
+  // iterated, and `statskipped` takes them out of the count.
   int64_t statvertices;
   int64_t statiterations;
+  int64_t statskipped;
 };
 
 // Where the format's own members end.

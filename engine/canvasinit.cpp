@@ -11,6 +11,7 @@
 #include <type_traits>
 
 #include "Mandelbrot.h"
+#include "canvas/areacubic.h"
 #include "canvas/driver.h"
 #include "canvas/model.h"
 
@@ -75,6 +76,27 @@ void frameseries(const JULIASTACKDATA* frame, HFLOATCOMPLEX delta, HFLOATCOMPLEX
   *derivative = d;
 }
 
+// The job's cubic start for a general area over an environment that is
+// not periodic, made here for the area's extent when the job brought none.
+// The view's point brings one only where it jumps periods, over a periodic
+// environment, whose kernel jumps them itself.
+template <typename T>
+void takeareacubic(typename T::CANVAS* canvas, WORKER* worker, const ENVIRONMENT* e, int s) {
+  typedef NUM<typename T::FLOAT> N;
+  if (!e || (e->flags & E_PERIODIC) || !(canvas->flags & CF_GLOBALINTERPOL)) return;
+  if (worker->idata[JOB_INTERPOLITER] > 0) return;
+  HFLOAT half = NUM<HFLOAT>::pow2(s + canvas->canvassizeshift - 1);
+  HFLOATCOMPLEX centre = caddHF(N::ctoHF(canvas->cr), cHF(half, half));
+  // The grid's corners lie half a diagonal from its centre; the margin
+  // covers the rounding of the centre.
+  HFLOAT radius = mulHF(half, HFd(1.4143));
+  HFLOATCOMPLEX t[NINTERPOLTAYLOR];
+  ITER ip = areacubic(e, centre, radius, NUM<HFLOAT>::pow2(s), 0x7FFFFFFF, t);
+  if (ip <= 0) return;
+  worker->idata[JOB_INTERPOLITER] = ip;
+  for (int k = 0; k < NINTERPOLTAYLOR; k++) worker->hdata[JOB_INTERPOLTAYLOR + k] = t[k];
+}
+
 }  // namespace
 
 template <typename T>
@@ -111,6 +133,7 @@ void initcanvas(OVCONTEXT* context, typename T::CANVAS* canvas, WORKER* worker, 
   canvas->__worker = worker;
   canvas->statvertices = 0;
   canvas->statiterations = 0;
+  canvas->statskipped = 0;
   canvas->__n = 0;
   canvas->flags = word | CF_ACTIVE;
   canvas->depth = depth;
@@ -276,6 +299,8 @@ void initcanvas(OVCONTEXT* context, typename T::CANVAS* canvas, WORKER* worker, 
     canvas->v[size * CANVASSIZE].v.iter = pending;
     canvas->v[size * CANVASSIZE + size].v.iter = pending;
   }
+
+  if (general && !julia) takeareacubic<T>(canvas, worker, e, s);
 
   canvas->ihpvalue = 0;
   canvas->rhpvalue = &canvas->hpvalue[0];

@@ -98,19 +98,9 @@ template <typename T>
 void cubicstart(typename T::CANVAS* canvas, const ENVIRONMENT* e, typename T::COMPLEX dc,
                 typename T::CVALUE* cvalue, ITER* maxiter, const KERNELCONST<T>& k) {
   typedef canvasmodel::NUM<typename T::FLOAT> N;
-  const WORKER* w = canvas->__worker;
-  if (!w || !(canvas->flags & CF_GLOBALINTERPOL)) return;
-  ITER ip = w->idata[JOB_INTERPOLITER];
-  if (ip <= 0 || static_cast<UITER>(ip) <= cvalue->iter || static_cast<UITER>(ip) > e->n) return;
-  const HFLOATCOMPLEX* t = &w->hdata[JOB_INTERPOLTAYLOR];
-  // The view's point may have jumped periods without a cubic of the state
-  // over the view having been made: all four terms are then 0, which no
-  // orbit gives (the state moves with the parameter). Started from it,
-  // every point stood on the reference after the jump, and a view next to
-  // a minibrot counted one period too many.
-  bool made = false;
-  for (int i = 0; i < NINTERPOLTAYLOR; i++) made = made || t[i].mantissax != 0 || t[i].mantissay != 0;
-  if (!made) return;
+  ITER ip = cubiciter<T>(canvas, e);
+  if (ip <= 0 || static_cast<UITER>(ip) <= cvalue->iter) return;
+  const HFLOATCOMPLEX* t = &canvas->__worker->hdata[JOB_INTERPOLTAYLOR];
   HFLOATCOMPLEX x = N::ctoHF(dc);
   HFLOATCOMPLEX value = caddHF(cmulHF(caddHF(cmulHF(caddHF(cmulHF(t[3], x), t[2]), x), t[1]), x), t[0]);
   HFLOATCOMPLEX slope = caddHF(
@@ -123,6 +113,7 @@ void cubicstart(typename T::CANVAS* canvas, const ENVIRONMENT* e, typename T::CO
   bool escaped = N::less(k.near4, N::abss(N::cadd(X, delta))) && exactescape<T>(X, a, delta, dl);
   if (!escaped) {
     if (ip > *maxiter) return;
+    canvas->statskipped += ip - static_cast<ITER>(cvalue->iter);
     cvalue->iter = static_cast<UITER>(ip);
     cvalue->value = delta;
     cvalue->d = N::cfromHF(cmulHF2(slope, canvas->dfactor));
@@ -221,6 +212,7 @@ int envkernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int 
           periodjump<JULIA>(e, N::ctoHF(p.delta), v, N::ctoHF(p.d), N::toHF(p.Z),
                             canvas->dfactor2, &jp)) {
         UITER n1 = n + period;
+        canvas->statskipped += period;
         p.start(X, N::cfromHF(jp.delta), N::cfromHF(jp.d), N::fromHF(jp.Z));
         // Back at the cycle's point 0 after the period: where the seed's
         // attractor is caught, it is caught here, the steps passed counted.

@@ -123,6 +123,24 @@ inline const HPVALUE* jobjulia(const WORKER* worker) {
   return static_cast<const HPVALUE*>(worker->pdata[JOB_JULIA]);
 }
 
+// The iteration the job's cubic carries every point to, or 0 when there is
+// none to take. The view's point may have jumped periods without a cubic of
+// the state over the view having been made: all four terms are then 0, which
+// no orbit gives (the state moves with the parameter). Started from it,
+// every point stood on the reference after the jump, and a view next to a
+// minibrot counted one period too many.
+template <typename T>
+inline ITER cubiciter(const typename T::CANVAS* canvas, const ENVIRONMENT* e) {
+  const WORKER* w = canvas->__worker;
+  if (!w || !e || !(canvas->flags & CF_GLOBALINTERPOL)) return 0;
+  ITER ip = w->idata[JOB_INTERPOLITER];
+  if (ip <= 0 || static_cast<UITER>(ip) > e->n) return 0;
+  const HFLOATCOMPLEX* t = &w->hdata[JOB_INTERPOLTAYLOR];
+  for (int i = 0; i < NINTERPOLTAYLOR; i++)
+    if (t[i].mantissax != 0 || t[i].mantissay != 0) return ip;
+  return 0;
+}
+
 // The canvas origin relative to the environment's point: kept as `cr` in the
 // general realm, taken in mpf elsewhere.
 template <typename T>
