@@ -139,10 +139,13 @@ constexpr UITER HOLDMAXPERIOD = 1024;
 }  // namespace
 
 bool environmentholdsview(const ENVIRONMENT* e, mpf_srcptr x, mpf_srcptr y, HFLOATCOMPLEX zoom) {
-  if ((e->flags & (E_PERIODIC | E_SERIES)) != E_PERIODIC || e->n < 1) return false;
-  // The test costs up to 30 periods of steps on the caller's thread; an
-  // environment without series has a short period (20 at most as the series
-  // step decides), and no longer one is looked at.
+  return !(e->flags & E_SERIES) && atomholdsview(e, x, y, zoom);
+}
+
+bool atomholdsview(const ENVIRONMENT* e, mpf_srcptr x, mpf_srcptr y, HFLOATCOMPLEX zoom) {
+  if (!(e->flags & E_PERIODIC) || e->n < 1) return false;
+  // The test costs up to 30 periods of steps on the caller's thread: no
+  // longer period is looked at.
   if (e->n > HOLDMAXPERIOD) return false;
   HFLOAT scale = cabsHF(zoom);
   if (scale.mantissa == 0) return false;

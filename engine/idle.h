@@ -52,6 +52,9 @@ void worker_env_investigate(OVCONTEXT* context, WORKER* worker);
 // digits that change nothing, and its canvases prove every corner interior.
 // Defined with the environments' checks (envcheck.cpp); any thread.
 bool environmentholdsview(const ENVIRONMENT* e, mpf_srcptr x, mpf_srcptr y, HFLOATCOMPLEX zoom);
+// The same test of the component alone, for an environment with a series
+// as well: one whose series does not reach the view can serve it without.
+bool atomholdsview(const ENVIRONMENT* e, mpf_srcptr x, mpf_srcptr y, HFLOATCOMPLEX zoom);
 
 // The environments' scan (movingstart is declared in viewport.h).
 void envloop(OVCONTEXT* context, VIEWPORT* viewport);

@@ -109,15 +109,30 @@ void worker_newtonfinish(OVCONTEXT* context, WORKER* worker) {
     detache(context, e);
     return;
   }
-  if (!v->delta ||
-      !isenvironmentvalid(v->dummy[0], e, v->delta->v[0], v->delta->v[1], v->zoom)) {
+  if (!v->delta) {
+    detache(context, e);
+    idlenewtonended(context, v);
+    return;
+  }
+  mpf_srcptr x = v->idle_delta ? v->idle_delta->v[0] : v->delta->v[0];
+  mpf_srcptr y = v->idle_delta ? v->idle_delta->v[1] : v->delta->v[1];
+  HFLOATCOMPLEX region = cmulHF2(v->zoom, HFd(1.0 / (v->big > 0 ? v->big : 1.0)));
+  bool valid = isenvironmentvalid(v->dummy[0], e, v->delta->v[0], v->delta->v[1], v->zoom);
+  // A view inside an atom far from its nucleus, beyond its series' reach
+  // (the bulb of period 21 on the cardioid is 3e-4 across, its series
+  // reaches 1e-4): the atom still serves it without the series, its
+  // canvases iterating each point and finding the period there. Kept with
+  // the series, it would be dropped here, and a deep view inside the bulb
+  // stayed unknown over the standard environment.
+  if (!valid && (e->flags & E_SERIES) && atomholdsview(e, v->delta->v[0], v->delta->v[1], region)) {
+    e->flags &= ~E_SERIES;
+    valid = true;
+  }
+  if (!valid) {
     detache(context, e);
   } else {
-    mpf_srcptr x = v->idle_delta ? v->idle_delta->v[0] : v->delta->v[0];
-    mpf_srcptr y = v->idle_delta ? v->idle_delta->v[1] : v->delta->v[1];
     // A shallow atom that holds the whole view serves it too (`envloop`
     // takes it): the view is scanned and drawn again when the run is over.
-    HFLOATCOMPLEX region = cmulHF2(v->zoom, HFd(1.0 / (v->big > 0 ? v->big : 1.0)));
     if (checkenvironment(v->dummy[0], e, x, y, v->zoom, v->resolution) >= 0 ||
         environmentholdsview(e, x, y, region))
       v->idle_newenv = true;

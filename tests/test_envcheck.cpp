@@ -266,8 +266,13 @@ TEST(EnvironmentHoldsView, OnlyAPeriodicEnvironmentWithoutSeriesHoldsAView) {
   // does not see; without E_PERIODIC it is no component at all.
   one.e->flags |= E_SERIES;
   EXPECT_FALSE(environmentholdsview(one.e, inside.x, inside.y, deep));
+  // The component alone still holds it: with the series dropped, the atom
+  // could serve the view.
+  EXPECT_TRUE(atomholdsview(one.e, inside.x, inside.y, deep));
+  EXPECT_FALSE(atomholdsview(one.e, airship.x, airship.y, deep));
   one.e->flags &= ~(E_SERIES | E_PERIODIC);
   EXPECT_FALSE(environmentholdsview(one.e, inside.x, inside.y, deep));
+  EXPECT_FALSE(atomholdsview(one.e, inside.x, inside.y, deep));
   // A view just outside the period-3 atom's edge on the real axis (its
   // cusp at -1.75) is not held.
   SERIESENV three(P3X, 0, 3);

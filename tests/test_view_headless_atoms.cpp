@@ -91,3 +91,27 @@ TEST(ViewHeadlessAtoms, TheMinibrotOfPeriod998WithItsEdgeMatchesGmp) {
   EXPECT_LE(c.zero - c.zeroleaving, c.sampled / 20);
   endviewrun(&r.run);
 }
+
+// The bulb of period 21 on the main cardioid (at the angle 2 pi / 21), about
+// 3e-4 across, at its scale and far below it. The period tests of the
+// canvases run at each vertex's own point, whichever environment serves the
+// view: the picture shows the bulb's period once the view has finished.
+constexpr const char* BULB21RE = "0.27131348606189515";
+constexpr const char* BULB21IM = "0.006367378915966104";
+
+void finishesinterior(const VIEWARGS& a, int period) {
+  RUN r;
+  ASSERT_TRUE(start(r, a));
+  ASSERT_TRUE(waitviewfinish(&r.run, 1, 300));
+  printf("  served by an environment of period %d\n", servingperiod(r));
+  checkinterior(r, period, 240L * 136 / 4);
+  endviewrun(&r.run);
+}
+
+TEST(ViewHeadlessAtoms, AViewInsideTheBulbOfPeriod21ShowsItsPeriod) {
+  finishesinterior(inside(BULB21RE, BULB21IM, "2e-5"), 21);
+}
+
+TEST(ViewHeadlessAtoms, ADeepViewInsideTheBulbOfPeriod21ShowsItsPeriod) {
+  finishesinterior(inside(BULB21RE, BULB21IM, "1e-25"), 21);
+}
