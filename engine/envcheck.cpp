@@ -17,8 +17,6 @@ namespace {
 
 constexpr int D = NTAYLORDEGREE;
 
-bool lessHF(HFLOAT a, HFLOAT b) { return subHF(a, b).mantissa < 0; }
-
 HFLOAT sqrHF(HFLOAT a) { return mulHF(a, a); }
 
 // (x, y) - e.c, each part taken in mpf and only then reduced.

@@ -87,8 +87,6 @@ HFLOATCOMPLEX offset(mpf_ptr scratch, const ENVIRONMENT* e, mpf_srcptr x, mpf_sr
   return cHF(dx, dy);
 }
 
-bool lessHF(HFLOAT a, HFLOAT b) { return subHF(a, b).mantissa < 0; }
-
 HFLOAT sqrHF(HFLOAT a) { return mulHF(a, a); }
 
 // 1/|zoom|^2: the squared half-size of the region the view shows.

@@ -26,8 +26,6 @@ int viewdepth(const VIEWPORT* v) {
   return -static_cast<int>(std::floor(L + std::log2(static_cast<double>(v->resolution))));
 }
 
-bool less_than(HFLOAT a, HFLOAT b) { return subHF(a, b).mantissa < 0; }
-
 double bigof(const VIEWPORT* v) { return v->big > 0 ? v->big : 1.0; }
 
 void clearinfo(OVCONTEXT* context, ITERINFO* info) {
@@ -255,7 +253,7 @@ void investigateenvironment(OVCONTEXT* context, VIEWPORT* viewport, ENVIRONMENT*
   budgets(v, info);
   if (info->iter < 0 || !info->precisionfailure) {
     HFLOAT reach = divHF(HFd(bigof(v)), v->zoomabs);
-    bool outside = info->iter >= 0 && less_than(reach, info->d) && less_than(reach, e->r2);
+    bool outside = info->iter >= 0 && lessHF(reach, info->d) && lessHF(reach, e->r2);
     if (outside) {
       // The view lies outside the atom: e only serves when nothing deeper
       // in the chain does.

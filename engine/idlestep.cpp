@@ -24,7 +24,6 @@ long expof(mpf_srcptr x) {
   mpf_get_d_2exp(&e, x);
   return e;
 }
-bool less(HFLOAT a, HFLOAT b) { return subHF(a, b).mantissa < 0; }
 // ilogb(q) / k, and 0 when ilogb(q) is below `floor`.
 int levels(HFLOAT q, int floor, int k) {
   int l = lg(q);
@@ -73,8 +72,8 @@ bool iscandidate(VIEWPORT* v, ITER iter, HFLOATCOMPLEX z, const HFLOATCOMPLEX* n
   HFLOAT m1 = cabsHFs(ntm[1]), m2 = cabsHFs(ntm[2]), m3 = cabsHFs(ntm[3]);
   HFLOAT m1sq = mulHF(m1, m1);
   HFLOAT k = HFd(1.0 / 75);
-  if (!less(mulHF(mulHF(Z, Z), m3), mulHF(mulHF(m1sq, m1), k))) return false;
-  if (!less(mulHF(Z, m2), mulHF(m1sq, k))) return false;
+  if (!lessHF(mulHF(mulHF(Z, Z), m3), mulHF(mulHF(m1sq, m1), k))) return false;
+  if (!lessHF(mulHF(Z, m2), mulHF(m1sq, k))) return false;
   double w = log2HF(v->idle_zoom.mantissax == 0 && v->idle_zoom.mantissay == 0
                         ? ONEH
                         : cabsHF(v->idle_zoom)) +
@@ -105,11 +104,11 @@ bool landsnear(const VIEWPORT* v, mpf_t q[2], const HFLOATCOMPLEX* ntj, const HF
   HFLOAT step = cabsHF(cHF(mpf_get_HF(q[0]), mpf_get_HF(q[1])));
   if (step.mantissa == 0) return true;
   HFLOAT zoom = cabsHF(v->idle_zoom);
-  if (zoom.mantissa != 0 && less(step, divHF(HFd(4.0), zoom))) return true;
+  if (zoom.mantissa != 0 && lessHF(step, divHF(HFd(4.0), zoom))) return true;
   HFLOAT prod = cabsHF(cmulHF(ntm[1], ntj[1]));
   if (prod.mantissa == 0) return false;
   // 2^-4 of the atom: the component holds a disc of about a quarter of it.
-  return less(step, divHF(HFd(2.0 / 16), prod));
+  return lessHF(step, divHF(HFd(2.0 / 16), prod));
 }
 
 void makecandidate(OVCONTEXT* context, VIEWPORT* v, ITER iter, mpf_srcptr x, mpf_srcptr y,

@@ -17,7 +17,6 @@ namespace {
 
 HFLOAT sideof(int depth) { return HFLOAT{HFLOATBASE(1) << 61, 5 - depth}; }
 
-bool lessHF(HFLOAT a, HFLOAT b) { return subHF(a, b).mantissa < 0; }
 bool stopped(OVCONTEXT* context) { return atomicload(&context->grmain.stop); }
 
 int childindex(const AREA* a) {

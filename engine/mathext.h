@@ -193,6 +193,9 @@ inline HFLOAT divHF(HFLOAT a, HFLOAT b) {
 
 inline HFLOAT ldexpHF(HFLOAT a, int32_t e) { return HFLOAT{a.mantissa, a.exponent + e}; }
 
+// a < b, from the sign of the difference.
+inline bool lessHF(HFLOAT a, HFLOAT b) { return subHF(a, b).mantissa < 0; }
+
 inline HFLOAT frexpHF(HFLOAT m, int32_t* e) {
   HFLOAT n = hfloat_detail::normalize(m.mantissa, m.exponent);
   *e = n.exponent;

@@ -24,8 +24,6 @@ constexpr double MISEQUAL = 0.01;
 constexpr int MISNEWTON = 64;
 constexpr int MISREFINEMENTS = 64;
 
-bool lessHF(HFLOAT a, HFLOAT b) { return subHF(a, b).mantissa < 0; }
-
 // z and dz/dc of one entry.
 struct ENTRY {
   mpf_t v[4];

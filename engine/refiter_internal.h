@@ -6,7 +6,6 @@
 
 namespace refiter {
 
-inline bool lessHF(HFLOAT a, HFLOAT b) { return subHF(a, b).mantissa < 0; }
 inline HFLOAT rootHF(HFLOAT a) { return a.mantissa == 0 ? ZEROH : sqrtHF(a); }
 inline HFLOATCOMPLEX twiceHF(HFLOATCOMPLEX z) {
   if (z.mantissax == 0 && z.mantissay == 0) return z;

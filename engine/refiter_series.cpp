@@ -27,8 +27,6 @@ inline HFLOATCOMPLEX twice(HFLOATCOMPLEX z) {
   return cldexpHF(z, 1);
 }
 
-inline bool lessHF(HFLOAT a, HFLOAT b) { return subHF(a, b).mantissa < 0; }
-
 inline HFLOAT rootHF(HFLOAT a) { return a.mantissa == 0 ? ZEROH : sqrtHF(a); }
 
 inline HFLOAT absHF(HFLOATCOMPLEX z) { return rootHF(cabsHFs(z)); }

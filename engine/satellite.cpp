@@ -20,8 +20,6 @@ bool isreference(const ENVIRONMENT* e) {
 int exponentof(HFLOAT v) { return v.mantissa ? ilogbHF(v) : INT_MIN / 2; }
 int exponentof(HFLOATCOMPLEX v) { return exponentof(cabsHF(v)); }
 
-bool lessHF(HFLOAT a, HFLOAT b) { return subHF(a, b).mantissa < 0; }
-
 bool zero(HFLOATCOMPLEX v) { return v.mantissax == 0 && v.mantissay == 0; }
 
 // One orbit point of the centre: against the environment's orbit, or from

@@ -27,8 +27,6 @@ HFLOATCOMPLEX orbitpoint(const ENVIRONMENT* e, UITER k) {
 
 HFLOAT absHF(HFLOATCOMPLEX z) { return z.mantissax == 0 && z.mantissay == 0 ? ZEROH : cabsHF(z); }
 
-bool greaterHF(HFLOAT a, HFLOAT b) { return subHF(b, a).mantissa < 0; }
-
 struct CUBIC {
   HFLOATCOMPLEX b0 = CZEROH;  // the centre's own deviation
   HFLOATCOMPLEX s1 = CZEROH, s2 = CZEROH, s3 = CZEROH;
@@ -36,7 +34,7 @@ struct CUBIC {
 };
 
 // One step along the orbit point X.
-CUBIC step(const CUBIC& q, HFLOATCOMPLEX X, HFLOATCOMPLEX c0, HFLOATCOMPLEX rho) {
+CUBIC advancecubic(const CUBIC& q, HFLOATCOMPLEX X, HFLOATCOMPLEX c0, HFLOATCOMPLEX rho) {
   CUBIC r;
   HFLOATCOMPLEX W = cldexpHF(caddHF(X, q.b0), 1);
   HFLOAT a1 = absHF(q.s1), a2 = absHF(q.s2), a3 = absHF(q.s3);
@@ -53,24 +51,24 @@ CUBIC step(const CUBIC& q, HFLOATCOMPLEX X, HFLOATCOMPLEX c0, HFLOATCOMPLEX rho)
 
 }  // namespace
 
-ITER areacubic(const ENVIRONMENT* e, HFLOATCOMPLEX centre, HFLOAT radius, HFLOAT step_,
+ITER areacubic(const ENVIRONMENT* e, HFLOATCOMPLEX centre, HFLOAT radius, HFLOAT gridstep,
                ITER limit, HFLOATCOMPLEX t[NINTERPOLTAYLOR]) {
   if (!e || (!e->refdatad && !e->refdatah) || e->n < 2 || radius.mantissa <= 0) return 0;
   // Sample n is the last the orbit is known to hold in every environment.
   ITER end = static_cast<ITER>(std::min<UITER>(e->n - 1, 0x7FFFFFFF));
   if (limit < end) end = limit;
   const HFLOATCOMPLEX rho = cHF(radius, ZEROH);
-  const HFLOAT q = divHF(mulHF(HFd(AREACUBICTOLERANCE), step_), radius);
+  const HFLOAT q = divHF(mulHF(HFd(AREACUBICTOLERANCE), gridstep), radius);
   const HFLOAT four = HFd(4.0);
   CUBIC good;
   ITER n = 0;
   while (n < end) {
-    CUBIC next = step(good, orbitpoint(e, static_cast<UITER>(n)), centre, rho);
-    if (greaterHF(next.E, mulHF(q, absHF(next.s1)))) break;
+    CUBIC next = advancecubic(good, orbitpoint(e, static_cast<UITER>(n)), centre, rho);
+    if (lessHF(mulHF(q, absHF(next.s1)), next.E)) break;
     // The centre itself must still be inside: the cubic is not carried
     // past an escape.
     HFLOATCOMPLEX z = caddHF(orbitpoint(e, static_cast<UITER>(n + 1)), next.b0);
-    if (greaterHF(cabsHFs(z), four)) break;
+    if (lessHF(four, cabsHFs(z))) break;
     good = next;
     n++;
   }

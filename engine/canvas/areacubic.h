@@ -23,8 +23,8 @@ constexpr double AREACUBICTOLERANCE = 1.0 / (1 << 30);
 // The cubic t[0] + t[1] dc + t[2] dc^2 + t[3] dc^3 of the deviation from the
 // environment's orbit at the iteration returned, for every parameter dc
 // (relative to the environment's point) within `radius` of `centre`, to
-// within AREACUBICTOLERANCE of the deviation's change over `step`. It goes as
+// within AREACUBICTOLERANCE of the deviation's change over `gridstep`. It goes as
 // far as that holds, below `limit` and the orbit's end. Returns 0, with `t`
 // untouched, when it does not carry the area past its first two iterations.
-ITER areacubic(const ENVIRONMENT* e, HFLOATCOMPLEX centre, HFLOAT radius, HFLOAT step, ITER limit,
+ITER areacubic(const ENVIRONMENT* e, HFLOATCOMPLEX centre, HFLOAT radius, HFLOAT gridstep, ITER limit,
                HFLOATCOMPLEX t[NINTERPOLTAYLOR]);

@@ -52,8 +52,6 @@ inline HFLOATCOMPLEX hornerprime(const HFLOATCOMPLEX* t, int stride, HFLOATCOMPL
   return s;
 }
 
-inline bool below(HFLOAT a, HFLOAT b) { return subHF(a, b).mantissa < 0; }
-
 // One whole period from a multiple of it; false when the series is not
 // trusted here. `v` is scalec * dc (0 for Julia); `D2` is `dfactor2`.
 template <bool JULIA>
@@ -61,7 +59,7 @@ bool periodjump(const ENVIRONMENT* e, HFLOATCOMPLEX delta, HFLOATCOMPLEX v, HFLO
                 HFLOAT Z, HFLOATCOMPLEX D2, JUMP* out) {
   const HFLOATCOMPLEX t1 = e->scalez;
   const HFLOATCOMPLEX u = cmulHF(cmulHF(t1, t1), csqrHF(delta));
-  if (!below(cabsHFs(u), ONEH) || !below(cabsHFs(v), ONEH)) return false;
+  if (!lessHF(cabsHFs(u), ONEH) || !lessHF(cabsHFs(v), ONEH)) return false;
   HFLOATCOMPLEX row[NTAYLORDEGREE], rowv[NTAYLORDEGREE];
   for (int i = 0; i < NTAYLORDEGREE; i++) {
     row[i] = horner(e->taylor + i, NTAYLORDEGREE, v);
@@ -78,8 +76,8 @@ bool periodjump(const ENVIRONMENT* e, HFLOATCOMPLEX delta, HFLOATCOMPLEX v, HFLO
   HFLOATCOMPLEX lastrow = cmulHF(row[6], u6);
   HFLOATCOMPLEX lastcolumn = cmulHF(horner(e->taylor + 6 * NTAYLORDEGREE, 1, u), v6);
   HFLOAT limit = mulHF(cabsHFs(P), HFd(JUMPTOLERANCE2));
-  if (!below(cabsHFs(lastrow), limit) && cabsHFs(lastrow).mantissa != 0) return false;
-  if (!below(cabsHFs(lastcolumn), limit) && cabsHFs(lastcolumn).mantissa != 0) return false;
+  if (!lessHF(cabsHFs(lastrow), limit) && cabsHFs(lastrow).mantissa != 0) return false;
+  if (!lessHF(cabsHFs(lastcolumn), limit) && cabsHFs(lastcolumn).mantissa != 0) return false;
   out->delta = cdivHF(P, t1);
   // d(delta')/d(delta) = t1 Pu 2 delta; d(delta')/dc = Pv scalec / t1.
   HFLOATCOMPLEX ddelta = cmulHF(cmulHF(t1, Pu), cldexpHF(delta, 1));
