@@ -12,23 +12,15 @@
 #include "canvas/areacubic.h"
 #include "environment.h"
 #include "mathext.h"
+#include "minibrotframe.h"
 
 namespace {
 
 constexpr mp_bitcnt_t BITS = 1024;
 
-struct MPC {
-  mpf_t x, y;
-  MPC() {
-    mpf_init2(x, BITS);
-    mpf_init2(y, BITS);
-  }
-  ~MPC() {
-    mpf_clear(x);
-    mpf_clear(y);
-  }
-  MPC(const MPC&) = delete;
-  MPC& operator=(const MPC&) = delete;
+// A complex mpf pair at the test's precision.
+struct MPC : minibrotframe::MPC {
+  MPC() : minibrotframe::MPC(BITS) {}
 };
 
 // z <- z^2 + c
