@@ -26,11 +26,17 @@ int absolutekernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y,
 // difference after n iterations of a start difference dz of z_1 (without the
 // parameter part) under a parameter difference dc. At a multiple of the
 // period the reference stands at 0, the state's delta is z itself, and
-// dz = delta^2. The jump is taken only when the last row and the last column
-// of the table, at this u and v, are below `JUMPTOLERANCE` of the result:
-// the terms left out are smaller still.
+// dz = delta^2. In these coordinates one period is w -> w^2 + c' to first
+// order (w = t1 delta, c' = v): next to a minibrot the points of interest
+// have |w| and |c'| up to 2 and beyond, so the table is trusted wherever its
+// own terms say so, not within a fixed disc. The jump is taken only when the
+// last two rows and the last two columns of the table, at this u and v, are
+// each below `JUMPTOLERANCE` of the result: terms that have fallen that far
+// by the table's end leave out less still. `JUMPGATE2` only keeps the powers
+// finite far outside, where the test refuses anyway.
 
 constexpr double JUMPTOLERANCE2 = 0x1p-100;  // squared: 2^-50 relative
+constexpr double JUMPGATE2 = 0x1p40;         // |u|, |v| below 2^20
 
 struct JUMP {
   HFLOATCOMPLEX delta;
@@ -54,30 +60,39 @@ inline HFLOATCOMPLEX hornerprime(const HFLOATCOMPLEX* t, int stride, HFLOATCOMPL
 
 // One whole period from a multiple of it; false when the series is not
 // trusted here. `v` is scalec * dc (0 for Julia); `D2` is `dfactor2`.
+// Is the term below `limit` (both squared), or nothing at all?
+inline bool negligible(HFLOATCOMPLEX t, HFLOAT limit) {
+  HFLOAT t2 = cabsHFs(t);
+  return t2.mantissa == 0 || lessHF(t2, limit);
+}
+
+// One whole period from a multiple of it; false when the series is not
+// trusted here. `v` is scalec * dc (0 for Julia); `D2` is `dfactor2`.
 template <bool JULIA>
 bool periodjump(const ENVIRONMENT* e, HFLOATCOMPLEX delta, HFLOATCOMPLEX v, HFLOATCOMPLEX d,
                 HFLOAT Z, HFLOATCOMPLEX D2, JUMP* out) {
+  constexpr int L = NTAYLORDEGREE;
   const HFLOATCOMPLEX t1 = e->scalez;
   const HFLOATCOMPLEX u = cmulHF(cmulHF(t1, t1), csqrHF(delta));
-  if (!lessHF(cabsHFs(u), ONEH) || !lessHF(cabsHFs(v), ONEH)) return false;
-  HFLOATCOMPLEX row[NTAYLORDEGREE], rowv[NTAYLORDEGREE];
-  for (int i = 0; i < NTAYLORDEGREE; i++) {
-    row[i] = horner(e->taylor + i, NTAYLORDEGREE, v);
-    rowv[i] = hornerprime(e->taylor + i, NTAYLORDEGREE, v);
+  const HFLOAT gate = HFd(JUMPGATE2);
+  if (!lessHF(cabsHFs(u), gate) || !lessHF(cabsHFs(v), gate)) return false;
+  HFLOATCOMPLEX row[L], rowv[L];
+  for (int i = 0; i < L; i++) {
+    row[i] = horner(e->taylor + i, L, v);
+    rowv[i] = hornerprime(e->taylor + i, L, v);
   }
   HFLOATCOMPLEX P = horner(row, 1, u);
+  // The rows of u^5, u^6 and the columns of v^5, v^6 at this point.
+  HFLOATCOMPLEX u5 = cmulHF(csqrHF(csqrHF(u)), u), u6 = cmulHF(u5, u);
+  HFLOATCOMPLEX v5 = cmulHF(csqrHF(csqrHF(v)), v), v6 = cmulHF(v5, v);
+  HFLOAT limit = mulHF(cabsHFs(P), HFd(JUMPTOLERANCE2));
+  if (!negligible(cmulHF(row[L - 2], u5), limit) || !negligible(cmulHF(row[L - 1], u6), limit))
+    return false;
+  if (!negligible(cmulHF(horner(e->taylor + (L - 2) * L, 1, u), v5), limit) ||
+      !negligible(cmulHF(horner(e->taylor + (L - 1) * L, 1, u), v6), limit))
+    return false;
   HFLOATCOMPLEX Pu = hornerprime(row, 1, u);
   HFLOATCOMPLEX Pv = horner(rowv, 1, u);
-  // The last row at u^6, the last column at v^6.
-  HFLOATCOMPLEX u2 = csqrHF(u);
-  HFLOATCOMPLEX u6 = cmulHF(csqrHF(u2), u2);
-  HFLOATCOMPLEX v2 = csqrHF(v);
-  HFLOATCOMPLEX v6 = cmulHF(csqrHF(v2), v2);
-  HFLOATCOMPLEX lastrow = cmulHF(row[6], u6);
-  HFLOATCOMPLEX lastcolumn = cmulHF(horner(e->taylor + 6 * NTAYLORDEGREE, 1, u), v6);
-  HFLOAT limit = mulHF(cabsHFs(P), HFd(JUMPTOLERANCE2));
-  if (!lessHF(cabsHFs(lastrow), limit) && cabsHFs(lastrow).mantissa != 0) return false;
-  if (!lessHF(cabsHFs(lastcolumn), limit) && cabsHFs(lastcolumn).mantissa != 0) return false;
   out->delta = cdivHF(P, t1);
   // d(delta')/d(delta) = t1 Pu 2 delta; d(delta')/dc = Pv scalec / t1.
   HFLOATCOMPLEX ddelta = cmulHF(cmulHF(t1, Pu), cldexpHF(delta, 1));

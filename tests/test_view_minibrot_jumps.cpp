@@ -1,0 +1,115 @@
+// Views next to the minibrot of period 32 about 7e-11 from i, of size about
+// 5e-22, at places of its own frame (c' = lambda D (c - c0), where one
+// period acts as w -> w^2 + c'): the whole minibrot, its seahorse and
+// elephant valleys, the frame's i, and the frame's period-3 minibrot. There
+// the pixels go round the period many times, and the tiles pass whole
+// periods by the environment's series wherever its own terms allow, |w| and
+// |c'| of 2 and more included. Every sampled count must still be GMP's, and
+// the periods passed must be most of the work: the tiles iterate far fewer
+// steps than their escaped pixels count.
+#include <gmp.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+#include "minibrotframe.h"
+#include "test_view_headless.h"
+
+using namespace viewheadless;
+
+namespace {
+
+constexpr unsigned PERIOD = 32;
+constexpr mp_bitcnt_t BITS = 512;
+
+struct FRAMEPLACE {
+  const char* name;
+  double re, im, span;
+};
+
+const FRAMEPLACE PLACES[] = {
+    {"WholeMinibrot", -0.5, 0.0, 3.0},
+    {"SeahorseValley", -0.75, 0.2, 0.5},
+    {"ElephantValley", 0.28, 0.008, 0.02},
+    {"FramesI", 0.0, 1.0, 0.05},
+    {"FramesPeriodThree", -1.7548776662, 0.0, 0.1},
+};
+
+VIEWARGS viewat(const FRAMEPLACE& f) {
+  // Newton from i + 1e-10 (0.7 + 0.3 i).
+  minibrotframe::PLACE p =
+      minibrotframe::place(PERIOD, BITS, "0.7e-10", "0.3e-10", f.re, f.im, f.span, 200);
+  VIEWARGS a = smallargs();
+  a.width = 128;
+  a.height = 96;
+  a.nthread = 5;  // two worker threads
+  a.positioned = true;
+  a.re = p.re;
+  a.im = p.im;
+  a.span = p.span;
+  a.hasflags = true;
+  a.flags = R_DEFAULT;
+  return a;
+}
+
+struct WORK {
+  long long iterations = 0;  // steps the view's tiles iterated
+  long long counted = 0;     // the counts of their escaped texels, summed
+  bool periodic = false;     // the deepest tile is over a periodic environment
+};
+
+WORK workof(RUN& r) {
+  WORK w;
+  onmain(r, [&](OVCONTEXT*) {
+    VIEWPORT* v = r.run.viewport.load();
+    int i = currentlist(v);
+    int deepest = -1;
+    for (int n = 0; n < v->iviewportarea[i]; n++) {
+      const VIEWPORTAREA& va = v->viewportarea[i][n];
+      if (va.priority <= 0 || va.priority == PRIO_KEEP) continue;
+      const AREA* a = va.a;
+      w.iterations += a->statiterations;
+      if (a->depth > deepest) {
+        deepest = a->depth;
+        w.periodic = a->e && (a->e->flags & E_PERIODIC);
+      }
+      const TEXTURE* t = a->texture[3];
+      if (!t || !t->pixels) continue;
+      const float* p = static_cast<const float*>(t->pixels);
+      for (int k = 0; k < TEXTURESIZE * TEXTURESIZE; k++)
+        if (p[k] > 0) w.counted += static_cast<long long>(p[k]);
+    }
+  });
+  return w;
+}
+
+class MinibrotJumps : public ::testing::TestWithParam<FRAMEPLACE> {};
+
+TEST_P(MinibrotJumps, CountsAreGmpsAndMostPeriodsArePassed) {
+  RUN r;
+  ASSERT_TRUE(start(r, viewat(GetParam())));
+  // The limit only guards against a hang: on two quiet cores the view takes
+  // a few seconds.
+  ASSERT_TRUE(waitviewfinish(&r.run, 1, 120)) << "the view did not finish";
+  checkfinished(r);
+  WORK w = workof(r);
+  CHANNEL3 c = checkchannel3(r, 20, 20000);
+  stopviewrun(&r.run);
+  endviewrun(&r.run);
+  printf("  %lld iterations for escaped counts summing to %lld\n", w.iterations, w.counted);
+  report(c);
+  EXPECT_TRUE(w.periodic);
+  EXPECT_GE(c.sampled, 20 * 20 * 9 / 10);
+  EXPECT_GT(c.escaped, 0);
+  checkexact(c);
+  EXPECT_EQ(c.falseescape, 0);
+  EXPECT_EQ(c.falseinterior, 0);
+  EXPECT_EQ(c.misplaced, 0);
+  // Stepping alone would take at least the escaped texels' counts.
+  EXPECT_LT(w.iterations, w.counted / 4);
+}
+
+INSTANTIATE_TEST_SUITE_P(PeriodThirtyTwo, MinibrotJumps, ::testing::ValuesIn(PLACES),
+                         [](const ::testing::TestParamInfo<FRAMEPLACE>& i) { return std::string(i.param.name); });
+
+}  // namespace
