@@ -118,6 +118,8 @@ struct CHPVALUE {
 
 // ---------------------------------------------------------------- the template
 
+struct PERIODSTRIDES;
+
 namespace canvasdetail {
 
 // The records that depend on the format, and everything a canvas holds
@@ -248,6 +250,9 @@ struct CANVASLAYOUT {
   int64_t statvertices;
   int64_t statiterations;
   int64_t statskipped;
+  // The satellite kernels' runs along the period (canvas/periodstrides.h),
+  // made when first asked and forgotten at the next job.
+  PERIODSTRIDES* strides;
 };
 
 // Where the format's own members end.

@@ -14,6 +14,7 @@
 #include "canvas/areacubic.h"
 #include "canvas/driver.h"
 #include "canvas/model.h"
+#include "canvas/periodstrides.h"
 
 namespace canvasmodel {
 
@@ -134,6 +135,7 @@ void initcanvas(OVCONTEXT* context, typename T::CANVAS* canvas, WORKER* worker, 
   canvas->statvertices = 0;
   canvas->statiterations = 0;
   canvas->statskipped = 0;
+  if (canvas->strides) resetperiodstrides(canvas->strides);
   canvas->__n = 0;
   canvas->flags = word | CF_ACTIVE;
   canvas->depth = depth;

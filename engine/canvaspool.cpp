@@ -5,7 +5,10 @@
 
 #include <gmp.h>
 
+#include <cstdlib>
+
 #include "Mandelbrot.h"
+#include "canvas/periodstrides.h"
 
 namespace {
 
@@ -29,6 +32,7 @@ void preinitcanvas([[maybe_unused]] OVCONTEXT* context, CANVAS0* canvas) {
   forscratch(canvas, [](mpf_ptr v) { mpf_init2(v, 64); });
   canvas->flags = POOL_FREE;
   canvas->mhpvalue = 0;
+  canvas->strides = nullptr;
 }
 
 void postfreecanvas([[maybe_unused]] OVCONTEXT* context, CANVAS0* canvas) {
@@ -38,4 +42,9 @@ void postfreecanvas([[maybe_unused]] OVCONTEXT* context, CANVAS0* canvas) {
   }
   canvas->mhpvalue = 0;
   forscratch(canvas, [](mpf_ptr v) { mpf_clear(v); });
+  if (canvas->strides) {
+    freeperiodstrides(canvas->strides);
+    std::free(canvas->strides);
+    canvas->strides = nullptr;
+  }
 }

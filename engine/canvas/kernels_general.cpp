@@ -5,6 +5,11 @@
 // orbit is periodic and whole periods are passed at once by its series.
 #include "canvas/kernels_perturb.h"
 
+#include <algorithm>
+#include <cstdlib>
+
+#include "canvas/periodstrides.h"
+
 namespace canvaskernels {
 
 namespace {
@@ -160,6 +165,71 @@ bool jumppassestrap(const KERNELCONST<T>& k, typename T::COMPLEX X0) {
   return k.trap && !k.trapped(X0);
 }
 
+// ---------------------------------------------------------------- runs along the period
+
+// The canvas's table of linear runs for `e`, made on first use: parameters
+// lie within the canvas's reach of the environment's point (the Julia
+// kernels have none). A trap is looked at after every step, so a Julia
+// orbit with one goes step by step.
+template <typename T, bool JULIA>
+const PERIODSTRIDES* stridesfor(typename T::CANVAS* canvas, const ENVIRONMENT* e,
+                                const KERNELCONST<T>& k) {
+  typedef canvasmodel::NUM<typename T::FLOAT> N;
+  if (JULIA && k.trap) return nullptr;
+  if (!canvas->strides) {
+    canvas->strides = static_cast<PERIODSTRIDES*>(std::calloc(1, sizeof(PERIODSTRIDES)));
+    if (!canvas->strides) return nullptr;
+  }
+  HFLOAT reach = ZEROH;
+  if constexpr (!JULIA) {
+    // The canvas is 2^(4 - depth) on a side: its far corner is less than
+    // twice that from its origin.
+    reach = addHF(cabsHF(N::ctoHF(envorigin<T>(canvas, e))),
+                  canvasmodel::NUM<HFLOAT>::pow2(5 - canvas->depth));
+  }
+  return makeperiodstrides(canvas->strides, e, reach) ? canvas->strides : nullptr;
+}
+
+// Passes the longest linear run from orbit index j at once; false, with
+// nothing changed, when there is none, or when its end would cross the
+// derivative bound or fail the rounding test, which the steps then find
+// where they happen.
+template <typename T, bool JULIA>
+bool takestride(typename T::CANVAS* canvas, const ENVIRONMENT* e, const PERIODSTRIDES* s,
+                const KERNELCONST<T>& k, typename T::COMPLEX dc, UITER period, UITER end,
+                bool testprecision, PERTURB<T>* p, typename T::COMPLEX* X, UITER* n, UITER* j) {
+  typedef canvasmodel::NUM<typename T::FLOAT> N;
+  const HFLOATCOMPLEX delta = N::ctoHF(p->delta);
+  UITER steps = 0;
+  const PERIODSTRIDE* r =
+      longestperiodstride(s, *j, std::min(period - *j, end - *n), cabsHFs(delta), &steps);
+  if (!r) return false;
+  HFLOATCOMPLEX delta1 = cmulHF(r->A, delta);
+  HFLOATCOMPLEX d1 = cmulHF(r->A, N::ctoHF(p->d));
+  if constexpr (!JULIA) {
+    delta1 = caddHF(delta1, cmulHF(r->B, N::ctoHF(dc)));
+    d1 = caddHF(d1, cmulHF(r->B, N::ctoHF(k.DC)));
+  }
+  // The noise carried grows with the derivative; the run adds its own
+  // rounding and what it leaves out, each about one step's rounding.
+  HFLOAT Z1 = addHF(mulHF(cabsHFs(r->A), N::toHF(p->Z)), ldexpHF(cabsHFs(delta1), 1));
+  UITER j1 = *j + steps;
+  if (j1 == period) j1 = 0;
+  typename T::COMPLEX X1;
+  typename T::FLOAT a1;
+  envsample<T>(e, j1, &X1, &a1);
+  PERTURB<T> q;
+  q.start(X1, N::cfromHF(delta1), N::cfromHF(d1), N::fromHF(Z1));
+  if (k.pastbound(q.d, q.L)) return false;
+  if (testprecision && N::less(N::mul(N::abss(q.d), k.Zfactor), q.Z)) return false;
+  *p = q;
+  *X = X1;
+  *n += steps;
+  *j = j1;
+  canvas->statskipped += steps;
+  return true;
+}
+
 }  // namespace
 
 template <typename T, bool JULIA, bool SAT>
@@ -213,11 +283,29 @@ int envkernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int 
     envsample<T>(e, 0, &X0, &a0);
     mayjump = !jumppassestrap<T>(k, X0);
   }
+  const PERIODSTRIDES* strides = nullptr;
+  if constexpr (SAT) strides = stridesfor<T, JULIA>(canvas, e, k);
+  // Where the difference is too large for a run, another try waits a few
+  // steps, more each time, so that points far from linear pay little.
+  UITER nexttry = n, backoff = 1;
   while (n < end) {
     if (k.pastbound(p.d, p.L)) {
       cvalue->Z = p.Z;
       storestate<T>(cvalue, n, p.z, p.d, CV_ABSOLUTE);
       return CALC_BOUND;
+    }
+    if constexpr (SAT) {
+      if (strides && j != 0 && n >= nexttry) {
+        UITER n0 = n;
+        if (takestride<T, JULIA>(canvas, e, strides, k, dc, period, end, testprecision, &p, &X, &n,
+                                 &j)) {
+          backoff = 1;
+          if ((n >> 8) != (n0 >> 8) && jobstopped<T>(canvas)) return CALC_MORE;
+          continue;
+        }
+        nexttry = n + backoff;
+        if (backoff < 64) backoff <<= 1;
+      }
     }
     if constexpr (SAT) {
       JUMP jp;
