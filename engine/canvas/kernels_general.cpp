@@ -199,11 +199,15 @@ bool takestride(typename T::CANVAS* canvas, const ENVIRONMENT* e, const PERIODST
                 const KERNELCONST<T>& k, typename T::COMPLEX dc, UITER period, UITER end,
                 bool testprecision, PERTURB<T>* p, typename T::COMPLEX* X, UITER* n, UITER* j) {
   typedef canvasmodel::NUM<typename T::FLOAT> N;
-  const HFLOATCOMPLEX delta = N::ctoHF(p->delta);
   UITER steps = 0;
-  const PERIODSTRIDE* r =
-      longestperiodstride(s, *j, std::min(period - *j, end - *n), cabsHFs(delta), &steps);
+  const UITER room = std::min(period - *j, end - *n);
+  const PERIODSTRIDE* r;
+  if constexpr (std::is_same_v<typename T::FLOAT, HFLOAT>)
+    r = longestperiodstride(s, *j, room, N::abss(p->delta), &steps);
+  else
+    r = longestperiodstride(s, *j, room, static_cast<long double>(N::abss(p->delta)), &steps);
   if (!r) return false;
+  const HFLOATCOMPLEX delta = N::ctoHF(p->delta);
   HFLOATCOMPLEX delta1 = cmulHF(r->A, delta);
   HFLOATCOMPLEX d1 = cmulHF(r->A, N::ctoHF(p->d));
   if constexpr (!JULIA) {

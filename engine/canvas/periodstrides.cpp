@@ -32,6 +32,8 @@ PERIODSTRIDE onestep(const ENVIRONMENT* e, UITER k) {
   return s;
 }
 
+void setlongdouble(PERIODSTRIDE* s) { s->R2l = dlHF(s->R2); }
+
 // The run `first` then `second`. The second is valid from where the first
 // leaves the difference, at most |A1| |delta| + |B1| |dc| away.
 PERIODSTRIDE chain(const PERIODSTRIDE& first, const PERIODSTRIDE& second, HFLOAT dcbound) {
@@ -90,12 +92,15 @@ bool makeperiodstrides(PERIODSTRIDES* s, const ENVIRONMENT* e, HFLOAT dcbound) {
     size_t n = s->start[l + 1] - s->start[l];
     for (size_t i = 0; i < n; i++) here[i] = chain(below[2 * i], below[2 * i + 1], dcbound);
   }
+  for (size_t i = 0; i < total; i++) setlongdouble(&s->run[i]);
   s->levels = levels;
   return true;
 }
 
-const PERIODSTRIDE* longestperiodstride(const PERIODSTRIDES* s, UITER j, UITER room, HFLOAT delta2,
-                                        UITER* steps) {
+namespace {
+
+template <typename F>
+const PERIODSTRIDE* longest(const PERIODSTRIDES* s, UITER j, UITER room, UITER* steps, F holds) {
   if (s->levels <= 0 || j == 0 || j >= s->period) return nullptr;
   int top = __builtin_ctz(j);
   if (top > s->levels - 1) top = s->levels - 1;
@@ -105,12 +110,26 @@ const PERIODSTRIDE* longestperiodstride(const PERIODSTRIDES* s, UITER j, UITER r
     size_t i = j >> l;
     if (s->start[l] + i >= s->start[l + 1]) continue;
     const PERIODSTRIDE* r = s->run + s->start[l] + i;
-    if (r->R2.mantissa > 0 && lessHF(delta2, r->R2)) {
+    if (holds(*r)) {
       *steps = len;
       return r;
     }
   }
   return nullptr;
+}
+
+}  // namespace
+
+const PERIODSTRIDE* longestperiodstride(const PERIODSTRIDES* s, UITER j, UITER room, HFLOAT delta2,
+                                        UITER* steps) {
+  return longest(s, j, room, steps, [&](const PERIODSTRIDE& r) {
+    return r.R2.mantissa > 0 && lessHF(delta2, r.R2);
+  });
+}
+
+const PERIODSTRIDE* longestperiodstride(const PERIODSTRIDES* s, UITER j, UITER room,
+                                        long double delta2, UITER* steps) {
+  return longest(s, j, room, steps, [&](const PERIODSTRIDE& r) { return delta2 < r.R2l; });
 }
 
 void resetperiodstrides(PERIODSTRIDES* s) {

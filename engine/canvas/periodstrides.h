@@ -25,6 +25,7 @@ struct PERIODSTRIDE {
   HFLOATCOMPLEX A;
   HFLOATCOMPLEX B;
   HFLOAT R2;
+  long double R2l;  // the same for the hardware formats, 0 where it underflows
 };
 
 // |delta| may be at most this fraction of |X_k| for a step to count as
@@ -34,7 +35,7 @@ struct PERIODSTRIDE {
 // double: a run leaves no more error than one step would.
 constexpr double STRIDELINEAR = 0x1p-63;
 
-// Periods longer than this get no table: 2^19 runs of 64 bytes per canvas.
+// Periods longer than this get no table: 2^19 runs of 80 bytes per canvas.
 constexpr UITER STRIDEMAXPERIOD = UITER(1) << 18;
 
 constexpr int STRIDEMAXLEVELS = 19;
@@ -62,6 +63,10 @@ bool makeperiodstrides(PERIODSTRIDES* s, const ENVIRONMENT* e, HFLOAT dcbound);
 // its length in `*steps`. Null when not even one step is linear.
 const PERIODSTRIDE* longestperiodstride(const PERIODSTRIDES* s, UITER j, UITER room, HFLOAT delta2,
                                         UITER* steps);
+// The same for a difference held in a hardware format: no conversion to
+// HFLOAT for a point that finds no run.
+const PERIODSTRIDE* longestperiodstride(const PERIODSTRIDES* s, UITER j, UITER room,
+                                        long double delta2, UITER* steps);
 
 // Forgets the table, keeping its memory; and frees it.
 void resetperiodstrides(PERIODSTRIDES* s);
