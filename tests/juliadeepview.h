@@ -191,6 +191,7 @@ struct COUNTS {
   int deepestlevel = -1;  // the deepest level named
   long escaped = 0, interior = 0, unknown = 0;
   int fewestvalues = -1;  // the fewest distinct counts in one tile
+  long sameasleft = 0;    // texels with the count of their left neighbour
   uint32_t cycle = 0;
 };
 
@@ -218,6 +219,8 @@ inline COUNTS collect(const VIEWPORT* v, const REALM* r) {
       else if (p[k] < 0) out.interior++;
       else out.unknown++;
     }
+    for (int k = 0; k < TEXTURESIZE * TEXTURESIZE; k++)
+      if (k % TEXTURESIZE && p[k] == p[k - 1]) out.sameasleft++;
     std::vector<float> sorted(p, p + TEXTURESIZE * TEXTURESIZE);
     std::sort(sorted.begin(), sorted.end());
     int distinct = static_cast<int>(std::unique(sorted.begin(), sorted.end()) - sorted.begin());
