@@ -130,7 +130,7 @@ TEST(ViewJuliaDeep, AViewAtDepth1000WaitsForItsLevelsAndIsComputedWithAndWithout
 // the view's width 2^-w: w = 40, 48 and 52 give thousands of distinct
 // counts per tile, w = 56 at most 2 in a tile, w = 64 and w = 3322 one
 // count for the whole tile (62 here, every pixel, with and without the
-// stack: the rounding of the view's centre doubling to escape), where GMP
+// stack), where GMP
 // finds counts from 2,000 to 5,000 and interior points, and no pixel reaches
 // a level of the stack. Enable once a Julia tile perturbs its vertices
 // against an exact reference of its own (its corner in mpf) instead of
