@@ -1,0 +1,208 @@
+// A Julia view at depth 1,000 whose stack exists: the view of width 2^-3322
+// (about 1e-1000) on the Julia set of the nucleus of the atom of period 998,
+// centred on a point that lands on 0 after some 3,300 steps (the place and
+// why it is chosen: tests/juliadeepview.h). Its areas wait for the levels
+// the seed needs, are computed through them, and are computed again without
+// the stack (`R_JULIACORRECT | R_BYPASS` cleared on the Julia realm). A
+// Julia view's tiles share the seed's parameter, so the counts must be the
+// same both ways, and the stack must actually be used.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+#include "juliadeepview.h"
+
+using namespace juliadeep;
+
+namespace {
+
+// The view's size on the screen, and the storage tiles for its areas.
+constexpr int VIEWW = 128;
+constexpr int VIEWH = 128;
+constexpr int NTILES = 96;
+
+// Main thread: every area the view waits for, at the depth of its width.
+int viewdepth(const VIEWPORT* v) {
+  int deepest = 0;
+  int i = currentlist(v);
+  for (int n = 0; n < v->iviewportarea[i]; n++) {
+    const VIEWPORTAREA& va = v->viewportarea[i][n];
+    if (va.priority <= 0 || va.priority == PRIO_KEEP) continue;
+    deepest = std::max(deepest, va.a->depth);
+  }
+  return deepest;
+}
+
+// Of `per` texels of each tile, how many have the count of their exact
+// start point iterated in GMP (within 1, or both inside).
+double exactshare(DEEPVIEW& d, int per) {
+  int same = 0, sampled = 0, shown = 0;
+  d.engine.onmain([&](OVCONTEXT*) {
+    int i = currentlist(d.v);
+    mpf_t x, y;
+    mpf_init2(x, BITS);
+    mpf_init2(y, BITS);
+    for (int n = 0; n < d.v->iviewportarea[i]; n++) {
+      const VIEWPORTAREA& va = d.v->viewportarea[i][n];
+      if (va.priority <= 0 || va.priority == PRIO_KEEP) continue;
+      AREA* a = va.a;
+      const TEXTURE* t = a->texture[3];
+      if (!t || !t->pixels) continue;
+      const float* p = static_cast<const float*>(t->pixels);
+      for (int k = 0; k < per; k++) {
+        int tx = (k * 97 + 13) % TEXTURESIZE, ty = (k * 61 + 29) % TEXTURESIZE;
+        texelpoint(a, tx, ty, x, y);
+        long g = directcount(x, y, d.e->c->v[0], d.e->c->v[1], 400000);
+        float v = p[ty * TEXTURESIZE + tx];
+        sampled++;
+        if ((v < 0 && g < 0) || (v > 0 && g > 0 && std::abs(v - static_cast<float>(g)) <= 1)) {
+          same++;
+        } else if (shown++ < 4) {
+          printf("  depth %d texel %d,%d: tile %g, GMP %ld\n", a->depth, tx, ty, static_cast<double>(v), g);
+        }
+      }
+    }
+    mpf_clear(x);
+    mpf_clear(y);
+  });
+  return sampled ? static_cast<double>(same) / sampled : 0;
+}
+
+}  // namespace
+
+// The view waits for the levels its seed needs, finishes once they are
+// ready, and is computed again with and without the stack, each time every
+// one of its tiles anew. The place is what the test of the counts below
+// needs: exactly on a preimage of 0.
+TEST(ViewJuliaDeep, AViewAtDepth1000WaitsForItsLevelsAndIsComputedWithAndWithoutThem) {
+  DEEPVIEW d(NTILES, 5);
+  // The point lands on 0 after its steps, up to the precision of its
+  // backward orbit (3,700 bits, less the 3,300 its forward orbit grows).
+  EXPECT_GT(d.place.steps, 3000);
+  EXPECT_GE(d.place.log2slope, 3322 - IMAGEEXP);
+  EXPECT_LT(landing(d.e->c->v[0], d.e->c->v[1], d.place), -300);
+  int needed = -1, ready = -1;
+  d.stack(&needed, &ready);
+  // Two less the exponent of the trap's radius: levels 0..32, the first 16
+  // made by canvas jobs, the rest by the bypass.
+  EXPECT_EQ(needed, 2 - TRAPEXP);
+  EXPECT_EQ(ready, -1);
+  d.show(VIEWW, VIEWH);
+  // The limits only guard against a hang: on two quiet cores the levels
+  // take about 15 s, and the view's tiles a second.
+  ASSERT_TRUE(within([&] { return d.count.finish.load() >= 1; }, 50)) << "the view did not finish";
+  d.stack(&needed, &ready);
+  EXPECT_GE(ready, needed);
+  int depth = 0;
+  d.engine.onmain([&](OVCONTEXT*) {
+    depth = viewdepth(d.v);
+    // The view's areas waited for the deepest level the seed needs.
+    EXPECT_EQ(d.julia->juliajuliastack, needed);
+  });
+  EXPECT_GE(depth, 3322);
+  EXPECT_LE(depth, 3326);
+  ASSERT_TRUE(d.current());
+  COUNTS first = d.counts();
+  EXPECT_GT(first.tiles, 0);
+  EXPECT_EQ(first.current, first.tiles);
+  EXPECT_EQ(static_cast<int>(first.counts.size()), first.tiles);
+
+  double withoutms = d.again(R_DEFAULT & ~(R_JULIACORRECT | R_BYPASS), 50);
+  ASSERT_GE(withoutms, 0) << "the view without the stack did not complete";
+  COUNTS without = d.counts();
+  EXPECT_NE(without.cycle, first.cycle);
+  EXPECT_EQ(without.current, without.tiles);
+  AGREEMENT g = agreement(first, without);
+  EXPECT_EQ(g.tiles, static_cast<long>(first.counts.size()));
+  printf("  levels 0..%d ready; %d tiles at depth %d; %lld iterations with the stack, %lld without "
+         "(%.0f ms); counts agree on %.4f\n",
+         needed, first.tiles, depth, static_cast<long long>(first.iterations),
+         static_cast<long long>(without.iterations), withoutms, g.share());
+}
+
+// DISABLED: fails, because the engine computes no Julia tile deeper than its
+// number format resolves the start points. A Julia canvas starts each
+// vertex at its absolute place in the tile's format (`initcanvas`: the
+// corner `cf` plus the vertex's offset), so once the pixel size falls below
+// the format's precision at |z| (about 2^-52 relative in double, which
+// Julia tiles use down to depth 124, and 2^-63 in long double and HFLOAT)
+// all the pixels of a tile start at one point. Measured at this place with
+// the view's width 2^-w: w = 40, 48 and 52 give thousands of distinct
+// counts per tile, w = 56 at most 2 in a tile, w = 64 and w = 3322 one
+// count for the whole tile (62 here, every pixel, with and without the
+// stack), where GMP
+// finds counts from 2,000 to 5,000 and interior points, and no pixel reaches
+// a level of the stack. Enable once a Julia tile perturbs its vertices
+// against an exact reference of its own (its corner in mpf) instead of
+// starting them from their rounded places.
+TEST(ViewJuliaDeep, DISABLED_AtDepth1000TheCountsAreTheSameWithAndWithoutTheStackWhichIsUsed) {
+  DEEPVIEW d(NTILES, 5);
+  d.show(VIEWW, VIEWH);
+  ASSERT_TRUE(within([&] { return d.count.finish.load() >= 1; }, 50)) << "the view did not finish";
+  ASSERT_TRUE(d.current());
+  COUNTS with = d.counts();
+  double exactwith = exactshare(d, 4);
+  ASSERT_GE(d.again(R_DEFAULT & ~(R_JULIACORRECT | R_BYPASS), 50), 0);
+  COUNTS without = d.counts();
+  double exactwithout = exactshare(d, 4);
+  AGREEMENT g = agreement(with, without, 8);
+  printf("  with the stack: %d of %d tiles through levels (deepest %d), %lld iterations, fewest "
+         "distinct counts in a tile %d; without: %lld iterations, fewest %d; agree %.4f; exact "
+         "with %.3f, without %.3f\n",
+         with.handed, with.tiles, with.deepestlevel, static_cast<long long>(with.iterations),
+         with.fewestvalues, static_cast<long long>(without.iterations), without.fewestvalues,
+         g.share(), exactwith, exactwithout);
+  // The view shows the Julia set: both outcomes, and many counts in a tile.
+  EXPECT_GT(with.escaped, 0);
+  EXPECT_GT(with.interior, 0);
+  EXPECT_GT(with.fewestvalues, 16);
+  EXPECT_GT(without.fewestvalues, 16);
+  // The stack was used: the tiles' pixels were resolved through its levels.
+  EXPECT_GT(with.handed, 0);
+  EXPECT_GE(with.deepestlevel, 0);
+  EXPECT_LT(with.iterations, without.iterations);
+  // The same counts both ways, and those of the exact start points.
+  EXPECT_GE(g.share(), 0.995);
+  EXPECT_GE(exactwithout, 0.95);
+  EXPECT_GE(exactwith, 0.95);
+}
+
+// DISABLED: fails: where the tiles do resolve the view, the stack changes
+// its counts. The view of width 2^-8 around 0 (no preimage steps: its
+// pixels meet levels 6 to 10 at once), its levels ready: without the stack
+// 0.986 of 72 sampled texels have the count of their exact start point in
+// GMP, through the stack 0.264, and the two computations agree on 0.33 of
+// the pixels. Two things are seen. The lookups themselves miss: texel 0,0
+// (a vertex of the grid) is 37 through the stack and 162 without, GMP 162;
+// a pixel handed to a level takes the end of the level's pixel that holds
+// its image, computed at that pixel's centre, and next to this Julia set
+// the count changes within a level's pixel almost everywhere. And the tile
+// comes partly in blocks: texels 0 to 7 of its first row are all 37 (162,
+// 255, 47, 43, 43, 44, 100, 64 without), 0.58 of the texels have their
+// left neighbour's count against 0.40 without: the render writes a vertex's
+// PREPIXEL to every pixel of its leaf cell (`prepixelleaf`, side w > 1).
+// Enable once an area's pixel on a change of count is iterated from its
+// place, as a level's own pixels are, and a cell's pixels are looked up
+// from their own places.
+TEST(ViewJuliaDeep, DISABLED_AtWidth2e8TheCountsThroughTheStackAreThoseOfThePoints) {
+  DEEPVIEW d(NTILES, 5, 8);
+  d.show(VIEWW, VIEWH);
+  ASSERT_TRUE(within([&] { return d.count.finish.load() >= 1; }, 50)) << "the view did not finish";
+  ASSERT_TRUE(d.current());
+  COUNTS with = d.counts();
+  double exactwith = exactshare(d, 6);
+  ASSERT_GE(d.again(R_DEFAULT & ~(R_JULIACORRECT | R_BYPASS), 50), 0);
+  COUNTS without = d.counts();
+  double exactwithout = exactshare(d, 6);
+  AGREEMENT g = agreement(with, without, 8);
+  long texels = static_cast<long>(with.counts.size()) * TEXTURESIZE * (TEXTURESIZE - 1);
+  printf("  %d of %d tiles through levels; exact with %.3f, without %.3f; agree %.4f; texels as "
+         "their left neighbour: with %.3f, without %.3f\n",
+         with.handed, with.tiles, exactwith, exactwithout, g.share(),
+         static_cast<double>(with.sameasleft) / texels, static_cast<double>(without.sameasleft) / texels);
+  EXPECT_GT(with.handed, 0);
+  EXPECT_GT(with.fewestvalues, 16);
+  EXPECT_GE(exactwithout, 0.95);
+  EXPECT_GE(exactwith, 0.95);
+  EXPECT_GE(g.share(), 0.995);
+}
