@@ -22,37 +22,6 @@ namespace {
 
 using namespace juliadeep;
 
-// Main thread: of `per` texels of each tile of the view, how many have the
-// count of their exact start point (within 1, or both inside).
-int exactsamples(DEEPVIEW& d, int per, int* sampled) {
-  int same = 0;
-  *sampled = 0;
-  d.engine.onmain([&](OVCONTEXT*) {
-    int i = currentlist(d.v);
-    mpf_t x, y;
-    mpf_init2(x, BITS);
-    mpf_init2(y, BITS);
-    for (int n = 0; n < d.v->iviewportarea[i]; n++) {
-      const VIEWPORTAREA& va = d.v->viewportarea[i][n];
-      if (va.priority <= 0 || va.priority == PRIO_KEEP) continue;
-      AREA* a = va.a;
-      const TEXTURE* t = a->texture[3];
-      if (!t || !t->pixels) continue;
-      const float* p = static_cast<const float*>(t->pixels);
-      for (int k = 0; k < per; k++) {
-        int tx = (k * 97 + 13) % TEXTURESIZE, ty = (k * 61 + 29) % TEXTURESIZE;
-        texelpoint(a, tx, ty, x, y);
-        long g = directcount(x, y, d.e->c->v[0], d.e->c->v[1], 400000);
-        float v = p[ty * TEXTURESIZE + tx];
-        (*sampled)++;
-        if ((v < 0 && g < 0) || (v > 0 && g > 0 && std::abs(v - static_cast<float>(g)) <= 1)) same++;
-      }
-    }
-    mpf_clear(x);
-    mpf_clear(y);
-  });
-  return same;
-}
 
 void juliaview(benchmark::State& state, int widthexp) {
   for (auto _ : state) {
@@ -81,10 +50,10 @@ void juliaview(benchmark::State& state, int widthexp) {
     }
     double withms = d.again(R_DEFAULT, 1800);
     COUNTS with = d.counts();
-    int sampledwith = 0, exactwith = exactsamples(d, 8, &sampledwith);
+    double exactwith = exactshare(d, 8, 0);
     double withoutms = d.again(R_DEFAULT & ~(R_JULIACORRECT | R_BYPASS), 1800);
     COUNTS without = d.counts();
-    int sampledwithout = 0, exactwithout = exactsamples(d, 8, &sampledwithout);
+    double exactwithout = exactshare(d, 8, 0);
     state.SetIterationTime(withms / 1000);
     AGREEMENT g = agreement(with, without);
     state.counters["again_with_ms"] = withms;
@@ -97,8 +66,8 @@ void juliaview(benchmark::State& state, int widthexp) {
     state.counters["counts_agree"] = g.share();
     state.counters["fewest_values_with"] = with.fewestvalues;
     state.counters["fewest_values_without"] = without.fewestvalues;
-    state.counters["exact_with"] = sampledwith ? static_cast<double>(exactwith) / sampledwith : 0;
-    state.counters["exact_without"] = sampledwithout ? static_cast<double>(exactwithout) / sampledwithout : 0;
+    state.counters["exact_with"] = exactwith;
+    state.counters["exact_without"] = exactwithout;
     state.counters["interior_share"] =
         static_cast<double>(without.interior) / std::max(1L, without.interior + without.escaped + without.unknown);
   }

@@ -44,6 +44,8 @@
 namespace juliadeep {
 
 using viewporttest::TileEngine;
+using viewporttest::TILEKEY;
+using viewporttest::keyof;
 
 const char* const P998[2] = {"-0.7436438870371588707780645434936425750476",
                              "0.131825904205312292821097354874767265263"};
@@ -155,30 +157,6 @@ inline double landing(mpf_srcptr cx, mpf_srcptr cy, const PLACE& p) {
 }
 
 inline int currentlist(const VIEWPORT* v) { return (v->flags & VP_SWAPVIEWPORTAREA) ? 0 : 1; }
-
-// A tile by its depth and its corner's place from the view's centre, in
-// texels of that depth: the same tile in two computations of the view.
-typedef std::tuple<int, long, long> TILEKEY;
-
-inline TILEKEY keyof(AREA* a, const VIEWPORT* v) {
-  HFLOATCOMPLEX off;
-  HPVALUE* base = getcoordarel(a, &off);
-  mp_bitcnt_t bits = mpf_get_prec(base->v[0]) + 64;
-  mpf_t t, u;
-  mpf_init2(t, bits);
-  mpf_init2(u, bits);
-  long k[2];
-  for (int axis = 0; axis < 2; axis++) {
-    mpf_set_HFexact(t, axis ? cimagHF(off) : crealHF(off));
-    mpf_add(t, t, base->v[axis]);
-    mpf_sub(t, t, v->delta->v[axis]);
-    mpf_mul_2exp(u, t, static_cast<mp_bitcnt_t>(a->depth + 4));
-    k[axis] = std::lround(mpf_get_d(u));
-  }
-  mpf_clear(t);
-  mpf_clear(u);
-  return {a->depth, k[0], k[1]};
-}
 
 // The view's tiles after one computation: their count channel, the
 // iterations their jobs took, and how many handed pixels to a level.
@@ -450,5 +428,41 @@ struct DEEPVIEW {
     engine.onmain([](OVCONTEXT*) {});
   }
 };
+
+// The share of `per` texels of each tile of the view (read on the main thread)
+// that have the count of their exact start point iterated in GMP (within 1,
+// or both inside); the first `show` that do not are printed.
+inline double exactshare(DEEPVIEW& d, int per, int show = 4) {
+  int same = 0, sampled = 0, shown = 0;
+  d.engine.onmain([&](OVCONTEXT*) {
+    int i = currentlist(d.v);
+    mpf_t x, y;
+    mpf_init2(x, BITS);
+    mpf_init2(y, BITS);
+    for (int n = 0; n < d.v->iviewportarea[i]; n++) {
+      const VIEWPORTAREA& va = d.v->viewportarea[i][n];
+      if (va.priority <= 0 || va.priority == PRIO_KEEP) continue;
+      AREA* a = va.a;
+      const TEXTURE* t = a->texture[3];
+      if (!t || !t->pixels) continue;
+      const float* p = static_cast<const float*>(t->pixels);
+      for (int k = 0; k < per; k++) {
+        int tx = (k * 97 + 13) % TEXTURESIZE, ty = (k * 61 + 29) % TEXTURESIZE;
+        texelpoint(a, tx, ty, x, y);
+        long g = directcount(x, y, d.e->c->v[0], d.e->c->v[1], 400000);
+        float v = p[ty * TEXTURESIZE + tx];
+        sampled++;
+        if ((v < 0 && g < 0) || (v > 0 && g > 0 && std::abs(v - static_cast<float>(g)) <= 1)) {
+          same++;
+        } else if (shown++ < show) {
+          printf("  depth %d texel %d,%d: tile %g, GMP %ld\n", a->depth, tx, ty, static_cast<double>(v), g);
+        }
+      }
+    }
+    mpf_clear(x);
+    mpf_clear(y);
+  });
+  return sampled ? static_cast<double>(same) / sampled : 0;
+}
 
 }  // namespace juliadeep

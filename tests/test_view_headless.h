@@ -40,6 +40,22 @@ inline VIEWARGS smallargs() {
   return a;
 }
 
+// A view of 128 x 96 on two worker threads centred at (re, im), with a
+// longer side of `span`, with the realm's start flags.
+inline VIEWARGS placedargs(const std::string& re, const std::string& im, const std::string& span) {
+  VIEWARGS a = smallargs();
+  a.width = 128;
+  a.height = 96;
+  a.nthread = 5;  // two worker threads
+  a.positioned = true;
+  a.re = re;
+  a.im = im;
+  a.span = span;
+  a.hasflags = true;
+  a.flags = R_DEFAULT;
+  return a;
+}
+
 inline bool start(RUN& r, const VIEWARGS& args) {
   std::string error;
   bool ok = startviewrun(&r.run, args, [&r](const std::string& line) {

@@ -33,40 +33,6 @@ int viewdepth(const VIEWPORT* v) {
   return deepest;
 }
 
-// Of `per` texels of each tile, how many have the count of their exact
-// start point iterated in GMP (within 1, or both inside).
-double exactshare(DEEPVIEW& d, int per) {
-  int same = 0, sampled = 0, shown = 0;
-  d.engine.onmain([&](OVCONTEXT*) {
-    int i = currentlist(d.v);
-    mpf_t x, y;
-    mpf_init2(x, BITS);
-    mpf_init2(y, BITS);
-    for (int n = 0; n < d.v->iviewportarea[i]; n++) {
-      const VIEWPORTAREA& va = d.v->viewportarea[i][n];
-      if (va.priority <= 0 || va.priority == PRIO_KEEP) continue;
-      AREA* a = va.a;
-      const TEXTURE* t = a->texture[3];
-      if (!t || !t->pixels) continue;
-      const float* p = static_cast<const float*>(t->pixels);
-      for (int k = 0; k < per; k++) {
-        int tx = (k * 97 + 13) % TEXTURESIZE, ty = (k * 61 + 29) % TEXTURESIZE;
-        texelpoint(a, tx, ty, x, y);
-        long g = directcount(x, y, d.e->c->v[0], d.e->c->v[1], 400000);
-        float v = p[ty * TEXTURESIZE + tx];
-        sampled++;
-        if ((v < 0 && g < 0) || (v > 0 && g > 0 && std::abs(v - static_cast<float>(g)) <= 1)) {
-          same++;
-        } else if (shown++ < 4) {
-          printf("  depth %d texel %d,%d: tile %g, GMP %ld\n", a->depth, tx, ty, static_cast<double>(v), g);
-        }
-      }
-    }
-    mpf_clear(x);
-    mpf_clear(y);
-  });
-  return sampled ? static_cast<double>(same) / sampled : 0;
-}
 
 }  // namespace
 

@@ -23,6 +23,8 @@
 #include "test_view_headless.h"
 
 using namespace viewheadless;
+using viewporttest::TILEKEY;
+using viewporttest::keyof;
 
 namespace {
 
@@ -36,22 +38,8 @@ constexpr mp_bitcnt_t BITS = 512;
 VIEWARGS nexttominibrot(double cre, double cim, double span) {
   // Newton from i + 1e-10 (0.7 + 0.3 i).
   minibrotframe::PLACE p = minibrotframe::place(PERIOD, BITS, "0.7e-10", "0.3e-10", cre, cim, span, 200);
-  VIEWARGS a = smallargs();
-  a.width = 128;
-  a.height = 96;
-  a.nthread = 5;  // two worker threads
-  a.positioned = true;
-  a.re = p.re;
-  a.im = p.im;
-  a.span = p.span;
-  a.hasflags = true;
-  a.flags = R_DEFAULT;
-  return a;
+  return placedargs(p.re, p.im, p.span);
 }
-
-// A tile by its depth and its corner's place from the view's centre, in
-// texels of that depth: the same tile in two computations of the view.
-typedef std::tuple<int, long, long> TILEKEY;
 
 struct VIEWCOUNTS {
   std::map<TILEKEY, std::vector<float>> counts;
@@ -62,27 +50,6 @@ struct VIEWCOUNTS {
   const ENVIRONMENT* e = nullptr;
   bool periodic = false;
 };
-
-TILEKEY keyof(AREA* a, const VIEWPORT* v) {
-  HFLOATCOMPLEX off;
-  HPVALUE* base = getcoordarel(a, &off);
-  mp_bitcnt_t bits = mpf_get_prec(base->v[0]) + 64;
-  mpf_t t, u;
-  mpf_init2(t, bits);
-  mpf_init2(u, bits);
-  long k[2];
-  for (int axis = 0; axis < 2; axis++) {
-    mpf_set_HFexact(t, axis ? cimagHF(off) : crealHF(off));
-    mpf_add(t, t, base->v[axis]);
-    mpf_sub(t, t, v->delta->v[axis]);
-    // A texel of depth d is 2^(-4 - d).
-    mpf_mul_2exp(u, t, static_cast<mp_bitcnt_t>(a->depth + 4));
-    k[axis] = std::lround(mpf_get_d(u));
-  }
-  mpf_clear(t);
-  mpf_clear(u);
-  return {a->depth, k[0], k[1]};
-}
 
 VIEWCOUNTS collect(RUN& r) {
   VIEWCOUNTS out;

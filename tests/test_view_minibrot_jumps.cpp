@@ -47,17 +47,7 @@ const FRAMEPLACE PLACES[] = {
 VIEWARGS viewat(const FRAMEPLACE& f) {
   minibrotframe::PLACE p = minibrotframe::place(f.period, f.bits, f.startre, f.startim, f.re, f.im,
                                                 f.span, f.bits / 4);
-  VIEWARGS a = smallargs();
-  a.width = 128;
-  a.height = 96;
-  a.nthread = 5;  // two worker threads
-  a.positioned = true;
-  a.re = p.re;
-  a.im = p.im;
-  a.span = p.span;
-  a.hasflags = true;
-  a.flags = R_DEFAULT;
-  return a;
+  return placedargs(p.re, p.im, p.span);
 }
 
 struct WORK {

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cmath>
 #include <complex>
+#include <tuple>
 #include <vector>
 
 #include "test_textures.h"
@@ -128,6 +129,31 @@ inline bool inrect(const RECTCOPY& r, std::complex<double> s, double* u, double*
   *u = (d.real() * e2.imag() - d.imag() * e2.real()) / det;
   *w = (e1.real() * d.imag() - e1.imag() * d.real()) / det;
   return *u >= 0 && *u < 1 && *w >= 0 && *w < 1;
+}
+
+// A tile by its depth and its corner's place from the view's centre, in
+// texels of that depth: the same tile in two computations of the view.
+typedef std::tuple<int, long, long> TILEKEY;
+
+inline TILEKEY keyof(AREA* a, const VIEWPORT* v) {
+  HFLOATCOMPLEX off;
+  HPVALUE* base = getcoordarel(a, &off);
+  mp_bitcnt_t bits = mpf_get_prec(base->v[0]) + 64;
+  mpf_t t, u;
+  mpf_init2(t, bits);
+  mpf_init2(u, bits);
+  long k[2];
+  for (int axis = 0; axis < 2; axis++) {
+    mpf_set_HFexact(t, axis ? cimagHF(off) : crealHF(off));
+    mpf_add(t, t, base->v[axis]);
+    mpf_sub(t, t, v->delta->v[axis]);
+    // A texel of depth d is 2^(-4 - d).
+    mpf_mul_2exp(u, t, static_cast<mp_bitcnt_t>(a->depth + 4));
+    k[axis] = std::lround(mpf_get_d(u));
+  }
+  mpf_clear(t);
+  mpf_clear(u);
+  return {a->depth, k[0], k[1]};
 }
 
 }  // namespace viewporttest
