@@ -99,6 +99,12 @@ bool periodjump(const ENVIRONMENT* e, HFLOATCOMPLEX delta, HFLOATCOMPLEX v, HFLO
   HFLOATCOMPLEX Pu = hornerprime(row, 1, u);
   HFLOATCOMPLEX Pv = horner(rowv, 1, u);
   out->delta = cdivHF(P, t1);
+  // At the period's end the orbit is back at 0 and z is delta itself. A
+  // point that left the radius on the way stays outside it, so an end
+  // outside it means an escape inside the period, which only steps can
+  // count; where the table is the whole polynomial (short periods) its
+  // terms say nothing of that.
+  if (!lessHF(cabsHFs(out->delta), HFd(4.0))) return false;
   // d(delta')/d(delta) = t1 Pu 2 delta; d(delta')/dc = Pv scalec / t1.
   HFLOATCOMPLEX ddelta = cmulHF(cmulHF(t1, Pu), cldexpHF(delta, 1));
   if (delta.mantissax == 0 && delta.mantissay == 0) ddelta = CZEROH;
