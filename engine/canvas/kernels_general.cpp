@@ -186,6 +186,9 @@ const PERIODSTRIDES* stridesfor(typename T::CANVAS* canvas, const ENVIRONMENT* e
     canvas->strides = static_cast<PERIODSTRIDES*>(std::calloc(1, sizeof(PERIODSTRIDES)));
     if (!canvas->strides) return nullptr;
   }
+  // Made for this job already: its reach is the canvas's, which the job does
+  // not change, so the kernel of every later vertex only looks.
+  if (canvas->strides->e == e) return canvas->strides->levels > 0 ? canvas->strides : nullptr;
   HFLOAT reach = ZEROH;
   if constexpr (!JULIA) {
     // The canvas is 2^(4 - depth) on a side: its far corner is less than
