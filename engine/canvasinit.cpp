@@ -77,6 +77,14 @@ void frameseries(const JULIASTACKDATA* frame, HFLOATCOMPLEX delta, HFLOATCOMPLEX
   *derivative = d;
 }
 
+// Does `e`'s orbit start at its point `c` in the Julia plane, rather than at
+// 0 (the critical orbit of the parameter `c`)?
+bool juliaorbitofpoint(const ENVIRONMENT* e) {
+  if (!e || !e->c || e->n < 1 || !e->refdatah) return false;
+  HFLOATCOMPLEX z0 = e->refdatah[0].value;
+  return z0.mantissax != 0 || z0.mantissay != 0;
+}
+
 // The job's cubic start for a general area over an environment that is
 // not periodic, made here for the area's extent when the job brought none.
 // The view's point brings one only where it jumps periods, over a periodic
@@ -229,7 +237,13 @@ void initcanvas(OVCONTEXT* context, typename T::CANVAS* canvas, WORKER* worker, 
   }
   // Over an environment the origin is kept relative to its point; without
   // one (the Mandelbrot realm shares the general realm's bit) it is absolute.
-  if (general && e && e->c) {
+  // So is a Julia tile's over an orbit that starts at its environment's
+  // point (a view's own, from its centre): its vertices start as deviations
+  // of that point, made exact in mpf. Started from their rounded places,
+  // the vertices of a tile finer than the format's bits at |z| all started
+  // at one point. A critical orbit starts at 0, where the place is the
+  // deviation.
+  if ((general || (julia && !frame && !(word & CF_STACKTILE) && juliaorbitofpoint(e))) && e && e->c) {
     mpf_sub(canvas->dummyvalue, canvas->c[0], e->c->v[0]);
     FLOAT rx = N::frommpf(canvas->dummyvalue);
     mpf_sub(canvas->dummyvalue, canvas->c[1], e->c->v[1]);

@@ -526,6 +526,8 @@ WORKER* prepixel2pixeljob(OVCONTEXT* context, AREA* a, PREPIXELS* pixels, WORKER
   clearjob(w);
   w->prio = jobprio(a);
   w->prepixels = pixels;
+  REALM* stack = a->realm && a->realm->type == GENERAL ? a->juliarealm : a->realm;
+  takefromplacelevels(context, stack && stack->type == JULIA ? stack : nullptr, pixels);
   w->pdata[JOB_AREA] = a;
   w->pdata[JOB_AREAREALM] = a->realm;
   attachrealm(a->realm);
@@ -577,6 +579,7 @@ void pixelsdone(OVCONTEXT* context, WORKER* worker, bool made) {
 
 void worker_prepixel2pixel(OVCONTEXT* context, WORKER* worker) {
   bool made = !atomicload(&worker->stop) && worker->prepixels;
+  if (made && worker->prepixels->nfromplace > 0) made = iteratefromplace(context, worker->prepixels, &worker->stop);
   if (made) prepixel2pixelofjob(context, worker, worker->prepixels->pixels);
   pixelsdone(context, worker, made);
 }

@@ -73,6 +73,7 @@ void worker_idlejulia(OVCONTEXT* context, WORKER* worker) {
   HFLOATCOMPLEX vv[T] = {};
   vv[1] = CONEH;
   ITER k = 0;
+  bool series = true;
   // A run stopped before it began iterates nothing and goes home.
   bool stopped = atomicload(&worker->stop);
   bool ok = stopped || grow(context, e, FIRSTPOINTS);
@@ -93,11 +94,15 @@ void worker_idlejulia(OVCONTEXT* context, WORKER* worker) {
         subHF(cabsHFs(csubHF(z, v->idle_lim)), v->idle_r).mantissa < 0)
       break;
     if (k >= limit) break;
-    // The series no longer carries a pixel of the view: the orbit goes no
-    // further as a reference for it.
-    if (!simpletayloraccurate(vv, T - 1, depth, resolution)) break;
-    std::memcpy(e->taylor, vv, sizeof vv);
-    seriesstep(vv, z);
+    // The series is kept as far as it carries every pixel of the view; the
+    // orbit goes on as the reference the pixels' deviations follow. Cut
+    // there, a deep view's pixels went on in absolute terms after a dozen
+    // steps, where the format no longer tells them apart.
+    if (series && !simpletayloraccurate(vv, T - 1, depth, resolution)) series = false;
+    if (series) {
+      std::memcpy(e->taylor, vv, sizeof vv);
+      seriesstep(vv, z);
+    }
     o.step(v->idle_m->v[0], v->idle_m->v[1]);
     k++;
     v->idle_iter = k;

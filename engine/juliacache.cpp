@@ -261,6 +261,7 @@ PREPIXELS* addprepixels(OVCONTEXT* context) {
     if (p) {
       p->nextonstack = nullptr;
       p->flags = 0;
+      p->nfromplace = 0;
       return p;
     }
   }
@@ -270,6 +271,7 @@ PREPIXELS* addprepixels(OVCONTEXT* context) {
 
 void removeprepixels(OVCONTEXT* context, PREPIXELS* p) {
   if (!p) return;
+  releasefromplacelevels(context, p);
   if (WORKER* w = static_cast<WORKER*>(atomicfifodequeue(&context->areawaitingforprepixel, WORKERONSTACK))) {
     w->prepixels = p;
     dispatch(context, w);

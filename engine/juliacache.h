@@ -18,10 +18,12 @@
 #include <cstdio>
 
 #include "Array.h"
+#include "mathext.h"
 
 // Mandelbrot.h includes this header; see environment.h for why it is not
 // included back.
 typedef int ITER;
+struct ENVIRONMENT;
 
 // ---------------------------------------------------------------- PREPIXEL
 
@@ -46,11 +48,27 @@ constexpr int64_t JULIACACHETILEBYTES = 0x180000;
 
 // ---------------------------------------------------------------- PREPIXELS
 
+// A level that pixels of a buffer go on in from their own places (their
+// level's pixel sat on a change of count): what a worker needs of it, taken
+// on the main thread while the level is ready, so that a reset of the level
+// meanwhile takes nothing from under the worker.
+struct FROMPLACELEVEL {
+  int level;
+  unsigned int format;  // the level's number format, R_PREC*
+  HFLOATCOMPLEX m;      // the level's Julia parameter
+  HFLOATCOMPLEX lim;    // the attractor's trap
+  HFLOAT rlim;
+  ENVIRONMENT* e;       // its reference orbit, one reference; NULL none
+};
+constexpr int NFROMPLACE = 64;
+
 // The link word comes after the pixels so that the pixels start the block.
 struct PREPIXELS {
   PREPIXEL pixels[NPREPIXEL];
   PREPIXELS* volatile nextonstack;
   uint32_t flags;
+  int nfromplace;
+  FROMPLACELEVEL fromplace[NFROMPLACE];
 };
 
 // ---------------------------------------------------------------- JCFILE
@@ -184,6 +202,18 @@ void prejuliacorrect(OVCONTEXT* context, AREA* a, bool usecache);
 // as a target; the level is finished (`juliastack`) once the program has run.
 // The realm is held until then.
 void addjuliacorrecttarget(OVCONTEXT* context, REALM* realm, int jsti, PREPIXEL* pixels);
+// An area's pixel whose level's pixel sat on a change of count leaves the
+// correction marked JULIAFROMPLACE + level (juliastack.h), its place in that
+// level's units, and goes on from there in the level's number format, as a
+// level's own such pixels do. Main thread: `takefromplacelevels` takes what
+// the levels so named hold into the buffer, true when there is any such
+// pixel; one whose level cannot be had is left unknown. A worker then
+// finishes them (`iteratefromplace`, false when stopped meanwhile).
+// `releasefromplacelevels`, on any thread, gives the levels back;
+// `removeprepixels` does it.
+bool takefromplacelevels(OVCONTEXT* context, REALM* realm, PREPIXELS* pp);
+bool iteratefromplace(OVCONTEXT* context, PREPIXELS* pp, volatile bool* stop);
+void releasefromplacelevels(OVCONTEXT* context, PREPIXELS* pp);
 // Runs the program: each tile is read once, however many buffers need it.
 void finishjuliacorrect(OVCONTEXT* context);
 // The area's pixels are final: its channels are made on a worker.

@@ -76,31 +76,12 @@ void apply(PREPIXEL* p, const PREPIXEL& q) {
   p->dy = dy;
 }
 
-// Is p a pixel of a tile of one of the realm's levels in work? Such a
-// pixel can be iterated on by its level's finishing worker.
-bool inleveltile(REALM* realm, const PREPIXEL* p) {
-  if (!realm || !realm->juliastack) return false;
-  // Read on a worker thread: the marks may move meanwhile, the job's own
-  // tile stays where it is.
-  int top = std::min(atomicload(&realm->calcjuliastack), realm->njuliastack - 1);
-  for (int s = std::max(0, atomicload(&realm->readyjuliastack) + 1); s <= top; s++) {
-    const JULIASTACKDATA& L = realm->juliastack[s];
-    for (int y = 0; y < MAXJULIASTACKSIZE; y++)
-      for (int x = 0; x < MAXJULIASTACKSIZE; x++) {
-        const JULIACACHE* jc = atomicload(&L.c[y][x]);
-        const PREPIXEL* data = jc ? atomicload(&jc->data) : nullptr;
-        if (data && p >= data && p < data + NPREPIXEL) return true;
-      }
-  }
-  return false;
-}
-
-// A level's pixel handed to pixel k of a tile of level d that sits on a
-// change of count goes on from its own place in the level's finishing: the
-// centre's end may not be its own. Mipmaps are not judged: their
-// neighbours are not the pixel's.
-bool fromplace(const JULIACACHE* jc, const PREPIXEL* data, int k, PREPIXEL* p, int d) {
-  if (jc->flags & JCF_MIPMAP) return false;
+// A pixel handed to pixel k of a tile of level d that sits on a change of
+// count goes on from its own place: the centre's end may not be its own. A
+// level's pixel does so in the level's finishing, an area's on the worker
+// that makes its channels. A mipmap's neighbours lie further apart than the
+// level's, so a change of count among them is one near the pixel too.
+bool fromplace(const PREPIXEL* data, int k, PREPIXEL* p, int d) {
   if (!juliacountedge(data, k)) return false;
   p->depth = JULIAFROMPLACE + d;
   return true;
@@ -236,15 +217,13 @@ void runtiles(OVCONTEXT* context, int npp) {
     for (int b = 0; b < npp; b++) {
       PREPIXEL* pixels = context->juliacachepp[b];
       int level = ok || pos == row[b] ? -1 : levelof(entryrealm(context, b), jc);
-      // A level's tile hands a pixel on a change of count to its finishing.
-      int from = ok && pos != row[b] && context->juliacachejsti[b] >= 0
-                     ? levelof(entryrealm(context, b), jc)
-                     : -1;
+      // A pixel on a change of count goes on from its place.
+      int from = ok && pos != row[b] ? levelof(entryrealm(context, b), jc) : -1;
       for (; pos < row[b]; pos++) {
         PREPIXEL* p = &pixels[context->juliacacheprogram[pos][1]];
         if (ok) {
           int k = context->juliacacheprogram[pos][0];
-          if (from >= 0 && fromplace(jc, jc->data, k, p, from)) continue;
+          if (from >= 0 && fromplace(jc->data, k, p, from)) continue;
           apply(p, jc->data[k]);
           p->depth = -1;
         } else {
@@ -277,8 +256,14 @@ void finisharea(OVCONTEXT* context, AREA* a, bool left) {
   a->prepixels = nullptr;
   WORKER* w = prepixel2pixeljob(context, a, pp, worker_prepixel2pixel_return);
   if (!w) return;
-  prepixel2pixelofjob(context, w, w->prepixels->pixels);
   a->worker = w;
+  // Pixels that go on from their places are a worker's to iterate.
+  if (w->prepixels->nfromplace > 0) {
+    w->workerproc = worker_prepixel2pixel;
+    dispatch(context, w);
+    return;
+  }
+  prepixel2pixelofjob(context, w, w->prepixels->pixels);
   worker_prepixel2pixel_return(context, w);
 }
 
@@ -310,7 +295,7 @@ int juliacorrectp(OVCONTEXT* context, REALM* realm, PREPIXEL* p, bool loadfromca
       if (!data && loadfromcache && __readjuliacache(context, jc)) data = jc->data;
       if (!data) return 2;
       q = data[k];
-      if (juliacountedge(data, k) && inleveltile(realm, p) && fromplace(jc, data, k, p, d)) return 0;
+      if (fromplace(data, k, p, d)) return 0;
     }
     apply(p, q);
     if (q.depth >= d || q.depth == -1) return 0;

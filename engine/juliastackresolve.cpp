@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <limits>
+#include <type_traits>
 #include <vector>
 
 #include "canvas/model.h"
@@ -145,16 +147,41 @@ namespace {
 // The level's reference orbit: the critical orbit of its own point m (the
 // level sits on its environment's point), or null. A start point is a
 // deviation of its first value, 0.
-const REFDATAH* referenceof(const JULIASTACKDATA* jstd, ITER* n) {
-  const ENVIRONMENT* e = jstd->e;
-  if (!e || !e->refdatah || e->n < 1 || jstd->mr.mantissax != 0 || jstd->mr.mantissay != 0 ||
+const REFDATAH* referenceof(const ENVIRONMENT* e, HFLOATCOMPLEX mr, ITER* n) {
+  if (!e || !e->refdatah || e->n < 1 || mr.mantissax != 0 || mr.mantissay != 0 ||
       e->nrefdata < static_cast<int>(e->n) + 1)
     return nullptr;
   *n = static_cast<ITER>(e->n);
   return e->refdatah;
 }
 
-// The orbit of a start point of the level under z^2 + m, to escape or into
+// What the orbits from places in one level share, in the level's format.
+template <typename FLOAT>
+struct LEVELMAP {
+  typedef NUM<FLOAT> N;
+  typename N::COMPLEX m, lim;
+  FLOAT r2;
+  bool trap;
+  std::vector<typename N::COMPLEX> orbit;  // empty: none
+};
+
+template <typename FLOAT>
+LEVELMAP<FLOAT> levelmap(HFLOATCOMPLEX m, HFLOATCOMPLEX lim, HFLOAT rlim, const REFDATAH* ref,
+                         ITER nref) {
+  typedef NUM<FLOAT> N;
+  LEVELMAP<FLOAT> f;
+  f.m = N::cfromHF(m);
+  f.lim = N::cfromHF(lim);
+  f.r2 = N::fromHF(mulHF(rlim, rlim));
+  f.trap = rlim.mantissa != 0;
+  if (ref) {
+    f.orbit.resize(static_cast<size_t>(nref) + 1);
+    for (ITER k = 0; k <= nref; k++) f.orbit[k] = N::cfromHF(ref[k].value);
+  }
+  return f;
+}
+
+// The orbit of a start point of level s under z^2 + m, to escape or into
 // the seed's attractor, at most `limit` steps. Where the level has its
 // reference orbit the point goes as a deviation of it (z = Z_k + delta),
 // taken back to the orbit's start where it comes nearer 0 than its
@@ -163,9 +190,17 @@ const REFDATAH* referenceof(const JULIASTACKDATA* jstd, ITER* n) {
 // the orbit is another one. The result is finished; false, with the pixel
 // untouched, when `stop` was raised meanwhile (one such orbit may run 10^8
 // steps, and a shutdown must not wait for it).
+// Squared relative distance at which two points of an orbit count as one.
 template <typename FLOAT>
-bool extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd,
-                  const std::vector<typename NUM<FLOAT>::COMPLEX>& orbit, ITER limit,
+double cycletolerance() {
+  if constexpr (std::is_same_v<FLOAT, HFLOAT>)
+    return std::ldexp(1.0, -2 * 56);
+  else
+    return std::pow(static_cast<double>(std::numeric_limits<FLOAT>::epsilon()) * 16, 2);
+}
+
+template <typename FLOAT>
+bool extremejulia(PREPIXEL* p, int s, int jss, const LEVELMAP<FLOAT>& f, ITER limit,
                   volatile bool* stop) {
   typedef NUM<FLOAT> N;
   typedef typename N::COMPLEX COMPLEX;
@@ -176,10 +211,7 @@ bool extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd,
   // The derivative by the start pixel: level units per level unit, times
   // the level's pixel in the plane.
   COMPLEX d = N::cfromHF(cldexpHF(cHF(HFd(p->dx), HFd(p->dy)), 2 - s - jss));
-  COMPLEX m = N::cfromHF(cHF(mpf_get_HF(jstd->m->v[0]), mpf_get_HF(jstd->m->v[1])));
-  COMPLEX lim = N::cfromHF(jstd->lim);
-  FLOAT r2 = N::fromHF(mulHF(jstd->rlim, jstd->rlim));
-  bool trap = jstd->rlim.mantissa != 0;
+  const std::vector<COMPLEX>& orbit = f.orbit;
   const bool ref = !orbit.empty();
   const size_t nref = orbit.size() - 1;
   size_t r = 0;              // the reference's step
@@ -189,11 +221,33 @@ bool extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd,
   FLOAT four = N::fromd(4.0);
   ITER k = 0;
   ITER sign = 1;
+  // Without a known attractor an inner point would run to the limit: its
+  // orbit is caught instead where it meets a point it passed before, to
+  // the format's last bits. Points are saved at every power of two steps,
+  // so that a cycle of any length is met within twice its length past
+  // settling, and at the step after: the cycle of a centre passes through
+  // 0 itself, where no relative test holds, and its next point does not.
+  const FLOAT close = N::fromd(cycletolerance<FLOAT>());
+  COMPLEX saved[2] = {z, z};
+  ITER next = 2;
   for (; k < limit; k++) {
     if ((k & 0xFFFF) == 0xFFFF && stop && atomicload(stop)) return false;
-    if (trap && N::less(N::abss(N::csub(z, lim)), r2)) {
+    if (f.trap && N::less(N::abss(N::csub(z, f.lim)), f.r2)) {
       sign = -1;
       break;
+    }
+    if (!f.trap && k > 1) {
+      const FLOAT tolerance = N::mul(close, N::abss(z));
+      if (!N::less(tolerance, N::abss(N::csub(z, saved[0]))) ||
+          !N::less(tolerance, N::abss(N::csub(z, saved[1])))) {
+        sign = -1;
+        break;
+      }
+      if (k == next) saved[0] = z;
+      if (k == next + 1) {
+        saved[1] = z;
+        next *= 2;
+      }
     }
     COMPLEX z1;
     if (ref) {
@@ -205,7 +259,7 @@ bool extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd,
         r = 0;
       }
     } else {
-      z1 = N::cadd(N::csqr(z), m);
+      z1 = N::cadd(N::csqr(z), f.m);
     }
     if (N::less(four, N::abss(z1))) break;
     d = N::cmul(N::ctwice(z), d);
@@ -224,18 +278,19 @@ bool extremejulia(PREPIXEL* p, int s, int jss, const JULIASTACKDATA* jstd,
 
 constexpr ITER EXTREMEJULIALIMIT = 100000000;
 
+HFLOATCOMPLEX levelpoint(const JULIASTACKDATA* jstd) {
+  return cHF(mpf_get_HF(jstd->m->v[0]), mpf_get_HF(jstd->m->v[1]));
+}
+
 // Phase 3 in the level's format: every pixel still not finished is
 // iterated out; the reference orbit goes into the format once for all.
 template <typename FLOAT>
 int remainder(OVCONTEXT* context, const LEVELPIXELS& L, const JULIASTACKDATA* jstd, int s,
               volatile bool* stop) {
-  typedef NUM<FLOAT> N;
-  std::vector<typename N::COMPLEX> orbit;
+  if (!jstd->m) return 0;
   ITER nref = 0;
-  if (const REFDATAH* ref = referenceof(jstd, &nref)) {
-    orbit.resize(static_cast<size_t>(nref) + 1);
-    for (ITER k = 0; k <= nref; k++) orbit[k] = N::cfromHF(ref[k].value);
-  }
+  const REFDATAH* ref = referenceof(jstd->e, jstd->mr, &nref);
+  LEVELMAP<FLOAT> f = levelmap<FLOAT>(levelpoint(jstd), jstd->lim, jstd->rlim, ref, nref);
   int n = L.js * L.js;
   int iterated = 0;
   for (int k = 0; k < n; k++) {
@@ -243,9 +298,7 @@ int remainder(OVCONTEXT* context, const LEVELPIXELS& L, const JULIASTACKDATA* js
     PREPIXEL* p = L.at(k);
     float x, y;
     if (!p || (!samelevel(p, s, &x, &y) && !isjuliafromplace(p->depth))) continue;
-    if (!jstd->m) continue;
-    if (!extremejulia<FLOAT>(p, s, context->juliasizeshift, jstd, orbit, EXTREMEJULIALIMIT, stop))
-      return -1;
+    if (!extremejulia<FLOAT>(p, s, context->juliasizeshift, f, EXTREMEJULIALIMIT, stop)) return -1;
     iterated++;
     // Whatever ends on it is finished with it.
     if (context->jsref[k] != -1) rec2(context, L, k);
@@ -253,7 +306,71 @@ int remainder(OVCONTEXT* context, const LEVELPIXELS& L, const JULIASTACKDATA* js
   return iterated;
 }
 
+// The pixels of a buffer marked for level `l.level`, from their places.
+template <typename FLOAT>
+bool fromplaceof(OVCONTEXT* context, PREPIXELS* pp, const FROMPLACELEVEL& l, volatile bool* stop) {
+  ITER nref = 0;
+  const REFDATAH* ref = referenceof(l.e, CZEROH, &nref);
+  LEVELMAP<FLOAT> f = levelmap<FLOAT>(l.m, l.lim, l.rlim, ref, nref);
+  for (PREPIXEL& p : pp->pixels) {
+    if (p.depth != JULIAFROMPLACE + l.level) continue;
+    if (!extremejulia<FLOAT>(&p, l.level, context->juliasizeshift, f, EXTREMEJULIALIMIT, stop))
+      return false;
+  }
+  return true;
+}
+
 }  // namespace
+
+bool takefromplacelevels(OVCONTEXT* context, REALM* realm, PREPIXELS* pp) {
+  releasefromplacelevels(context, pp);
+  bool any = false;
+  for (PREPIXEL& p : pp->pixels) {
+    if (!isjuliafromplace(p.depth)) continue;
+    int d = p.depth - JULIAFROMPLACE;
+    bool known = false;
+    for (int i = 0; i < pp->nfromplace && !known; i++) known = pp->fromplace[i].level == d;
+    if (!known) {
+      const JULIASTACKDATA* L = realm && realm->juliastack && d < realm->njuliastack &&
+                                        d <= atomicload(&realm->readyjuliastack)
+                                    ? &realm->juliastack[d]
+                                    : nullptr;
+      if (!L || !L->m || pp->nfromplace >= NFROMPLACE) {
+        // Nothing to go on with: the pixel shows as unknown, not as a
+        // count that may be wrong.
+        p = PREPIXEL{0, 0, 0, 0, 0, -1};
+        continue;
+      }
+      ITER nref = 0;
+      ENVIRONMENT* e = referenceof(L->e, L->mr, &nref) ? L->e : nullptr;
+      if (e) attache(e);
+      pp->fromplace[pp->nfromplace++] =
+          FROMPLACELEVEL{d, juliastackformat(realm->flags, d), levelpoint(L), L->lim, L->rlim, e};
+    }
+    any = true;
+  }
+  return any;
+}
+
+bool iteratefromplace(OVCONTEXT* context, PREPIXELS* pp, volatile bool* stop) {
+  for (int i = 0; i < pp->nfromplace; i++) {
+    const FROMPLACELEVEL& l = pp->fromplace[i];
+    bool done;
+    switch (l.format) {
+      case R_PRECFLOAT: done = fromplaceof<float>(context, pp, l, stop); break;
+      case R_PRECDOUBLE: done = fromplaceof<double>(context, pp, l, stop); break;
+      case R_PRECLONGDOUBLE: done = fromplaceof<long double>(context, pp, l, stop); break;
+      default: done = fromplaceof<HFLOAT>(context, pp, l, stop); break;
+    }
+    if (!done) return false;
+  }
+  return true;
+}
+
+void releasefromplacelevels(OVCONTEXT* context, PREPIXELS* pp) {
+  for (int i = 0; i < pp->nfromplace; i++) detache(context, pp->fromplace[i].e);
+  pp->nfromplace = 0;
+}
 
 unsigned int juliastackformat(unsigned int realmflags, int s) {
   unsigned int forced = realmflags & R_PRECMASK;

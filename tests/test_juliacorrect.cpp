@@ -109,10 +109,15 @@ TEST(JuliaCorrectP, APixelFollowsTheLevelsToAFinishedValue) {
   STACK s(3, 1);
   e.onmain([&](OVCONTEXT* c) {
     // Level 1 sends every pixel to pixel (200, 40) of level 0, which is finished.
+    // Counts within 1 of their neighbours: no pixel sits on a change of count.
     JULIACACHE* t1 = tilewith(c, [](int k) {
-      return PREPIXEL{10 + k % 3, coord(200), coord(40), 0.5f, -1.5f, 0};
+      return PREPIXEL{10 + (k >> 8) % 2, coord(200), coord(40), 0.5f, -1.5f, 0};
     });
-    JULIACACHE* t0 = tilewith(c, finished);
+    JULIACACHE* t0 = tilewith(c, [](int k) {
+      PREPIXEL q = finished(k);
+      q.iter = 4;
+      return q;
+    });
     s.level(1).c[0][0] = t1;
     s.level(0).c[0][0] = t0;
     PREPIXEL p{100, coord(30), coord(77), 2.0f, 1.0f, 1};
@@ -130,15 +135,89 @@ TEST(JuliaCorrectP, APixelFollowsTheLevelsToAFinishedValue) {
     EXPECT_NEAR(p.dx, d.real(), 1e-5);
     EXPECT_NEAR(p.dy, d.imag(), 1e-5);
     // A stretched pixel reads the level's mipmap instead.
-    JULIACACHE* mip = tilewith(c, [](int k) { return PREPIXEL{1000 + k, 9, 9, 1, 0, -1}; });
+    JULIACACHE* mip = tilewith(c, [](int k) { return PREPIXEL{1000 + (k & 1), 9, 9, 1, 0, -1}; });
     s.level(0).mipmap = mip;
     PREPIXEL m{1, coord(5), coord(6), 6.0f, 0.0f, 0};
     EXPECT_EQ(juliacorrectp(c, s.realm, &m, false), 0);
-    EXPECT_EQ(m.iter, 1 + 1000 + 6 * 256 + 5);
+    EXPECT_EQ(m.iter, 1 + 1001);
     for (JULIACACHE* jc : {t1, t0, mip}) {
       unlockmemjuliacache(c, jc, 0);
       detachjc(c, jc);
     }
+  });
+}
+
+// Next to a Julia set the count changes within one pixel of a level almost
+// everywhere; there the centre's end is not the pixel's, and the pixel
+// keeps its own state and place, marked to go on from there.
+TEST(JuliaCorrectP, APixelOnAChangeOfCountIsMarkedToGoOnFromItsPlace) {
+  Engine e;
+  STACK s(2, 1);
+  e.onmain([&](OVCONTEXT* c) {
+    JULIACACHE* t0 = tilewith(c, finished);  // counts -3..3 side by side
+    s.level(0).c[0][0] = t0;
+    PREPIXEL p{100, coord(30), coord(77), 2.0f, 1.0f, 0};
+    PREPIXEL before = p;
+    EXPECT_EQ(juliacorrectp(c, s.realm, &p, false), 0);
+    EXPECT_EQ(p.depth, JULIAFROMPLACE + 0);
+    EXPECT_EQ(p.iter, before.iter);
+    EXPECT_EQ(p.x, before.x);
+    EXPECT_EQ(p.y, before.y);
+    EXPECT_EQ(p.dx, before.dx);
+    unlockmemjuliacache(c, t0, 0);
+    detachjc(c, t0);
+  });
+}
+
+// The marked pixels of an area go on from their places under z^2 + m of the
+// level they name, as the level's own such pixels do: their counts become
+// their own steps so far plus those of the plain orbit from the place. A
+// pixel whose level has no seed cannot go on and shows as unknown.
+TEST(JuliaFromPlace, MarkedPixelsGoOnFromTheirPlacesUnderTheirLevelsSeed) {
+  Engine e;
+  STACK s(4, 3);
+  const C seed(-0.8, 0.156);
+  const C place0(0.3, 0.2), place3(1.5, -0.7);
+  auto plain = [&](C z) {
+    for (int n = 0; n < 100000; n++) {
+      C z1 = z * z + seed;
+      if (std::norm(z1) > 4) return n;
+      z = z1;
+    }
+    return -1;
+  };
+  e.onmain([&](OVCONTEXT* c) {
+    HPVALUE* m = addhpv(c, 64);
+    mpf_set_d(m->v[0], seed.real());
+    mpf_set_d(m->v[1], seed.imag());
+    s.level(0).m = m;
+    s.level(3).m = m;
+    PREPIXELS* pp = addprepixels(c);
+    ASSERT_NE(pp, nullptr);
+    for (PREPIXEL& p : pp->pixels) p = PREPIXEL{1, 0, 0, 0, 0, -1};
+    pp->pixels[0] = PREPIXEL{5, float(place0.real()), float(place0.imag()), 1, 0, JULIAFROMPLACE + 0};
+    pp->pixels[1] = PREPIXEL{7, float(place3.real()), float(place3.imag()), 1, 0, JULIAFROMPLACE + 3};
+    pp->pixels[2] = PREPIXEL{9, 0.5f, 0.5f, 1, 0, JULIAFROMPLACE + 2};  // level 2 has no seed
+    pp->pixels[3] = PREPIXEL{4, 0.25f, 0.5f, 1, 0, JULIAFROMPLACE + 0};
+    EXPECT_TRUE(takefromplacelevels(c, s.realm, pp));
+    EXPECT_EQ(pp->nfromplace, 2);
+    EXPECT_EQ(pp->pixels[2].iter, 0);
+    EXPECT_EQ(pp->pixels[2].depth, -1);
+    bool stop = false;
+    EXPECT_TRUE(iteratefromplace(c, pp, &stop));
+    EXPECT_EQ(pp->pixels[0].iter, 5 + plain(place0));
+    EXPECT_EQ(pp->pixels[1].iter, 7 + plain(std::ldexp(1.0, -3) * place3));
+    EXPECT_EQ(pp->pixels[3].iter, 4 + plain(C(0.25, 0.5)));
+    for (int k : {0, 1, 3}) EXPECT_EQ(pp->pixels[k].depth, -1) << k;
+    EXPECT_EQ(pp->pixels[4].iter, 1);  // unmarked pixels are left alone
+    releasefromplacelevels(c, pp);
+    EXPECT_EQ(pp->nfromplace, 0);
+    // A buffer without marks names no level.
+    for (PREPIXEL& p : pp->pixels) p = PREPIXEL{1, 0, 0, 0, 0, -1};
+    EXPECT_FALSE(takefromplacelevels(c, s.realm, pp));
+    EXPECT_EQ(pp->nfromplace, 0);
+    removeprepixels(c, pp);
+    detachhpv(c, m);
   });
 }
 
@@ -201,17 +280,18 @@ TEST(JuliaCorrectProgram, EachTileIsReadOnceAndThePixelsEndAsOneByOne) {
   HOOKED hooked;
   COUNTED file(64, 2);
   for (int k = 0; k < NPREPIXEL; k++) {
-    // The lower half of the plain tile changes its count from pixel to
-    // pixel; the upper half holds one count.
+    // The lower halves of the tile and its mipmap change their counts from
+    // pixel to pixel; the upper halves hold one count.
     file.tile(0)[k] = finished(k);
     if (k >= NPREPIXEL / 2) file.tile(0)[k].iter = 7;
     file.tile(1)[k] = PREPIXEL{-(k % 4) - 1, 0.125f, float(k), 2.0f, -1.0f, -1};
+    if (k >= NPREPIXEL / 2) file.tile(1)[k].iter = -2;
   }
   // A level's pixel handed onto a pixel whose neighbours' counts differ
   // from its own by more than 1 (or in sign) is left to the level's
-  // finishing, marked with the level it is in; the mipmap is not judged.
-  auto onedge = [&](int row, int col) {
-    const PREPIXEL* t = file.tile(0);
+  // finishing, marked with the level it is in, in the mipmap as in the
+  // level's tile.
+  auto onedge = [&](const PREPIXEL* t, int row, int col) {
     int q = t[row * 256 + col].iter;
     for (int dy = -1; dy <= 1; dy++)
       for (int dx = -1; dx <= 1; dx++) {
@@ -242,13 +322,14 @@ TEST(JuliaCorrectProgram, EachTileIsReadOnceAndThePixelsEndAsOneByOne) {
         if (p.depth < 0) continue;
         bool stretch = p.dx * p.dx + p.dy * p.dy > 32;
         int col = int(std::floor(256 * p.x * 0.25 + 128)), row = int(std::floor(256 * p.y * 0.25 + 128));
-        const PREPIXEL& q = file.tile(stretch ? 1 : 0)[row * 256 + col];
-        if (!stretch && onedge(row, col)) {
+        const PREPIXEL* t = file.tile(stretch ? 1 : 0);
+        const PREPIXEL& q = t[row * 256 + col];
+        if (onedge(t, row, col)) {
           p.depth = JULIAFROMPLACE + 0;
           leftover++;
           continue;
         }
-        if (!stretch) applied++;
+        applied++;
         C d = C(p.dx, p.dy) * C(q.dx, q.dy);
         p = PREPIXEL{(q.iter < 0 ? -p.iter : p.iter) + q.iter, q.x, q.y, float(d.real()), float(d.imag()), -1};
       }

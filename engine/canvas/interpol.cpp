@@ -395,6 +395,38 @@ void initializeinterpol(typename T::CANVAS* canvas, typename T::CVERTEX* vertex,
   if (!atstop) canvasmodel::copyvalue<T>(canvas, &vertex->oldv, &s);
 }
 
+// Four corners that escaped at one step say nothing of the points between
+// them: a Julia tile across the whole set has its corners outside the disc
+// of radius 2 from the start, and the cubic through start points is exact.
+// The fill stands only where every point it would fill escapes at that step
+// too, its z^2 + c outside the radius as the kernels test it. States kept
+// as differences to a reference say nothing of the radius by themselves;
+// their cubic follows that reference, and they are left as they were.
+template <typename T>
+bool escapesthroughout(const typename T::CANVAS* canvas, const typename T::CVERTEX* v,
+                       const typename T::COMPLEX d[4], int interpolwidth) {
+  typedef canvasmodel::NUM<typename T::FLOAT> N;
+  typename T::COMPLEX a1 = interpol1<T>(d), a2 = interpol2<T>(d), a3 = interpol3<T>(d);
+  const bool julia = (canvas->flags & CF_JULIA) != 0;
+  typename T::COMPLEX juliac = N::czero();
+  if (const HPVALUE* j = julia ? canvaskernels::jobjulia(canvas->__worker) : nullptr)
+    juliac = canvaskernels::cfrommpf<T>(j->v[0], j->v[1]);
+  const typename T::FLOAT four = N::fromd(4.0);
+  const double inv = 1.0 / interpolwidth;
+  for (int j = 0; j <= interpolwidth; j++) {
+    for (int k = 0; k <= interpolwidth; k++) {
+      const typename T::CVERTEX* vx = &canvas->v[v->index + j * R + k];
+      if (vx->interpolv.iter != 0) continue;
+      typename T::COMPLEX s = N::cfromd(k * inv, j * inv);
+      typename T::COMPLEX z =
+          N::cadd(N::cmul(N::cadd(N::cmul(N::cadd(N::cmul(a3, s), a2), s), a1), s), d[0]);
+      typename T::COMPLEX c = julia ? juliac : canvaskernels::absolutec<T>(canvas, vx->x, vx->y);
+      if (!N::less(four, N::abss(N::cadd(N::csqr(z), c)))) return false;
+    }
+  }
+  return true;
+}
+
 template <typename T>
 void superinterpol([[maybe_unused]] OVCONTEXT* context, typename T::CANVAS* canvas,
                    typename T::CVERTEX* v, const typename T::COMPLEX d[4], UITER iter,
@@ -593,8 +625,8 @@ void interpolcell(OVCONTEXT* context, typename T::CANVAS* canvas, int i, int* he
       bool absolute;
       CHPVALUE* hpv;
       int ref;
-      if (same && goodcubic<T>(context, canvas, s, S - L - 1, d, &absolute, &hpv, &ref))
-      {
+      if (same && goodcubic<T>(context, canvas, s, S - L - 1, d, &absolute, &hpv, &ref) &&
+          (!absolute || escapesthroughout<T>(canvas, cv[0], d, w))) {
         superinterpol<T>(context, canvas, cv[0], d, s[0]->iter, w, CV_ESCAPED);
         filled = true;
       }
