@@ -16,6 +16,9 @@
 namespace {
 
 constexpr ITER UNBOUNDED = 0x3FFFFFFF;
+// A Julia view's pixels in bits below its centre's size beyond which their
+// places, rounded to a double, no longer tell them apart.
+constexpr double JULIAABSOLUTEBITS = 48;
 constexpr unsigned int R_NOLOOP = 0x2000;
 // The series depth given a periodic environment that holds the view: its
 // canvases iterate directly and read no series; the least depth callers use.
@@ -166,6 +169,9 @@ void movingstart(OVCONTEXT* context, VIEWPORT* viewport) {
   if (v->flags & VP_MOVING) return;
   // The run's centre is no longer the view's: it ends at its next stretch,
   // unless the view waits for it.
+  // A Julia view waits for the run of its own centre only: moved, it
+  // starts another.
+  if (v->realm->type == JULIA) v->flags &= ~VP_MUSTWAITFORIDLE;
   if ((v->flags & VP_IDLE) && !(v->flags & VP_MUSTWAITFORIDLE)) idlestop(context, v);
   if (v->realm->type != GENERAL || v->priority == 0 || !v->delta) {
     movingfinish(context, v);
@@ -331,6 +337,12 @@ void movingfinish(OVCONTEXT* context, VIEWPORT* viewport) {
       HFLOAT far = mulHF(cabsHF(cHF(mpf_get_HF(v->delta->v[0]), mpf_get_HF(v->delta->v[1]))),
                          v->zoomabs);
       if (far.mantissa && ilogbHF(far) + 1 > 7) idlestart(context, v);
+      // Finer than a double resolves at the centre, the tiles' start points
+      // are deviations of that orbit: without it they would all start at
+      // one rounded place, and the view waits for the run instead.
+      double bits = far.mantissa ? ilogbHF(far) + 1 + std::log2(double(v->resolution)) : 0;
+      if ((v->flags & VP_IDLE) && !v->enonsat && bits > JULIAABSOLUTEBITS)
+        v->flags |= VP_MUSTWAITFORIDLE;
     }
   }
   v->computecycle = v->realm->computecycle;

@@ -180,7 +180,8 @@ void idlefinishjulia(OVCONTEXT* context, VIEWPORT* v) {
     }
   }
   if (!taken) detache(context, s);
-  v->flags &= ~(VP_IDLE | VP_IDLEPAUSE | VP_IDLESTOP);
+  const bool waited = (v->flags & VP_MUSTWAITFORIDLE) != 0;
+  v->flags &= ~(VP_IDLE | VP_IDLEPAUSE | VP_IDLESTOP | VP_MUSTWAITFORIDLE);
   detachhpv(context, v->idle_delta);
   v->idle_delta = nullptr;
   detachhpv(context, v->idle_m);
@@ -188,6 +189,12 @@ void idlefinishjulia(OVCONTEXT* context, VIEWPORT* v) {
   // A run stopped by a move starts again where the view is now.
   if (stopped && v->priority && !(v->flags & VP_MOVING)) {
     movingstart(context, v);
+    return;
+  }
+  // A view that waited for the run is drawn now, with or without what it
+  // gave.
+  if (waited && v->priority && !(v->flags & VP_MOVING)) {
+    finishmoving(context, v);
     return;
   }
   // The areas take the new environment when the view is filed again.

@@ -86,51 +86,60 @@ TEST(ViewJuliaDeep, AViewAtDepth1000WaitsForItsLevelsAndIsComputedWithAndWithout
          static_cast<long long>(without.iterations), withoutms, g.share());
 }
 
-// DISABLED: fails, because the engine computes no Julia tile deeper than its
-// number format resolves the start points. A Julia canvas starts each
-// vertex at its absolute place in the tile's format (`initcanvas`: the
-// corner `cf` plus the vertex's offset), so once the pixel size falls below
-// the format's precision at |z| (about 2^-52 relative in double, which
-// Julia tiles use down to depth 124, and 2^-63 in long double and HFLOAT)
-// all the pixels of a tile start at one point. Measured at this place with
-// the view's width 2^-w: w = 40, 48 and 52 give thousands of distinct
-// counts per tile, w = 56 at most 2 in a tile, w = 64 and w = 3322 one
-// count for the whole tile (62 here, every pixel, with and without the
-// stack), where GMP
-// finds counts from 2,000 to 5,000 and interior points, and no pixel reaches
-// a level of the stack. Enable once a Julia tile perturbs its vertices
-// against an exact reference of its own (its corner in mpf) instead of
-// starting them from their rounded places.
-TEST(ViewJuliaDeep, DISABLED_AtDepth1000TheCountsAreTheSameWithAndWithoutTheStackWhichIsUsed) {
+// Through the stack the view has the counts of its exact start points. Its
+// tiles start as deviations of the orbit of the view's centre (the view
+// waits for that orbit: rounded to the tile's format, every start point of
+// a tile was one place, and the whole view showed one count, 62, where GMP
+// counts 2,000 to 6,500 and finds interior points), and where that orbit
+// meets the seed's attractor next to 0 they hand their points to the
+// stack's levels, which follow the seed's critical orbit.
+TEST(ViewJuliaDeep, AtDepth1000TheCountsThroughTheStackAreThoseOfThePoints) {
   DEEPVIEW d(NTILES, 5);
   d.show(VIEWW, VIEWH);
   ASSERT_TRUE(within([&] { return d.count.finish.load() >= 1; }, 50)) << "the view did not finish";
   ASSERT_TRUE(d.current());
   COUNTS with = d.counts();
   double exactwith = exactshare(d, 4);
-  ASSERT_GE(d.again(R_DEFAULT & ~(R_JULIACORRECT | R_BYPASS), 50), 0);
-  COUNTS without = d.counts();
-  double exactwithout = exactshare(d, 4);
-  AGREEMENT g = agreement(with, without, 8);
-  printf("  with the stack: %d of %d tiles through levels (deepest %d), %lld iterations, fewest "
-         "distinct counts in a tile %d; without: %lld iterations, fewest %d; agree %.4f; exact "
-         "with %.3f, without %.3f\n",
+  printf("  %d of %d tiles through levels (deepest %d), %lld iterations, fewest distinct counts "
+         "in a tile %d; exact %.3f\n",
          with.handed, with.tiles, with.deepestlevel, static_cast<long long>(with.iterations),
-         with.fewestvalues, static_cast<long long>(without.iterations), without.fewestvalues,
-         g.share(), exactwith, exactwithout);
+         with.fewestvalues, exactwith);
   // The view shows the Julia set: both outcomes, and many counts in a tile.
   EXPECT_GT(with.escaped, 0);
   EXPECT_GT(with.interior, 0);
   EXPECT_GT(with.fewestvalues, 16);
-  EXPECT_GT(without.fewestvalues, 16);
   // The stack was used: the tiles' pixels were resolved through its levels.
   EXPECT_GT(with.handed, 0);
   EXPECT_GE(with.deepestlevel, 0);
-  EXPECT_LT(with.iterations, without.iterations);
-  // The same counts both ways, and those of the exact start points.
+  EXPECT_GE(exactwith, 0.95);
+}
+
+// DISABLED: fails. Without the stack the same view shows one count, 3320,
+// throughout: its tiles follow the orbit of its centre to where that orbit
+// meets the seed's attractor (3,314 steps), and go on from there in
+// absolute terms, where the seed, the nucleus of an atom far smaller than
+// the format's rounding of it, is another parameter. Going on against the
+// seed's critical orbit instead needs a second reference in the tile's job;
+// running the centre's orbit on past the attractor made every vertex of the
+// view iterate thousands of steps more in the wide format (the view did not
+// finish in 50 seconds). Enable once a Julia tile goes on against the
+// seed's critical orbit where its view's orbit ends.
+TEST(ViewJuliaDeep, DISABLED_AtDepth1000TheCountsAreTheSameWithAndWithoutTheStack) {
+  DEEPVIEW d(NTILES, 5);
+  d.show(VIEWW, VIEWH);
+  ASSERT_TRUE(within([&] { return d.count.finish.load() >= 1; }, 50)) << "the view did not finish";
+  ASSERT_TRUE(d.current());
+  COUNTS with = d.counts();
+  ASSERT_GE(d.again(R_DEFAULT & ~(R_JULIACORRECT | R_BYPASS), 50), 0);
+  COUNTS without = d.counts();
+  double exactwithout = exactshare(d, 4);
+  AGREEMENT g = agreement(with, without, 8);
+  printf("  without the stack: %lld iterations, fewest distinct counts in a tile %d; agree %.4f; "
+         "exact %.3f\n",
+         static_cast<long long>(without.iterations), without.fewestvalues, g.share(), exactwithout);
+  EXPECT_GT(without.fewestvalues, 16);
   EXPECT_GE(g.share(), 0.995);
   EXPECT_GE(exactwithout, 0.95);
-  EXPECT_GE(exactwith, 0.95);
 }
 
 // Where the tiles do resolve the view, the stack keeps its counts. The view

@@ -377,6 +377,16 @@ int envkernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int 
       // The environment's orbit ends here. Deep down the format cannot
       // carry the point's own orbit once it comes back near 0, so a vertex
       // that may become a reference does; otherwise absolute from now on.
+      // A Julia view's orbit ends where it meets the seed's attractor or
+      // escapes; a tile that corrects through the stack hands its points on
+      // to the stack there, whose levels follow the seed's critical orbit.
+      // Absolute, the seed is rounded, and next to an atom smaller than
+      // that rounding every point went on to the same count.
+      if (JULIA && !forced && (canvas->flags & CF_JULIACORRECT)) {
+        cvalue->Z = p.Z;
+        storestate<T>(cvalue, n, p.z, p.d, CV_ABSOLUTE);
+        return CALC_BOUND;
+      }
       if (testprecision && self != -1 && idepth < NCANVASLEVEL - 1) {
         // The state here, not the one the call began with: the canvas
         // keeps a checkpoint of the environment at its end, so the vertex
