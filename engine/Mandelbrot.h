@@ -29,7 +29,7 @@ typedef unsigned int UITER;
 
 constexpr int NTHREADMAX = 256;
 constexpr int NWORKERPRIO = 512;
-constexpr int NWORKERPDATA = 17;
+constexpr int NWORKERPDATA = 18;
 constexpr int NWORKERIDATA = 14;
 constexpr int NWORKERHDATA = 9;
 constexpr int NJULIAPPMAX = 64;

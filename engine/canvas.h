@@ -72,6 +72,10 @@ constexpr int JOB_AREAREALM = 14;   // pdata: the area's realm, held by the job
 // 0x800000 of the word): the level whose series starts the vertices, or
 // null. Read, never held.
 constexpr int JOB_JULIAFRAME = 16;  // pdata: const JULIASTACKDATA*
+// Julia realm, an area's job over its view's own orbit: the seed's critical
+// orbit, held by the job, along which a point goes on where the view's
+// orbit ends; or null.
+constexpr int JOB_SEEDORBIT = 17;   // pdata: ENVIRONMENT*
 
 // The number format of a job: CF_MODEPREC of its word, or by its depth when
 // that is 0. Returns the format's MODE (16, 32, 48, 64), or 0 after printing

@@ -116,6 +116,24 @@ void filljulia(AREA* a, WORKER* w) {
   w->hdata[JOB_TRAPRADIUS] = HFLOATCOMPLEX{r->info.dj.mantissa, 0, r->info.dj.exponent};
 }
 
+// The seed's critical orbit for an area of a Julia realm computed over its
+// view's own orbit (one that starts at its point, not at 0): the realm's
+// environment where it sits on the seed itself and starts at 0.
+ENVIRONMENT* seedorbit(const AREA* a) {
+  const REALM* r = a->realm;
+  const ENVIRONMENT* v = a->e;
+  ENVIRONMENT* s = r->type == JULIA ? r->e : nullptr;
+  if (!s || !v || !v->refdatah || v->n < 1 || !s->c || !r->info.c || s->n < 1 || !s->refdatah ||
+      !s->refdatad || s->nrefdata < static_cast<int>(s->n) + 1)
+    return nullptr;
+  HFLOATCOMPLEX v0 = v->refdatah[0].value, s0 = s->refdatah[0].value;
+  if ((v0.mantissax == 0 && v0.mantissay == 0) || s0.mantissax != 0 || s0.mantissay != 0) return nullptr;
+  if (s->c != r->info.c && (mpf_cmp(s->c->v[0], r->info.c->v[0]) != 0 ||
+                            mpf_cmp(s->c->v[1], r->info.c->v[1]) != 0))
+    return nullptr;
+  return s;
+}
+
 // Calls f with the canvas template of format `mode` (a value of the type),
 // so that each step of a job is written once over the formats.
 template <typename F>
@@ -336,6 +354,10 @@ bool processarea(OVCONTEXT* context, AREA* a) {
   }
   fillword(a, w);
   filljulia(a, w);
+  if (ENVIRONMENT* s = seedorbit(a)) {
+    attache(s);
+    w->pdata[JOB_SEEDORBIT] = s;
+  }
   // A Mandelbrot tile with no stack level ready has nothing to be corrected
   // against: kept, the flag would only stop the driver from closing equal
   // cells, and a start view then iterated every vertex of every tile.
@@ -432,6 +454,7 @@ void freecanvascalcworker(OVCONTEXT* context, WORKER* worker) {
   detachhpv(context, static_cast<HPVALUE*>(worker->pdata[JOB_CORNER]));
   detachhpv(context, static_cast<HPVALUE*>(worker->pdata[JOB_JULIA]));
   detache(context, static_cast<ENVIRONMENT*>(worker->pdata[JOB_ENVIRONMENT]));
+  detache(context, static_cast<ENVIRONMENT*>(worker->pdata[JOB_SEEDORBIT]));
   if (REALM* jr = static_cast<REALM*>(worker->pdata[JOB_REALM])) __detachrealm(context, jr);
   if (REALM* r = static_cast<REALM*>(worker->pdata[JOB_AREAREALM])) __detachrealm(context, r);
   freeworker(context, worker);

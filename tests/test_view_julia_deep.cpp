@@ -73,17 +73,30 @@ TEST(ViewJuliaDeep, AViewAtDepth1000WaitsForItsLevelsAndIsComputedWithAndWithout
   EXPECT_EQ(first.current, first.tiles);
   EXPECT_EQ(static_cast<int>(first.counts.size()), first.tiles);
 
-  double withoutms = d.again(R_DEFAULT & ~(R_JULIACORRECT | R_BYPASS), 50);
+  // Without the stack every vertex goes on along the seed's critical orbit
+  // itself: some 2.8 billion steps in the wide format, two minutes on two
+  // quiet cores.
+  double withoutms = d.again(R_DEFAULT & ~(R_JULIACORRECT | R_BYPASS), 600);
   ASSERT_GE(withoutms, 0) << "the view without the stack did not complete";
   COUNTS without = d.counts();
+  double exactwithout = exactshare(d, 4);
   EXPECT_NE(without.cycle, first.cycle);
   EXPECT_EQ(without.current, without.tiles);
   AGREEMENT g = agreement(first, without);
   EXPECT_EQ(g.tiles, static_cast<long>(first.counts.size()));
   printf("  levels 0..%d ready; %d tiles at depth %d; %lld iterations with the stack, %lld without "
-         "(%.0f ms); counts agree on %.4f\n",
+         "(%.0f ms); counts agree on %.4f; exact without %.3f, fewest distinct counts in a tile "
+         "%d\n",
          needed, first.tiles, depth, static_cast<long long>(first.iterations),
-         static_cast<long long>(without.iterations), withoutms, g.share());
+         static_cast<long long>(without.iterations), withoutms, g.share(), exactwithout,
+         without.fewestvalues);
+  // Without the stack the view is its exact points' picture too, at far
+  // more work.
+  EXPECT_GE(exactwithout, 0.95);
+  EXPECT_GT(without.fewestvalues, 16);
+  EXPECT_GT(without.interior, 0);
+  EXPECT_LT(first.iterations, without.iterations);
+  EXPECT_GE(g.share(), 0.9);
 }
 
 // Through the stack the view has the counts of its exact start points. Its
@@ -114,32 +127,23 @@ TEST(ViewJuliaDeep, AtDepth1000TheCountsThroughTheStackAreThoseOfThePoints) {
   EXPECT_GE(exactwith, 0.95);
 }
 
-// DISABLED: fails. Without the stack the same view shows one count, 3320,
-// throughout: its tiles follow the orbit of its centre to where that orbit
-// meets the seed's attractor (3,314 steps), and go on from there in
-// absolute terms, where the seed, the nucleus of an atom far smaller than
-// the format's rounding of it, is another parameter. Going on against the
-// seed's critical orbit instead needs a second reference in the tile's job;
-// running the centre's orbit on past the attractor made every vertex of the
-// view iterate thousands of steps more in the wide format (the view did not
-// finish in 50 seconds). Enable once a Julia tile goes on against the
-// seed's critical orbit where its view's orbit ends.
+// DISABLED: fails. With and without the stack the view agrees on 0.933 of
+// its pixels, not 0.995: without it every sampled texel has its exact
+// point's count, through it 0.958. The differences lie where the counts
+// change within a level's pixel, as at width 2^-8 below. Enable once a
+// pixel handed to a level near a change of count is followed there finely
+// enough.
 TEST(ViewJuliaDeep, DISABLED_AtDepth1000TheCountsAreTheSameWithAndWithoutTheStack) {
   DEEPVIEW d(NTILES, 5);
   d.show(VIEWW, VIEWH);
   ASSERT_TRUE(within([&] { return d.count.finish.load() >= 1; }, 50)) << "the view did not finish";
   ASSERT_TRUE(d.current());
   COUNTS with = d.counts();
-  ASSERT_GE(d.again(R_DEFAULT & ~(R_JULIACORRECT | R_BYPASS), 50), 0);
+  ASSERT_GE(d.again(R_DEFAULT & ~(R_JULIACORRECT | R_BYPASS), 600), 0);
   COUNTS without = d.counts();
-  double exactwithout = exactshare(d, 4);
   AGREEMENT g = agreement(with, without, 8);
-  printf("  without the stack: %lld iterations, fewest distinct counts in a tile %d; agree %.4f; "
-         "exact %.3f\n",
-         static_cast<long long>(without.iterations), without.fewestvalues, g.share(), exactwithout);
-  EXPECT_GT(without.fewestvalues, 16);
+  printf("  agree %.4f\n", g.share());
   EXPECT_GE(g.share(), 0.995);
-  EXPECT_GE(exactwithout, 0.95);
 }
 
 // Where the tiles do resolve the view, the stack keeps its counts. The view

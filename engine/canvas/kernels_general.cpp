@@ -245,13 +245,23 @@ bool takestride(typename T::CANVAS* canvas, const ENVIRONMENT* e, const PERIODST
 
 }  // namespace
 
+// The seed's critical orbit a Julia job carries beside its view's own.
+template <typename T>
+const ENVIRONMENT* seedorbitof(const typename T::CANVAS* canvas) {
+  if (!canvas->__worker) return nullptr;
+  return static_cast<const ENVIRONMENT*>(canvas->__worker->pdata[JOB_SEEDORBIT]);
+}
+
+// The kernel over the orbit `e`. A Julia point going round the seed's
+// critical orbit `e` from step `base` on (where its view's orbit ended)
+// stands at sample (n - base) mod the orbit's length.
 template <typename T, bool JULIA, bool SAT>
 int envkernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int self,
-              typename T::CVALUE* cvalue, ITER maxiter, int* ii, bool forced, int idepth) {
+              typename T::CVALUE* cvalue, ITER maxiter, int* ii, bool forced, int idepth,
+              const ENVIRONMENT* e, UITER base) {
   typedef canvasmodel::NUM<typename T::FLOAT> N;
   typedef typename T::COMPLEX COMPLEX;
   typedef typename T::FLOAT FLOAT;
-  const ENVIRONMENT* e = jobenvironment<T>(canvas);
   const bool haveorbit = e && e->n > 0 &&
                          (std::is_same_v<FLOAT, HFLOAT> ? e->refdatah != nullptr
                                                         : e->refdatad != nullptr);
@@ -272,18 +282,25 @@ int envkernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int 
   // A Julia orbit that goes round the critical orbit again keeps its place
   // in it as n mod the orbit's length.
   const bool wrap = JULIA && !SAT && juliawraps<T>(e);
+  const ENVIRONMENT* seed = JULIA && !SAT && !wrap ? seedorbitof<T>(canvas) : nullptr;
   if (!SAT && !wrap && n >= period) {
+    // A state at the orbit's end is a deviation of its last sample; one
+    // past it, of the seed's orbit, which it has gone on along.
+    if (seed && n == period && static_cast<UITER>(maxiter) <= n) return CALC_MORE;
     if (n == period) {
       envsample<T>(e, n, &X, &a);
       cvalue->value = N::cadd(X, cvalue->value);
     }
+    if (seed)
+      return envkernel<T, JULIA, false>(context, canvas, x, y, self, cvalue, maxiter, ii, forced,
+                                        idepth, seed, period);
     cvalue->flags = CV_ABSOLUTE;
     return absolutekernel<T, JULIA>(context, canvas, x, y, self, cvalue, maxiter, ii, forced,
                                     idepth);
   }
   const bool testprecision = (canvas->flags & CF_HPCORRECT) != 0;
   const UITER end = static_cast<UITER>(maxiter);
-  UITER j = SAT || wrap ? n % period : n;  // the sample's index
+  UITER j = SAT ? n % period : wrap ? (n - base) % period : n;  // the sample's index
   envsample<T>(e, j, &X, &a);
   PERTURB<T> p, q;
   p.start(X, cvalue->value, cvalue->d, cvalue->Z);
@@ -387,6 +404,17 @@ int envkernel(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int 
         storestate<T>(cvalue, n, p.z, p.d, CV_ABSOLUTE);
         return CALC_BOUND;
       }
+      // Without the stack the point goes on along the seed's critical
+      // orbit, where the job carries it.
+      if (seed) {
+        cvalue->iter = n;
+        cvalue->value = p.delta;
+        cvalue->d = p.d;
+        cvalue->Z = p.Z;
+        cvalue->flags = 0;
+        return envkernel<T, JULIA, SAT>(context, canvas, x, y, self, cvalue, maxiter, ii, forced,
+                                        idepth, e, base);
+      }
       if (testprecision && self != -1 && idepth < NCANVASLEVEL - 1) {
         // The state here, not the one the call began with: the canvas
         // keeps a checkpoint of the environment at its end, so the vertex
@@ -420,7 +448,7 @@ int calcitergeneralnonsat(typename T::CANVAS* canvas, int x, int y, int self,
                           typename T::CVALUE* cvalue, ITER maxiter, int* ii, bool forced,
                           int idepth) {
   return envkernel<T, false, false>(nullptr, canvas, x, y, self, cvalue, maxiter, ii, forced,
-                                    idepth);
+                                    idepth, jobenvironment<T>(canvas), 0);
 }
 
 template <typename T>
@@ -428,7 +456,7 @@ int calcitergeneralsat(typename T::CANVAS* canvas, int x, int y, int self,
                        typename T::CVALUE* cvalue, ITER maxiter, int* ii, bool forced,
                        int idepth) {
   return envkernel<T, false, true>(nullptr, canvas, x, y, self, cvalue, maxiter, ii, forced,
-                                   idepth);
+                                   idepth, jobenvironment<T>(canvas), 0);
 }
 
 template <typename T>
@@ -436,14 +464,14 @@ int calciterjulianonsat(OVCONTEXT* context, typename T::CANVAS* canvas, int x, i
                         typename T::CVALUE* cvalue, ITER maxiter, int* ii, bool forced,
                         int idepth) {
   return envkernel<T, true, false>(context, canvas, x, y, self, cvalue, maxiter, ii, forced,
-                                   idepth);
+                                   idepth, jobenvironment<T>(canvas), 0);
 }
 
 template <typename T>
 int calciterjuliasat(OVCONTEXT* context, typename T::CANVAS* canvas, int x, int y, int self,
                      typename T::CVALUE* cvalue, ITER maxiter, int* ii, bool forced, int idepth) {
   return envkernel<T, true, true>(context, canvas, x, y, self, cvalue, maxiter, ii, forced,
-                                  idepth);
+                                  idepth, jobenvironment<T>(canvas), 0);
 }
 
 #define ORVANTA_INSTANTIATE(T)                                                                 \
